@@ -1,0 +1,78 @@
+# Helpers shared by every layer: one library target per folder, tests beside the code.
+
+function(zr_setup_sanitizers)
+  if(ZR_SANITIZE)
+    string(REPLACE "," ";" _sans "${ZR_SANITIZE}")
+    foreach(_s IN LISTS _sans)
+      if(NOT _s MATCHES "^(address|undefined|thread)$")
+        message(FATAL_ERROR "ZR_SANITIZE: unknown sanitizer '${_s}' (address, undefined, thread)")
+      endif()
+    endforeach()
+    if("thread" IN_LIST _sans AND "address" IN_LIST _sans)
+      message(FATAL_ERROR "ZR_SANITIZE: thread and address cannot be combined")
+    endif()
+    string(REPLACE ";" "," _flag "${_sans}")
+    add_compile_options(-fsanitize=${_flag} -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+    add_link_options(-fsanitize=${_flag})
+  endif()
+endfunction()
+
+set(ZR_PKGCONFIG_LIBS "" CACHE INTERNAL "")
+
+function(zr_warnings target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra)
+  if(ZR_WARNINGS_AS_ERRORS)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
+endfunction()
+
+# zr_add_library(name SOURCES ... [PUBLIC_DEPS ...] [PRIVATE_DEPS ...])
+# Public headers live in <folder>/<name>/ and install to include/<name>/.
+function(zr_add_library name)
+  cmake_parse_arguments(A "" "" "SOURCES;PUBLIC_DEPS;PRIVATE_DEPS" ${ARGN})
+  add_library(${name} ${A_SOURCES})
+  add_library(ZRAudio::${name} ALIAS ${name})
+  target_include_directories(${name} PUBLIC
+    $<BUILD_INTERFACE:${CMAKE_CURRENT_SOURCE_DIR}>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  target_link_libraries(${name} PUBLIC ${A_PUBLIC_DEPS} PRIVATE ${A_PRIVATE_DEPS})
+  set_target_properties(${name} PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR}
+    OUTPUT_NAME ${name})
+  zr_warnings(${name})
+  install(TARGETS ${name} EXPORT ZRAudioTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/${name}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${name})
+  set(ZR_PKGCONFIG_LIBS "-l${name} ${ZR_PKGCONFIG_LIBS}" CACHE INTERNAL "")
+endfunction()
+
+# zr_add_test(name SOURCES ... DEPS ... [LABELS ...])
+# One GoogleTest program; its cases are registered with ctest one by one.
+function(zr_add_test name)
+  if(NOT ZR_BUILD_TESTS)
+    return()
+  endif()
+  cmake_parse_arguments(A "" "" "SOURCES;DEPS;LABELS" ${ARGN})
+  add_executable(${name} ${A_SOURCES})
+  target_link_libraries(${name} PRIVATE ${A_DEPS} GTest::gtest GTest::gtest_main GTest::gmock Threads::Threads)
+  zr_warnings(${name})
+  set(_props LABELS "${A_LABELS};${name}")
+  gtest_discover_tests(${name} PROPERTIES ${_props} DISCOVERY_TIMEOUT 60)
+endfunction()
+
+function(zr_install_pkgconfig)
+  set(_libs "${ZR_PKGCONFIG_LIBS}")
+  file(GENERATE OUTPUT ${CMAKE_BINARY_DIR}/zraudio.pc CONTENT
+"prefix=\${pcfiledir}/../..
+libdir=\${prefix}/${CMAKE_INSTALL_LIBDIR}
+includedir=\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}
+
+Name: zraudio
+Description: Extractor base classes and the ZR module platform
+Version: ${PROJECT_VERSION}
+Libs: -L\${libdir} ${_libs}
+Cflags: -I\${includedir}
+")
+  install(FILES ${CMAKE_BINARY_DIR}/zraudio.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endfunction()

@@ -1,0 +1,85 @@
+#!/usr/bin/env bash
+# One entry point for machines and people: installs what the project needs (Debian packages),
+# configures, builds, and runs the demo or the tests.
+#
+#   ./setup.sh demo        set up, build, run the demo pipeline
+#   ./setup.sh test        set up, build, run the whole test suite
+#   ./setup.sh asan        the test suite in an AddressSanitizer + UBSan build (build-asan/)
+#   ./setup.sh tsan        the concurrency tests in a ThreadSanitizer build (build-tsan/)
+#   ./setup.sh bench       build and run the benchmarks (build-bench/)
+#   ./setup.sh deps        only install the packages
+#   ./setup.sh build       only install and build (build/)
+set -euo pipefail
+cd "$(dirname "$0")"
+
+PACKAGES=(
+  build-essential cmake ninja-build pkg-config git
+  libboost-dev libboost-thread-dev libboost-system-dev
+  libsndfile1-dev libasound2-dev libsamplerate0-dev
+  libcli11-dev nlohmann-json3-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+  gnuplot-nox espeak-ng sox
+)
+
+install_deps() {
+  local missing=()
+  for p in "${PACKAGES[@]}"; do
+    dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  local sudo=()
+  if [ "$(id -u)" -ne 0 ]; then sudo=(sudo); fi
+  echo "setup: installing ${missing[*]}" >&2
+  "${sudo[@]}" apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive "${sudo[@]}" apt-get install -y -qq --no-install-recommends \
+    "${missing[@]}" >/dev/null
+}
+
+# build DIR [cmake options...]
+build() {
+  local dir=$1
+  shift
+  cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "$@" >/dev/null
+  cmake --build "$dir" -j "$(nproc)"
+}
+
+run_tests() {
+  local dir=$1
+  shift
+  ctest --test-dir "$dir" --output-on-failure -j "$(nproc)" --timeout 300 "$@"
+}
+
+cmd=${1:-test}
+case "$cmd" in
+  deps) install_deps ;;
+  build) install_deps; build build -DZR_BUILD_BENCHMARKS=ON ;;
+  test)
+    install_deps
+    build build -DZR_BUILD_BENCHMARKS=ON
+    run_tests build
+    ;;
+  asan)
+    install_deps
+    build build-asan -DZR_SANITIZE=address,undefined
+    ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 run_tests build-asan
+    ;;
+  tsan)
+    install_deps
+    build build-tsan -DZR_SANITIZE=thread
+    TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" run_tests build-tsan -L concurrency
+    ;;
+  bench)
+    install_deps
+    build build-bench -DCMAKE_BUILD_TYPE=Release -DZR_BUILD_TESTS=OFF -DZR_BUILD_BENCHMARKS=ON
+    for b in build-bench/bench/bench_*; do [ -x "$b" ] && "$b"; done
+    ;;
+  demo)
+    install_deps
+    build build -DZR_BUILD_BENCHMARKS=ON
+    ./build/tools/zr/zr run
+    ;;
+  *)
+    echo "usage: $0 demo|test|asan|tsan|bench|deps|build" >&2
+    exit 2
+    ;;
+esac
