@@ -1,0 +1,53 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include <vo/anyfunction.h>
+#include <vo/metamethod.h>
+
+namespace vo {
+
+/// An object whose methods are published at run time and called by name. Overloads of one name
+/// are told apart by their arguments. Methods are added while the object is being built, before
+/// anyone can call it; after that the table is only read, so calls take no lock.
+class DynamicObject {
+ public:
+  DynamicObject();
+  virtual ~DynamicObject();
+  DynamicObject(const DynamicObject&) = delete;
+  DynamicObject& operator=(const DynamicObject&) = delete;
+
+  /// Adds a method under meta.name; returns its identifier. `function` must take exactly the
+  /// parameters meta.parametersSignature lists.
+  unsigned int addMethod(const MetaMethod& meta, AnyFunction function, int callType = 0);
+
+  /// Calls `name` with `args`: the overload whose parameters the arguments fill best. Throws
+  /// ZRError naming the method and its signatures when none fits, and passes on what the method
+  /// throws.
+  ZR::ZRValue metaCall(std::string_view name, const ZR::ZRValue* args, std::size_t count) const;
+
+  /// The published methods in the order they were added.
+  std::vector<MetaMethod> metaMethods() const;
+  bool hasMethod(std::string_view name) const;
+  /// The name used in errors about this object's calls.
+  virtual std::string objectName() const { return "DynamicObject"; }
+
+ private:
+  struct Method {
+    MetaMethod meta;
+    AnyFunction function;
+    int callType;
+  };
+  const Method* select(std::string_view name, const ZR::ZRValue* args, std::size_t count) const;
+
+  std::vector<std::unique_ptr<Method>> methods_;
+  // Keys view the names inside methods_, which never move.
+  std::unordered_map<std::string_view, std::vector<const Method*>> byName_;
+};
+
+}  // namespace vo

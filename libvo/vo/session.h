@@ -1,0 +1,60 @@
+#pragma once
+
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <boost/shared_ptr.hpp>
+#include <boost/weak_ptr.hpp>
+
+#include <vo/dynamicobject.h>
+#include <vo/future.h>
+
+namespace vo {
+
+/// The service directory of a process: services are registered under unique names, found by
+/// name, and waited for. The directory does not own its services; it forgets one that is
+/// unregistered, and a lookup of one that went away finds nothing.
+class Session {
+ public:
+  Session();
+  ~Session();
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  /// Registers `object` under `name`; throws ZRError when the name is taken or the session is
+  /// closed. Releases everyone waiting for that name.
+  void registerService(const std::string& name, const boost::weak_ptr<DynamicObject>& object);
+  /// Forgets `name`, but only if it still designates `object` (null: whatever it designates).
+  /// Returns whether something was removed.
+  bool unregisterService(const std::string& name, const DynamicObject* object = nullptr);
+  /// The service, or null when there is none by that name (or it went away).
+  boost::shared_ptr<DynamicObject> service(const std::string& name) const;
+  boost::weak_ptr<DynamicObject> serviceHandle(const std::string& name) const;
+  /// Registered names in registration order.
+  std::vector<std::string> services() const;
+  bool hasService(const std::string& name) const;
+
+  /// Completes when a service called `name` is (or already was) registered. Dropping the result
+  /// at once blocks until then; close() fails the waits still pending.
+  FutureSync<void> waitForService(const std::string& name);
+
+  /// No more registrations; pending waits fail.
+  void close();
+  bool isClosed() const;
+
+ private:
+  struct Entry {
+    boost::weak_ptr<DynamicObject> object;
+    const DynamicObject* raw;
+    unsigned long order;
+  };
+  mutable std::mutex mutex_;
+  std::map<std::string, Entry> services_;
+  std::multimap<std::string, Promise<void>> waiters_;
+  unsigned long nextOrder_ = 0;
+  bool closed_ = false;
+};
+
+}  // namespace vo

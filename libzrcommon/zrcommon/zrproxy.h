@@ -1,0 +1,64 @@
+#pragma once
+
+#include <array>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <boost/weak_ptr.hpp>
+
+#include <vo/dynamicobject.h>
+#include <vo/signature.h>
+#include <zrerror/zrerror.h>
+#include <zrvalue/zrvalue.h>
+
+namespace ZR {
+
+/// A handle to a named module. Calls are synchronous, by method name, without a time limit; every
+/// failure comes out as a ZRError naming the module and the method: "module destroyed" once the
+/// module is gone, "This object is null" for an empty proxy, otherwise the error the call raised.
+/// An in-process call runs on the caller's thread and keeps the module alive while it runs.
+class ZRProxy {
+ public:
+  ZRProxy() = default;
+  ZRProxy(const std::string& moduleName, boost::weak_ptr<vo::DynamicObject> object);
+  virtual ~ZRProxy();
+
+  const std::string& getModuleName() const { return moduleName_; }
+  /// False once the module is gone (or for an empty proxy).
+  bool isValid() const { return !object_.expired(); }
+
+  /// call<R>(method, args...): R is void, bool, int, float, std::string, ZRValue or
+  /// std::vector<std::string>.
+  template <class R, class... Args>
+  R call(const std::string& method, const Args&... args) {
+    std::array<ZRValue, sizeof...(Args)> argv{vo::toArgument(args)...};
+    ZRValue result = metaCall(method, argv.data(), argv.size());
+    if constexpr (std::is_void_v<R>) {
+      return;
+    } else {
+      return convertResult<R>(method, result);
+    }
+  }
+
+  /// The dynamic form: arguments and result as values.
+  virtual ZRValue metaCall(std::string_view method, const ZRValue* args, std::size_t count);
+  ZRValue callValues(const std::string& method, const std::vector<ZRValue>& args) {
+    return metaCall(method, args.data(), args.size());
+  }
+
+ private:
+  template <class R>
+  R convertResult(const std::string& method, const ZRValue& result) {
+    try {
+      return R(vo::TypeTraits<std::decay_t<R>>::get(result));
+    } catch (const ZRError& e) {
+      throw ZRError(moduleName_, method, std::string("unexpected result: ") + e.getDescription());
+    }
+  }
+
+  std::string moduleName_;
+  boost::weak_ptr<vo::DynamicObject> object_;
+};
+
+}  // namespace ZR
