@@ -30,12 +30,35 @@ void Session::registerService(const std::string& name,
 }
 
 bool Session::unregisterService(const std::string& name, const DynamicObject* object) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  auto it = services_.find(name);
-  if (it == services_.end()) return false;
-  if (object && it->second.raw != object) return false;
-  services_.erase(it);
+  std::vector<ServiceListener> listeners;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = services_.find(name);
+    if (it == services_.end()) return false;
+    if (object && it->second.raw != object) return false;
+    services_.erase(it);
+    for (const auto& [id, l] : removedListeners_) listeners.push_back(l);
+  }
+  for (const auto& l : listeners) {
+    try {
+      l(name);
+    } catch (...) {
+      // One listener's failure must not keep the others from learning of the removal.
+    }
+  }
   return true;
+}
+
+unsigned long Session::connectServiceRemoved(ServiceListener listener) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  const unsigned long id = nextListener_++;
+  removedListeners_.emplace(id, std::move(listener));
+  return id;
+}
+
+void Session::disconnectServiceRemoved(unsigned long id) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  removedListeners_.erase(id);
 }
 
 boost::shared_ptr<DynamicObject> Session::service(const std::string& name) const {

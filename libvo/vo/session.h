@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -40,6 +41,12 @@ class Session {
   /// at once blocks until then; close() fails the waits still pending.
   FutureSync<void> waitForService(const std::string& name);
 
+  /// Calls `listener` with the name of every service unregistered from now on, outside the
+  /// session's lock, in the thread that unregisters it. Returns an id for disconnect.
+  using ServiceListener = std::function<void(const std::string& name)>;
+  unsigned long connectServiceRemoved(ServiceListener listener);
+  void disconnectServiceRemoved(unsigned long id);
+
   /// No more registrations; pending waits fail.
   void close();
   bool isClosed() const;
@@ -53,6 +60,8 @@ class Session {
   mutable std::mutex mutex_;
   std::map<std::string, Entry> services_;
   std::multimap<std::string, Promise<void>> waiters_;
+  std::map<unsigned long, ServiceListener> removedListeners_;
+  unsigned long nextListener_ = 1;
   unsigned long nextOrder_ = 0;
   bool closed_ = false;
 };

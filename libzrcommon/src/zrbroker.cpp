@@ -119,8 +119,8 @@ bool ZRBroker::removeModule(const std::string& moduleName) {
     if (it == impl_->modules.end()) return false;
     released = *it;
     impl_->modules.erase(it);
-    impl_->session->unregisterService(moduleName, released.get());
   }
+  impl_->session->unregisterService(moduleName, released.get());
   // The module may be destroyed here, outside the lock: its destructor may call the broker.
   released.reset();
   return true;

@@ -1,0 +1,51 @@
+#include "zrproxies/zrmemoryproxy.h"
+
+namespace ZR {
+
+ZRMemoryProxy::ZRMemoryProxy(boost::shared_ptr<ZRBroker> broker) {
+  if (!broker) throw ZRError("ZRMemory", "ZRMemoryProxy", "no broker to find the memory service on");
+  proxy_ = broker->getProxy("ZRMemory", 0);
+}
+
+void ZRMemoryProxy::insertData(const std::string& key, const ZRValue& value) {
+  proxy_->call<void>("insertData", key, value);
+}
+
+ZRValue ZRMemoryProxy::getData(const std::string& key) { return proxy_->call<ZRValue>("getData", key); }
+
+std::vector<std::string> ZRMemoryProxy::getDataListName() {
+  return proxy_->call<std::vector<std::string>>("getDataListName");
+}
+
+void ZRMemoryProxy::removeData(const std::string& key) { proxy_->call<void>("removeData", key); }
+
+void ZRMemoryProxy::declareEvent(const std::string& eventName, const std::string& producerName) {
+  proxy_->call<void>("declareEvent", eventName, producerName);
+}
+
+void ZRMemoryProxy::raiseEvent(const std::string& eventName, const ZRValue& value) {
+  proxy_->call<void>("raiseEvent", eventName, value);
+}
+
+void ZRMemoryProxy::subscribeToEvent(const std::string& eventName, const std::string& moduleName,
+                                     const std::string& callbackMethod) {
+  proxy_->call<void>("subscribeToEvent", eventName, moduleName, callbackMethod);
+}
+
+void ZRMemoryProxy::unsubscribeToEvent(const std::string& eventName, const std::string& moduleName) {
+  proxy_->call<void>("unsubscribeToEvent", eventName, moduleName);
+}
+
+std::vector<std::string> ZRMemoryProxy::getEventList() {
+  return proxy_->call<std::vector<std::string>>("getEventList");
+}
+
+std::vector<std::string> ZRMemoryProxy::getExtractorEvent(const std::string& producerName) {
+  return proxy_->call<std::vector<std::string>>("getExtractorEvent", producerName);
+}
+
+std::vector<std::string> ZRMemoryProxy::getSubscribers(const std::string& eventName) {
+  return proxy_->call<std::vector<std::string>>("getSubscribers", eventName);
+}
+
+}  // namespace ZR

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <boost/shared_ptr.hpp>
+
+#include <zrcommon/zrbroker.h>
+#include <zrcommon/zrproxy.h>
+#include <zrvalue/zrvalue.h>
+
+namespace ZR {
+
+/// Typed access to the memory service "ZRMemory": one method per remote method, with the same
+/// names, arguments and errors.
+class ZRMemoryProxy {
+ public:
+  /// Throws ZRError when the broker hosts no "ZRMemory".
+  explicit ZRMemoryProxy(boost::shared_ptr<ZRBroker> broker);
+
+  void insertData(const std::string& key, const ZRValue& value);
+  /// ZRError for an unknown key.
+  ZRValue getData(const std::string& key);
+  std::vector<std::string> getDataListName();
+  void removeData(const std::string& key);
+
+  void declareEvent(const std::string& eventName, const std::string& producerName);
+  /// Stores `value` under the event's name and notifies the event's subscribers.
+  void raiseEvent(const std::string& eventName, const ZRValue& value);
+  /// `callbackMethod` of `moduleName` is called as (eventName, value, subscriberIdentifier).
+  void subscribeToEvent(const std::string& eventName, const std::string& moduleName,
+                        const std::string& callbackMethod);
+  void unsubscribeToEvent(const std::string& eventName, const std::string& moduleName);
+  std::vector<std::string> getEventList();
+  /// The events `producerName` declared, in declaration order.
+  std::vector<std::string> getExtractorEvent(const std::string& producerName);
+  std::vector<std::string> getSubscribers(const std::string& eventName);
+
+  /// The generic proxy underneath, for methods this class does not wrap.
+  const boost::shared_ptr<ZRProxy>& getGenericProxy() const { return proxy_; }
+
+ private:
+  boost::shared_ptr<ZRProxy> proxy_;
+};
+
+}  // namespace ZR
