@@ -113,6 +113,14 @@ TEST_F(Log, ConcurrentRecordsAreNeitherLostNorTorn) {
   constexpr int kPerThread = 2000;
   Collector c;
   vo::log::addHandler("test", c.handler(), vo::LogLevel_Info);
+  // Handler changes while records fly must neither block nor corrupt the emitters.
+  std::atomic<bool> done{false};
+  std::thread churn([&done] {
+    while (!done) {
+      vo::log::addHandler("other", [](const Record&) {}, vo::LogLevel_Debug);
+      vo::log::removeHandler("other");
+    }
+  });
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([t] {
@@ -122,6 +130,8 @@ TEST_F(Log, ConcurrentRecordsAreNeitherLostNorTorn) {
     });
   }
   for (std::thread& th : threads) th.join();
+  done = true;
+  churn.join();
 
   const std::vector<Record> records = c.records();
   ASSERT_EQ(records.size(), static_cast<size_t>(kThreads * kPerThread));
