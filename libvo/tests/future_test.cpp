@@ -14,63 +14,47 @@ using ZR::ZRError;
 namespace {
 
 // Runs `f` on another thread after `delay`; joins on destruction.
-class Later {
- public:
+struct Later {
   template <class F>
-  Later(std::chrono::milliseconds delay, F f) : thread_([delay, f]() mutable {
-      std::this_thread::sleep_for(delay);
-      f();
-    }) {}
-  ~Later() { thread_.join(); }
-  std::thread::id id() const { return thread_.get_id(); }
-
- private:
-  std::thread thread_;
+  Later(std::chrono::milliseconds delay, F f)
+      : thread([delay, f]() mutable {
+          std::this_thread::sleep_for(delay);
+          f();
+        }) {}
+  ~Later() { thread.join(); }
+  std::thread thread;
 };
 
 TEST(Future, ValueAndError) {
   vo::Promise<int> p;
   const vo::Future<int> f = p.future();
-  const vo::Future<int> copy = f;
   EXPECT_TRUE(f.isRunning());
-  EXPECT_FALSE(f.isFinished());
   EXPECT_TRUE(p.setValue(5));
   EXPECT_FALSE(p.setValue(6));  // the first result stays
   EXPECT_FALSE(p.setError("late"));
-  EXPECT_TRUE(copy.hasValue());
-  EXPECT_EQ(copy.value(), 5);
+  EXPECT_TRUE(p.future().hasValue());
+  EXPECT_EQ(f.value(), 5);
   EXPECT_EQ(f.error(), "");
-  EXPECT_EQ(f.exception(), nullptr);
 
   vo::Promise<std::string> failing;
-  const vo::Future<std::string> ff = failing.future();
-  EXPECT_TRUE(failing.setError("disk full"));
-  EXPECT_TRUE(ff.hasError());
-  EXPECT_NE(ff.error().find("disk full"), std::string::npos);
-  EXPECT_THROW(ff.value(), ZRError);
-
-  // A foreign exception keeps its own type.
-  vo::Promise<int> foreign;
+  failing.setError("disk full");
+  EXPECT_TRUE(failing.future().hasError());
+  EXPECT_NE(failing.future().error().find("disk full"), std::string::npos);
+  EXPECT_THROW(failing.future().value(), ZRError);
+  vo::Promise<int> foreign;  // a foreign exception keeps its own type
   foreign.setException(std::make_exception_ptr(std::runtime_error("boom")));
   EXPECT_THROW(foreign.future().value(), std::runtime_error);
-  EXPECT_EQ(foreign.future().error(), "boom");
 
   EXPECT_EQ(vo::Future<int>(7).value(), 7);
-  const vo::Future<int> none;
-  EXPECT_FALSE(none.isValid());
-  EXPECT_EQ(none.state(), vo::FutureState::None);
-  EXPECT_THROW(none.wait(), ZRError);
+  EXPECT_EQ(vo::Future<int>().state(), vo::FutureState::None);
+  EXPECT_THROW(vo::Future<int>().wait(), ZRError);
 }
 
 TEST(Future, VoidSpecialisation) {
   vo::Promise<void> p;
-  const vo::Future<void> f = p.future();
-  EXPECT_TRUE(f.isRunning());
   EXPECT_TRUE(p.setValue());
-  EXPECT_NO_THROW(f.value());
-  EXPECT_TRUE(f.hasValue());
+  EXPECT_NO_THROW(p.future().value());
   EXPECT_TRUE(vo::makeReadyFuture().hasValue());
-
   vo::Promise<void> failing;
   failing.setError("no device");
   EXPECT_THROW(failing.future().value(), ZRError);
@@ -82,33 +66,29 @@ TEST(Future, WaitWithTimeout) {
   const auto start = std::chrono::steady_clock::now();
   EXPECT_EQ(f.wait(30), vo::FutureState::Running);
   EXPECT_GE(std::chrono::steady_clock::now() - start, 25ms);
-
   Later setter(20ms, [p]() mutable { p.setValue(3); });
   EXPECT_EQ(f.wait(10000), vo::FutureState::FinishedWithValue);
-  EXPECT_EQ(f.value(), 3);
 }
 
 TEST(Future, ConnectBeforeAndAfterCompletion) {
   vo::Promise<int> p;
-  const vo::Future<int> f = p.future();
   std::atomic<int> seen{0};
-  std::thread::id calledOn;
-  f.connect([&](const vo::Future<int>& done) {
+  std::thread::id calledOn, setterId;
+  p.future().connect([&](const vo::Future<int>& done) {
     calledOn = std::this_thread::get_id();
     seen = done.value();
   });
   EXPECT_EQ(seen, 0);
-  std::thread::id setterId;
   {
     Later setter(10ms, [p]() mutable { p.setValue(11); });
-    setterId = setter.id();
+    setterId = setter.thread.get_id();
   }
   EXPECT_EQ(seen, 11);
-  EXPECT_EQ(calledOn, setterId);  // runs in the thread that finished the future
+  EXPECT_EQ(calledOn, setterId);  // in the thread that finished the future
 
   bool immediate = false;
-  f.connect([&](const vo::Future<int>& done) { immediate = done.hasValue(); });
-  EXPECT_TRUE(immediate);  // already finished: called at once, here
+  p.future().connect([&](const vo::Future<int>& done) { immediate = done.hasValue(); });
+  EXPECT_TRUE(immediate);  // already finished: called at once
 
   vo::Promise<void> failing;
   std::string error;
@@ -118,8 +98,7 @@ TEST(Future, ConnectBeforeAndAfterCompletion) {
 }
 
 TEST(FutureSync, DestructorWaitsAndRethrows) {
-  // Success: dropping the FutureSync blocks until the other thread has set the value.
-  {
+  {  // dropping it blocks until the other thread has set the value
     vo::Promise<int> p;
     std::atomic<bool> set{false};
     Later setter(50ms, [p, &set]() mutable {
@@ -129,8 +108,7 @@ TEST(FutureSync, DestructorWaitsAndRethrows) {
     EXPECT_NO_THROW({ vo::FutureSync<int> sync(p.future()); });
     EXPECT_TRUE(set);
   }
-  // Failure: the original error, type and fields intact, comes out of the destructor.
-  {
+  {  // the original error, type and fields intact, comes out of the destructor
     vo::Promise<int> p;
     Later setter(50ms, [p]() mutable {
       p.setException(std::make_exception_ptr(ZRError("Device", "read", "timeout", "dev.cpp", 7)));
@@ -141,25 +119,19 @@ TEST(FutureSync, DestructorWaitsAndRethrows) {
     } catch (const ZRError& e) {
       caught = true;
       EXPECT_EQ(e.getModuleName(), "Device");
-      EXPECT_EQ(e.getMethodName(), "read");
       EXPECT_STREQ(e.what(), "Device::read: timeout (dev.cpp:7)");
     }
     EXPECT_TRUE(caught);
   }
-  // Moving hands the duty over: only the destination waits and throws.
-  {
-    vo::Promise<void> p;
-    p.setError("moved");
-    bool caught = false;
-    try {
-      vo::FutureSync<void> source(p.future());
-      vo::FutureSync<void> target(std::move(source));
-    } catch (const ZRError& e) {
-      caught = true;
-      EXPECT_NE(std::string(e.what()).find("moved"), std::string::npos);
-    }
-    EXPECT_TRUE(caught);
-  }
+  // Moving hands the duty over.
+  vo::Promise<void> p;
+  p.setError("moved");
+  EXPECT_THROW(
+      {
+        vo::FutureSync<void> source(p.future());
+        vo::FutureSync<void> target(std::move(source));
+      },
+      ZRError);
 }
 
 TEST(FutureSync, TakenResultDoesNotThrowOnDestruction) {
@@ -173,21 +145,11 @@ TEST(FutureSync, TakenResultDoesNotThrowOnDestruction) {
     vo::FutureSync<int> sync(p.future());
     EXPECT_TRUE(sync.hasError());
   });
-  EXPECT_NO_THROW({
-    vo::FutureSync<int> sync(p.future());
-    EXPECT_NE(sync.error().find("already reported"), std::string::npos);
-  });
-
   // Handed over to a plain future: the destructor neither throws nor waits.
   vo::Promise<int> running;
   vo::Future<int> kept;
-  {
-    vo::FutureSync<int> sync(running.future());
-    kept = sync.async();
-  }
+  { kept = vo::FutureSync<int>(running.future()).async(); }
   EXPECT_TRUE(kept.isRunning());
-  running.setValue(2);
-  EXPECT_EQ(kept.value(), 2);
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <stdexcept>
 #include <string>
 
 using ZR::ZRError;
@@ -14,55 +13,32 @@ TEST(ZRError, FieldsAndAccessors) {
   EXPECT_EQ(e.getDescription(), "gain out of range");
   EXPECT_EQ(e.getFileName(), "mixer.cpp");
   EXPECT_EQ(e.getLineNumber(), 42);
-
-  const ZRError noFile("Mixer", "setGain", "bad", nullptr, 7);
-  EXPECT_EQ(noFile.getFileName(), "");
-  EXPECT_EQ(noFile.getLineNumber(), 7);
-
-  const ZRError fromString("Mixer", "open", "busy", std::string("dev.cpp"), 3);
-  EXPECT_EQ(fromString.getFileName(), "dev.cpp");
-  EXPECT_EQ(fromString.getLineNumber(), 3);
+  EXPECT_EQ(ZRError("M", "m", "d", nullptr, 7).getFileName(), "");
+  EXPECT_EQ(ZRError("M", "m", "d", std::string("dev.cpp"), 3).getFileName(), "dev.cpp");
 }
 
 TEST(ZRError, WhatIsOneReadableLine) {
   EXPECT_STREQ(ZRError("Mixer", "setGain", "gain out of range", "mixer.cpp", 42).what(),
                "Mixer::setGain: gain out of range (mixer.cpp:42)");
-  // No file: no dangling location suffix.
   EXPECT_STREQ(ZRError("Mixer", "setGain", "bad").what(), "Mixer::setGain: bad");
   // An operation already ending in a colon must not get a second one.
   EXPECT_STREQ(ZRError("Cfg", "cannot parse:", "x=1").what(), "Cfg::cannot parse: x=1");
   EXPECT_STREQ(ZRError("Cfg", "cannot parse: ", "x=1").what(), "Cfg::cannot parse: x=1");
-  EXPECT_STREQ(ZRError("", "", "just text").what(), "just text");
-  // An empty error still says something.
   EXPECT_STRNE(ZRError().what(), "");
 
-  // The text survives copies: what() must not point into the source object.
-  std::string expected;
+  // what() must not point into the object it was copied from.
   ZRError copy;
-  {
-    ZRError original("A", "b", "c", "f.cpp", 1);
-    expected = original.what();
-    copy = original;
-  }
-  EXPECT_EQ(copy.what(), expected);
+  { copy = ZRError("A", "b", "c", "f.cpp", 1); }
+  EXPECT_STREQ(copy.what(), "A::b: c (f.cpp:1)");
 }
 
-TEST(ZRError, ThrownAndCaughtAsStdException) {
+TEST(ZRError, ThrownByValueCaughtAsStdException) {
   try {
     throw ZRError("Net", "connect", "refused", "net.cpp", 9);
   } catch (const std::exception& e) {
-    EXPECT_EQ(std::string(e.what()), "Net::connect: refused (net.cpp:9)");
+    EXPECT_STREQ(e.what(), "Net::connect: refused (net.cpp:9)");
     const auto* zr = dynamic_cast<const ZRError*>(&e);
     ASSERT_NE(zr, nullptr);
-    EXPECT_EQ(zr->getModuleName(), "Net");
+    EXPECT_EQ(zr->getLineNumber(), 9);
   }
-
-  try {
-    throw ZRError("Net", "connect", "refused");
-  } catch (const ZRError& e) {
-    EXPECT_EQ(e.getMethodName(), "connect");
-    EXPECT_STREQ(e.what(), "Net::connect: refused");
-  }
-
-  EXPECT_THROW(throw ZRError("a", "b", "c"), std::exception);
 }
