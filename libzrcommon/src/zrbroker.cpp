@@ -1,6 +1,8 @@
 #include "zrcommon/zrbroker.h"
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <mutex>
 #include <thread>
 
@@ -37,16 +39,31 @@ std::function<void()> guarded(const void* pool, std::function<void()> work) {
 }
 }  // namespace
 
+// Strands share the pool with the broker: an Asio strand must not outlive its pool, and a module
+// kept by its host past the broker's shutdown still holds its strands.
+struct PoolHolder {
+  explicit PoolHolder(std::size_t threads) : pool(threads) {}
+  std::mutex mutex;
+  bool closed = false;  // once set, only the pool's own tasks may still post
+  boost::asio::thread_pool pool;
+};
+
 struct ZRStrand::Impl {
+  std::shared_ptr<PoolHolder> holder;  // declared first: destroyed after the strand
   boost::asio::strand<boost::asio::thread_pool::executor_type> strand;
-  const void* pool;
 };
 
 ZRStrand::ZRStrand() = default;
 
 void ZRStrand::post(std::function<void()> work) const {
   if (!impl_) throw ZRError("ZRBroker", "ZRStrand::post", "this strand belongs to no broker");
-  boost::asio::post(impl_->strand, guarded(impl_->pool, std::move(work)));
+  PoolHolder& holder = *impl_->holder;
+  std::lock_guard<std::mutex> lock(holder.mutex);
+  // Work posted by the pool's own tasks still runs while shutdown joins the pool; work from
+  // anywhere else would be queued on a pool that no longer runs anything.
+  if (holder.closed && tlCurrentPool != &holder.pool)
+    throw ZRError("ZRBroker", "ZRStrand::post", "the broker of this strand is shut down");
+  boost::asio::post(impl_->strand, guarded(&holder.pool, std::move(work)));
 }
 
 struct ZRBroker::Impl {
@@ -54,7 +71,7 @@ struct ZRBroker::Impl {
   boost::shared_ptr<vo::Session> session = boost::make_shared<vo::Session>();
   mutable std::mutex mutex;
   std::vector<boost::shared_ptr<ZRModuleCore>> modules;  // registration order
-  std::unique_ptr<boost::asio::thread_pool> pool;
+  std::shared_ptr<PoolHolder> pool;
   int threads = 0;
   bool shutdown = false;
 };
@@ -63,7 +80,7 @@ ZRBroker::ZRBroker(const std::string& name, int threads) : impl_(new Impl) {
   impl_->name = name;
   if (threads <= 0) threads = std::max(2u, std::thread::hardware_concurrency());
   impl_->threads = threads;
-  impl_->pool.reset(new boost::asio::thread_pool(static_cast<std::size_t>(threads)));
+  impl_->pool = std::make_shared<PoolHolder>(static_cast<std::size_t>(threads));
 }
 
 boost::shared_ptr<ZRBroker> ZRBroker::createBroker(const std::string& name, int threads) {
@@ -147,24 +164,33 @@ void ZRBroker::shutdown() {
       module = impl_->modules.back();
       impl_->modules.pop_back();
     }
+    const std::shared_ptr<std::atomic<int>> calls = module->callsInFlight();
     module.reset();
+    // A proxy call still running on the module (a delivery on the pool) holds it, and the module
+    // goes when that call ends: wait for it, so that its destructor still finds the older
+    // modules. Not from inside a proxy call, which could be one of those it would wait for.
+    if (ZRProxy::callsOnThisThread() == 0) {
+      while (calls->load(std::memory_order_acquire) > 0)
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
+    }
   }
-  std::unique_ptr<boost::asio::thread_pool> pool;
+  std::shared_ptr<PoolHolder> pool;
   {
     std::lock_guard<std::mutex> lock(impl_->mutex);
     pool = std::move(impl_->pool);
   }
   if (!pool) return;
-  if (tlCurrentPool == pool.get()) {
+  {
+    std::lock_guard<std::mutex> lock(pool->mutex);
+    pool->closed = true;
+  }
+  if (tlCurrentPool == &pool->pool) {
     // Shut down from one of the pool's own tasks: it cannot wait for itself to finish.
-    pool->stop();
-    std::thread([p = pool.release()] {
-      p->join();
-      delete p;
-    }).detach();
+    pool->pool.stop();
+    std::thread([pool] { pool->pool.join(); }).detach();
     return;
   }
-  pool->join();
+  pool->pool.join();
 }
 
 bool ZRBroker::isShutdown() const {
@@ -175,7 +201,7 @@ bool ZRBroker::isShutdown() const {
 void ZRBroker::post(std::function<void()> work) {
   std::lock_guard<std::mutex> lock(impl_->mutex);
   if (!impl_->pool) throw ZRError("ZRBroker", "post", "broker \"" + impl_->name + "\" is shut down");
-  boost::asio::post(*impl_->pool, guarded(impl_->pool.get(), std::move(work)));
+  boost::asio::post(impl_->pool->pool, guarded(&impl_->pool->pool, std::move(work)));
 }
 
 ZRStrand ZRBroker::makeStrand() {
@@ -184,7 +210,7 @@ ZRStrand ZRBroker::makeStrand() {
     throw ZRError("ZRBroker", "makeStrand", "broker \"" + impl_->name + "\" is shut down");
   ZRStrand s;
   s.impl_ = std::make_shared<ZRStrand::Impl>(
-      ZRStrand::Impl{boost::asio::make_strand(impl_->pool->get_executor()), impl_->pool.get()});
+      ZRStrand::Impl{impl_->pool, boost::asio::make_strand(impl_->pool->pool.get_executor())});
   return s;
 }
 
