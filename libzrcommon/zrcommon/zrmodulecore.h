@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -56,6 +58,10 @@ class ZRModuleCore : public vo::DynamicObject {
 
   std::string objectName() const override { return name_; }
 
+  /// How many proxy calls are running on this module. Shared: the call that drops the module's
+  /// last reference still counts itself out after the module is gone.
+  const std::shared_ptr<std::atomic<int>>& callsInFlight() const { return callsInFlight_; }
+
  protected:
   vo::DynamicObjectBuilder& objectBuilder() { return objectBuilder_; }
   vo::MetaMethodBuilder& methodBuilder() { return methodBuilder_; }
@@ -77,6 +83,7 @@ class ZRModuleCore : public vo::DynamicObject {
   vo::MetaMethodBuilder methodBuilder_;
   vo::DynamicObjectBuilder objectBuilder_;
   std::vector<boost::shared_ptr<ZRFunctorBase>> functors_;
+  std::shared_ptr<std::atomic<int>> callsInFlight_ = std::make_shared<std::atomic<int>>(0);
 };
 
 }  // namespace ZR

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <array>
+#include <atomic>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -47,6 +49,9 @@ class ZRProxy {
     return metaCall(method, args.data(), args.size());
   }
 
+  /// Proxy calls running on the calling thread, nested ones included.
+  static int callsOnThisThread();
+
  private:
   template <class R>
   R convertResult(const std::string& method, const ZRValue& result) {
@@ -59,6 +64,8 @@ class ZRProxy {
 
   std::string moduleName_;
   boost::weak_ptr<vo::DynamicObject> object_;
+  // The module's count of calls in flight (null for an object that is no module).
+  std::shared_ptr<std::atomic<int>> callsInFlight_;
 };
 
 }  // namespace ZR
