@@ -1,9 +1,31 @@
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <vo/future.h>
+#include <vo/log.h>
 #include <zrcommon/zrbroker.h>
+#include <zrcommon/zrfunctor.h>
 #include <zrcommon/zrmodule.h>
 #include <zrcommon/zrproxy.h>
 
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+namespace {
+
+// The module from the architecture's host-side API, exactly as written there.
+// clang-format off
+namespace host_api {
 class Calc : public ZR::ZRModule {
  public:
   Calc(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name) : ZRModule(broker, name) {
@@ -11,28 +33,483 @@ class Calc : public ZR::ZRModule {
     addParam("a", "First term.");
     addParam("b", "Second term.");
     setReturn("sum", "The sum.");
-    bindMethod(static_cast<int (Calc::*)(const int&, const int&)>(&Calc::add));
-    functionName("add", "Calc", "Adds two floats.", 0);
-    addParam("a", "First term.");
-    addParam("b", "Second term.");
-    setReturn("sum", "The sum.");
-    objectBuilder().advertiseMethod(methodBuilder(), this, static_cast<float (Calc::*)(const float&, const float&)>(&Calc::add), 0);
+    bindMethod(&Calc::add);  // objectBuilder().advertiseMethod(methodBuilder(), this, &Calc::add, 0)
   }
   int add(const int& a, const int& b) { return a + b; }
-  float add(const float& a, const float& b) { return a + b + 0.25f; }
+};
+}  // namespace host_api
+// clang-format on
+
+// Registers methods every way a module writer can: bindMethod, advertiseMethod on the object
+// builder, and createFunctor + bindMethodOverload.
+class Shapes : public ZR::ZRModule {
+ public:
+  Shapes(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name) : ZRModule(broker, name) {
+    functionName("scale", "Shapes", "Doubles a length.", 0);
+    addParam("length", "Length to scale.");
+    setReturn("scaled", "Twice the length.");
+    bindMethod(static_cast<int (Shapes::*)(const int&)>(&Shapes::scale));
+
+    functionName("scale", "Shapes", "Halves a real length.", 1);
+    addParam("length", "Real length to scale.");
+    setReturn("scaled", "Half the length.");
+    objectBuilder().advertiseMethod(
+        methodBuilder(), this, static_cast<float (Shapes::*)(const float&)>(&Shapes::scale), 0);
+
+    functionName("scale", "Shapes", "Repeats a unit.", 0);
+    addParam("unit", "Unit name.");
+    addParam("count", "How many.");
+    setReturn("text", "The count and the unit.");
+    bindMethodOverload(
+        ZR::createFunctor<Shapes, std::string, int, std::string>(this, &Shapes::scale));
+
+    functionName("label", "ShapeLabels", "Labels a shape.", 2);
+    addParam("name", "Shape name.");
+    addParam("sides", "Number of sides.");
+    addParam("ratio", "Aspect ratio.");
+    openLabel = getCurrentMethodDescription();
+    bindMethodOverload(
+        ZR::createFunctor<Shapes, std::string, int, float, void>(this, &Shapes::label));
+
+    functionName("kind", "Shapes", "Names the family.", 0);
+    setReturn("kind", "Family name.");
+    bindMethod(&Shapes::kind);
+
+    functionName("area", "Shapes", "Area of a rectangle.", 0);
+    addParam("w", "Width.");
+    addParam("h", "Height.");
+    setReturn("area", "Width times height.");
+    bindMethodOverload(ZR::createFunctor<Shapes, int, int, int>(this, &Shapes::area));
+
+    functionName("fail", "Shapes", "Always fails.", 0);
+    bindMethodOverload(ZR::createFunctor<Shapes, void>(this, &Shapes::fail));
+  }
+
+  int scale(const int& x) { return 2 * x; }
+  float scale(const float& x) { return x / 2; }
+  std::string scale(const std::string& unit, const int& count) {
+    return std::to_string(count) + " " + unit;
+  }
+  void label(const std::string& name, const int& sides, const float& ratio) {
+    std::ostringstream out;
+    out << name << "/" << sides << "/" << ratio;
+    lastLabel = out.str();
+  }
+  virtual std::string kind() { return "shape"; }
+  virtual int area(const int& w, const int& h) { return w * h; }
+  void fail() { throw std::runtime_error("no luck"); }
+
+  ZR::ZRMethodDescription openLabel;
+  std::string lastLabel;
 };
 
-TEST(Smoke, Calc) {
-  auto broker = ZR::ZRBroker::createBroker("main");
-  auto calc = ZR::ZRModule::createModule<Calc>(broker, "Calc");
-  auto p = broker->getProxy("Calc", 0);
-  EXPECT_EQ(p->call<int>("add", 2, 3), 5);
-  EXPECT_FLOAT_EQ(p->call<float>("add", 2.0f, 3), 5.25f);
+class Squares : public Shapes {
+ public:
+  using Shapes::Shapes;
+  std::string kind() override { return "square"; }
+  int area(const int& w, const int&) override { return w * w; }
+};
+
+ZR::ZRError errorOf(const std::function<void()>& f) {
+  try {
+    f();
+  } catch (const ZR::ZRError& e) {
+    return e;
+  }
+  ADD_FAILURE() << "no ZRError";
+  return ZR::ZRError();
+}
+
+// Every field of a description, so that a mismatch shows which one differs.
+std::string fields(const ZR::ZRMethodDescription& d) {
+  std::string s = d.methodName + " | " + d.moduleName + " | " + d.description + " | " +
+                  std::to_string(d.flags) + " |";
+  for (const auto& p : d.parameters) s += " " + p.name + ": " + p.documentation + ";";
+  return s + " | [" + d.returnName + "][" + d.returnDocumentation + "] | " + d.signature;
+}
+
+// Collects log records from any thread while it lives.
+class LogCapture {
+ public:
+  LogCapture() {
+    vo::log::addHandler("zrcommon_test", [this](const vo::log::Record& r) {
+      std::lock_guard<std::mutex> lock(mutex_);
+      records_.push_back(r);
+    });
+  }
+  ~LogCapture() { vo::log::removeHandler("zrcommon_test"); }
+  std::vector<vo::log::Record> records() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return records_;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<vo::log::Record> records_;
+};
+
+}  // namespace
+
+TEST(HostApi, CalcModuleWorksAsWritten) {
+  boost::shared_ptr<ZR::ZRBroker> broker = ZR::ZRBroker::createBroker("main");
+  auto calc = ZR::ZRModule::createModule<host_api::Calc>(broker, "Calc");
+  boost::shared_ptr<ZR::ZRProxy> p = broker->getProxy("Calc", 0);
+  EXPECT_EQ(p->call<int>("add", 2, 40), 42);
   EXPECT_TRUE(p->call<bool>("ping"));
-  EXPECT_EQ(p->call<std::string>("version"), "0.1.0");
-  try { p->call<int>("add", std::string("x"), 3); FAIL(); } catch (const ZR::ZRError& e) { std::cout << e.what() << "\n"; }
-  std::cout << p->call<std::string>("getMethodHelp", "add");
-  calc.reset();
+  EXPECT_THAT(p->call<std::vector<std::string>>("getMethodList"),
+              ElementsAre("getMethodList", "getMethodHelp", "version", "ping", "add"));
+  EXPECT_EQ(fields(calc->getMethodDescriptions().back()),
+            "add | Calc | Adds two numbers. | 0 | a: First term.; b: Second term.; | [sum][The "
+            "sum.] | add(int, int) -> int");
+  EXPECT_NE(broker->session(), nullptr);
   broker->shutdown();
-  try { p->call<int>("add", 2, 3); FAIL(); } catch (const ZR::ZRError& e) { std::cout << e.what() << "\n"; }
+}
+
+TEST(ZRModule, ProxyCallsChooseOverloadsAndRejectMisfits) {
+  auto broker = ZR::ZRBroker::createBroker("overloads");
+  auto shapes = ZR::ZRModule::createModule<Shapes>(broker, "Shapes");
+  auto p = broker->getProxy("Shapes");
+
+  EXPECT_EQ(p->call<int>("scale", 3), 6);
+  EXPECT_FLOAT_EQ(p->call<float>("scale", 3.0f), 1.5f);
+  EXPECT_FLOAT_EQ(p->call<float>("scale", 3.0), 1.5f);  // a double travels as a float
+  EXPECT_EQ(p->call<std::string>("scale", "cm", 4), "4 cm");
+  p->call<void>("label", std::string("tri"), 3, 0.5f);
+  EXPECT_EQ(shapes->lastLabel, "tri/3/0.5");
+  EXPECT_EQ(p->call<int>("area", 3, 4), 12);
+
+  const std::vector<std::function<void()>> misfits = {
+      [&] { p->call<int>("scale"); },
+      [&] { p->call<int>("scale", 1, 2, 3); },
+      [&] { p->call<int>("scale", true); },
+      [&] { p->call<int>("scale", 2, std::string("cm")); },
+  };
+  for (const auto& misfit : misfits) {
+    ZR::ZRError e = errorOf(misfit);
+    EXPECT_EQ(e.getModuleName(), "Shapes");
+    EXPECT_EQ(e.getMethodName(), "scale");
+    for (const char* s : {"scale(int)", "scale(float)", "scale(string, int)"})
+      EXPECT_THAT(e.getDescription(), HasSubstr(s));
+  }
+  ZR::ZRError label = errorOf([&] { p->call<void>("label", std::string("tri"), 3); });
+  EXPECT_THAT(label.getDescription(), HasSubstr("label(string, int, float)"));
+
+  // A result of another type than asked is an error, not garbage.
+  ZR::ZRError result = errorOf([&] { p->call<std::string>("scale", 3); });
+  EXPECT_EQ(result.getMethodName(), "scale");
+  EXPECT_THAT(result.getDescription(), HasSubstr("unexpected result"));
+
+  ZR::ZRError unknown = errorOf([&] { p->call<int>("rotate", 90); });
+  EXPECT_EQ(unknown.getModuleName(), "Shapes");
+  EXPECT_THAT(unknown.getDescription(), HasSubstr("rotate"));
+
+  // Whatever a method throws reaches the caller as a ZRError about that call.
+  ZR::ZRError failed = errorOf([&] { p->call<void>("fail"); });
+  EXPECT_EQ(failed.getModuleName(), "Shapes");
+  EXPECT_EQ(failed.getMethodName(), "fail");
+  EXPECT_THAT(failed.getDescription(), HasSubstr("no luck"));
+
+  EXPECT_THAT(p->call<std::string>("getMethodHelp", "scale"), HasSubstr("Halves a real length."));
+  EXPECT_THROW(p->call<std::string>("getMethodHelp", "rotate"), ZR::ZRError);
+
+  EXPECT_EQ(errorOf([] { ZR::ZRProxy().call<int>("scale", 1); }).getDescription(),
+            "This object is null");
+}
+
+TEST(ZRModule, VirtualMembersReachTheDerivedModule) {
+  auto broker = ZR::ZRBroker::createBroker("virtuals");
+  ZR::ZRModule::createModule<Shapes>(broker, "Shapes");
+  ZR::ZRModule::createModule<Squares>(broker, "Squares");
+  auto shapes = broker->getProxy("Shapes");
+  auto squares = broker->getProxy("Squares");
+  // kind is bound with bindMethod, area with createFunctor, both in the base constructor.
+  EXPECT_EQ(shapes->call<std::string>("kind"), "shape");
+  EXPECT_EQ(squares->call<std::string>("kind"), "square");
+  EXPECT_EQ(shapes->call<int>("area", 3, 4), 12);
+  EXPECT_EQ(squares->call<int>("area", 3, 4), 9);
+}
+
+TEST(ZRModule, MethodDescriptionsKeepEverythingInRegistrationOrder) {
+  auto broker = ZR::ZRBroker::createBroker("descriptions");
+  auto shapes = ZR::ZRModule::createModule<Shapes>(broker, "Shapes");
+
+  // The open description, before binding, already holds everything documented so far.
+  EXPECT_THAT(fields(shapes->openLabel),
+              HasSubstr("label | ShapeLabels | Labels a shape. | 2 | name: Shape name.; sides: "
+                        "Number of sides.; ratio: Aspect ratio.; | [][] | "));
+
+  std::vector<std::string> got;
+  for (const auto& d : shapes->getMethodDescriptions()) got.push_back(fields(d));
+  ASSERT_EQ(got.size(), 11u);
+  for (std::size_t i = 0; i < 4; ++i) EXPECT_THAT(got[i], HasSubstr(" | ZRModuleCore | "));
+  EXPECT_THAT(
+      std::vector<std::string>(got.begin() + 4, got.end()),
+      ElementsAre(
+          "scale | Shapes | Doubles a length. | 0 | length: Length to scale.; | [scaled]["
+          "Twice the length.] | scale(int) -> int",
+          "scale | Shapes | Halves a real length. | 1 | length: Real length to scale.; | "
+          "[scaled][Half the length.] | scale(float) -> float",
+          "scale | Shapes | Repeats a unit. | 0 | unit: Unit name.; count: How many.; | "
+          "[text][The count and the unit.] | scale(string, int) -> string",
+          "label | ShapeLabels | Labels a shape. | 2 | name: Shape name.; sides: Number "
+          "of sides.; ratio: Aspect ratio.; | [][] | label(string, int, float) -> void",
+          "kind | Shapes | Names the family. | 0 | | [kind][Family name.] | kind() -> string",
+          "area | Shapes | Area of a rectangle. | 0 | w: Width.; h: Height.; | [area][Width "
+          "times height.] | area(int, int) -> int",
+          "fail | Shapes | Always fails. | 0 | | [][] | fail() -> void"));
+  std::vector<std::string> names;
+  for (const auto& d : shapes->getMethodDescriptions()) names.push_back(d.methodName);
+  EXPECT_THAT(std::vector<std::string>(names.begin(), names.begin() + 4),
+              ElementsAre("getMethodList", "getMethodHelp", "version", "ping"));
+}
+
+namespace {
+std::atomic<int> gFunctorsDestroyed{0};
+struct CountedFunctor : ZR::ZRFunctorBase {
+  using ZRFunctorBase::ZRFunctorBase;
+  ~CountedFunctor() override { ++gFunctorsDestroyed; }
+};
+
+class Holder : public ZR::ZRModule {
+ public:
+  Holder(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name) : ZRModule(broker, name) {
+    functionName("seven", "Holder", "", 0);
+    functor = boost::shared_ptr<ZR::ZRFunctorBase>(
+        new CountedFunctor(vo::makeAnyFunction(std::function<int()>([] { return 7; }))));
+    bindMethodOverload(functor);
+  }
+  boost::shared_ptr<ZR::ZRFunctorBase> functor;
+};
+}  // namespace
+
+TEST(ZRFunctor, PackedCallLogsOneErrorAndLeavesTheResult) {
+  auto broker = ZR::ZRBroker::createBroker("functors");
+  auto shapes = ZR::ZRModule::createModule<Shapes>(broker, "Shapes");
+  boost::shared_ptr<ZR::ZRFunctorBase> f =
+      ZR::createFunctor<Shapes, int, int, int>(shapes.get(), &Shapes::area);
+  ZR::ZRValue params;
+  params.arraySetSize(2);
+  params[0] = 3;
+  params[1] = 4;
+  ZR::ZRValue result(42);
+  std::vector<vo::log::Record> records;
+  {
+    LogCapture capture;
+    f->call(params, result);
+    records = capture.records();
+  }
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].level, vo::LogLevel_Error);
+  EXPECT_EQ(records[0].category, "zrcommon.ZRFunctor");
+  EXPECT_EQ(records[0].function, "call");
+  EXPECT_EQ(records[0].file, "");
+  EXPECT_EQ(records[0].line, 0);
+  EXPECT_EQ(records[0].message, "ZRFunctor::call not implemented");
+  EXPECT_TRUE(result.isInt());
+  EXPECT_EQ(result.toInt(), 42);
+  // The bound function is what really calls the member.
+  EXPECT_EQ(f->function().call(&params[0], 2).toInt(), 12);
+}
+
+TEST(ZRFunctor, ReleasedOnceWhenTheLastReferenceGoes) {
+  gFunctorsDestroyed = 0;
+  auto broker = ZR::ZRBroker::createBroker("release");
+  auto holder = ZR::ZRModule::createModule<Holder>(broker, "Holder");
+  boost::shared_ptr<ZR::ZRFunctorBase> kept = holder->functor;
+  boost::weak_ptr<ZR::ZRFunctorBase> watch = kept;
+  EXPECT_EQ(broker->getProxy("Holder")->call<int>("seven"), 7);
+
+  holder.reset();
+  EXPECT_TRUE(broker->removeModule("Holder"));
+  EXPECT_FALSE(broker->removeModule("Holder"));
+  EXPECT_EQ(gFunctorsDestroyed, 0);  // this test still holds it
+  EXPECT_EQ(kept->function().call(nullptr, 0).toInt(), 7);
+  kept.reset();
+  EXPECT_TRUE(watch.expired());
+  EXPECT_EQ(gFunctorsDestroyed, 1);
+  broker->shutdown();
+  EXPECT_EQ(gFunctorsDestroyed, 1);
+}
+
+TEST(ZRBroker, WaitForServiceIsReleasedByALaterModule) {
+  auto broker = ZR::ZRBroker::createBroker("waits");
+  vo::Future<void> arrived = broker->session()->waitForService("Late").async();
+  EXPECT_TRUE(arrived.isRunning());
+  std::thread creator([broker] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    ZR::ZRModule::createModule<host_api::Calc>(broker, "Late");
+  });
+  ASSERT_EQ(arrived.wait(5000), vo::FutureState::FinishedWithValue);
+  EXPECT_EQ(broker->getProxy("Late")->call<int>("add", 1, 2), 3);
+  creator.join();
+}
+
+namespace {
+class Adder : public ZR::ZRModule {
+ public:
+  Adder(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name, std::atomic<bool>* torn)
+      : ZRModule(broker, name), torn_(torn) {
+    functionName("add", "Adder", "Adds slowly enough to overlap removal.", 0);
+    bindMethod(&Adder::add);
+  }
+  ~Adder() override {
+    if (inCall_ != 0) *torn_ = true;
+  }
+  int add(const int& a, const int& b) {
+    ++inCall_;
+    volatile int sum = a;
+    for (int i = 0; i < 50; ++i) sum = sum + (i == 0 ? b : 0);
+    --inCall_;
+    return sum;
+  }
+
+ private:
+  std::atomic<int> inCall_{0};
+  std::atomic<bool>* torn_;
+};
+}  // namespace
+
+TEST(ZRProxy, CallsRacingModuleRemovalEitherSucceedOrSayModuleDestroyed) {
+  auto broker = ZR::ZRBroker::createBroker("race");
+  std::atomic<bool> torn{false}, stop{false};
+  auto adder = ZR::ZRModule::createModule<Adder>(broker, "Adder", &torn);
+  boost::weak_ptr<Adder> watch = adder;
+  auto shared = broker->getProxy("Adder");
+  std::atomic<long> successes{0};
+  std::atomic<int> wrong{0}, otherErrors{0}, sawDestroyed{0};
+
+  std::vector<std::thread> callers;
+  for (int t = 0; t < 8; ++t) {
+    // Half the threads share one proxy, half have their own.
+    auto proxy = t % 2 ? shared : broker->getProxy("Adder");
+    callers.emplace_back([&, proxy, t] {
+      for (int i = 0; !stop; ++i) {
+        try {
+          if (proxy->call<int>("add", i, t) != i + t) ++wrong;
+          ++successes;
+        } catch (const ZR::ZRError& e) {
+          if (e.getDescription() != "module destroyed") ++otherErrors;
+          ++sawDestroyed;
+          return;
+        }
+      }
+    });
+  }
+  while (successes < 2000) std::this_thread::yield();
+  EXPECT_TRUE(broker->removeModule("Adder"));
+  adder.reset();
+  // Overlapping calls keep pinning the module, so its end may wait for the callers to pause.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
+  while (sawDestroyed < 8 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  stop = true;
+  for (auto& c : callers) c.join();
+
+  EXPECT_EQ(wrong, 0);
+  EXPECT_EQ(otherErrors, 0);
+  EXPECT_FALSE(torn);
+  EXPECT_TRUE(watch.expired());
+  EXPECT_FALSE(shared->isValid());
+  EXPECT_EQ(errorOf([&] { shared->call<int>("add", 1, 2); }).getDescription(), "module destroyed");
+  EXPECT_THROW(broker->getProxy("Adder"), ZR::ZRError);
+}
+
+namespace {
+class Tracer : public ZR::ZRModule {
+ public:
+  Tracer(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name,
+         std::vector<std::string>* log, std::string reach)
+      : ZRModule(broker, name), log_(log), reach_(std::move(reach)) {}
+  ~Tracer() override {
+    log_->push_back(getName());
+    if (reach_.empty()) return;
+    try {
+      getParentBroker()->getProxy(reach_)->call<bool>("ping");
+      log_->push_back(getName() + " reached " + reach_);
+    } catch (const ZR::ZRError&) {
+      log_->push_back(getName() + " lost " + reach_);
+    }
+  }
+
+ private:
+  std::vector<std::string>* log_;
+  std::string reach_;
+};
+}  // namespace
+
+TEST(ZRBroker, ShutdownDestroysModulesNewestFirst) {
+  std::vector<std::string> log;
+  auto broker = ZR::ZRBroker::createBroker("shutdown");
+  ZR::ZRModule::createModule<Tracer>(broker, "A", &log, "");
+  ZR::ZRModule::createModule<Tracer>(broker, "B", &log, "A");
+  ZR::ZRModule::createModule<Tracer>(broker, "C", &log, "B");
+  EXPECT_THAT(broker->getModuleNames(), ElementsAre("A", "B", "C"));
+  broker->shutdown();
+  EXPECT_THAT(log, ElementsAre("C", "C reached B", "B", "B reached A", "A"));
+  EXPECT_TRUE(broker->isShutdown());
+  EXPECT_TRUE(broker->getModuleNames().empty());
+  broker->shutdown();  // idempotent
+  EXPECT_THROW(ZR::ZRModule::createModule<host_api::Calc>(broker, "Calc"), ZR::ZRError);
+  EXPECT_THROW(broker->post([] {}), ZR::ZRError);
+
+  // Dropping the broker without shutting it down destroys them in the same order.
+  log.clear();
+  broker = ZR::ZRBroker::createBroker("dropped");
+  ZR::ZRModule::createModule<Tracer>(broker, "X", &log, "");
+  ZR::ZRModule::createModule<Tracer>(broker, "Y", &log, "");
+  broker.reset();
+  EXPECT_THAT(log, ElementsAre("Y", "X"));
+}
+
+TEST(ZRBroker, NamesAreUniqueAndLookupsFailClearly) {
+  auto broker = ZR::ZRBroker::createBroker("names");
+  ZR::ZRError unknown = errorOf([&] { broker->getProxy("Nobody", 0); });
+  EXPECT_THAT(unknown.getDescription(), HasSubstr("Nobody"));
+
+  auto original = ZR::ZRModule::createModule<Shapes>(broker, "Dup");
+  EXPECT_THROW(ZR::ZRModule::createModule<Squares>(broker, "Dup"), ZR::ZRError);
+  // The refused module went away without taking the name from the original.
+  EXPECT_EQ(broker->getProxy("Dup")->call<std::string>("kind"), "shape");
+  EXPECT_THAT(broker->getModuleNames(), ElementsAre("Dup"));
+
+  EXPECT_EQ(original->getParentBroker(), broker);
+  broker.reset();
+  EXPECT_THROW(original->getParentBroker(), ZR::ZRError);
+}
+
+TEST(ZRBroker, PostAndStrandsRunWork) {
+  auto broker = ZR::ZRBroker::createBroker("pool", 4);
+  EXPECT_EQ(broker->threadCount(), 4);
+  LogCapture capture;
+
+  vo::Promise<void> posted;
+  broker->post([&] { posted.setValue(); });
+  ASSERT_EQ(posted.future().wait(5000), vo::FutureState::FinishedWithValue);
+
+  ZR::ZRStrand strand = broker->makeStrand();
+  std::vector<int> seen;
+  std::atomic<int> running{0};
+  std::atomic<bool> overlapped{false};
+  strand.post([] { throw std::runtime_error("boom"); });
+  for (int i = 0; i < 1000; ++i) {
+    strand.post([&, i] {
+      if (++running > 1) overlapped = true;
+      seen.push_back(i);
+      --running;
+    });
+  }
+  vo::Promise<void> drained;
+  strand.post([&] { drained.setValue(); });
+  ASSERT_EQ(drained.future().wait(5000), vo::FutureState::FinishedWithValue);
+  ASSERT_EQ(seen.size(), 1000u);
+  for (int i = 0; i < 1000; ++i) ASSERT_EQ(seen[i], i);
+  EXPECT_FALSE(overlapped);
+
+  // The failing task was logged and the strand went on.
+  bool logged = false;
+  for (const auto& r : capture.records())
+    logged |= r.level == vo::LogLevel_Error && r.message.find("boom") != std::string::npos;
+  EXPECT_TRUE(logged);
+  EXPECT_THROW(ZR::ZRStrand().post([] {}), ZR::ZRError);
+  broker->shutdown();
 }
