@@ -137,6 +137,7 @@ bool ZRBroker::removeModule(const std::string& moduleName) {
     released = *it;
     impl_->modules.erase(it);
   }
+  released->liveness()->retired.store(true);
   impl_->session->unregisterService(moduleName, released.get());
   // The module may be destroyed here, outside the lock: its destructor may call the broker.
   released.reset();
@@ -164,13 +165,14 @@ void ZRBroker::shutdown() {
       module = impl_->modules.back();
       impl_->modules.pop_back();
     }
-    const std::shared_ptr<std::atomic<int>> calls = module->callsInFlight();
+    const std::shared_ptr<ZRModuleLiveness> liveness = module->liveness();
+    liveness->retired.store(true);
     module.reset();
     // A proxy call still running on the module (a delivery on the pool) holds it, and the module
     // goes when that call ends: wait for it, so that its destructor still finds the older
     // modules. Not from inside a proxy call, which could be one of those it would wait for.
     if (ZRProxy::callsOnThisThread() == 0) {
-      while (calls->load(std::memory_order_acquire) > 0)
+      while (liveness->calls.load() > 0)
         std::this_thread::sleep_for(std::chrono::microseconds(100));
     }
   }

@@ -7,25 +7,29 @@
 namespace ZR {
 
 namespace {
-thread_local int tlCallDepth = 0;
+// Initial-exec: the general TLS model costs a function call per access from a shared library.
+__attribute__((tls_model("initial-exec"))) thread_local int tlCallDepth = 0;
 
 // Counts one call in on the module and on this thread, and out again once the call, and the
 // destruction of the module if the call held its last reference, are over.
 class CallScope {
  public:
-  explicit CallScope(const std::shared_ptr<std::atomic<int>>& calls) : calls_(calls.get()) {
-    if (calls_) calls_->fetch_add(1, std::memory_order_relaxed);
+  // Sequentially consistent with the broker's retire-then-count: either the broker sees this
+  // call counted, or this call sees the module retired.
+  explicit CallScope(ZRModuleLiveness* liveness) : liveness_(liveness) {
+    if (liveness_) liveness_->calls.fetch_add(1);
     ++tlCallDepth;
   }
   ~CallScope() {
     --tlCallDepth;
-    if (calls_) calls_->fetch_sub(1, std::memory_order_release);
+    if (liveness_) liveness_->calls.fetch_sub(1);
   }
+  bool retired() const { return liveness_ && liveness_->retired.load(); }
   CallScope(const CallScope&) = delete;
   CallScope& operator=(const CallScope&) = delete;
 
  private:
-  std::atomic<int>* calls_;
+  ZRModuleLiveness* liveness_;
 };
 }  // namespace
 
@@ -33,7 +37,7 @@ ZRProxy::ZRProxy(const std::string& moduleName, boost::weak_ptr<vo::DynamicObjec
     : moduleName_(moduleName), object_(std::move(object)) {
   if (boost::shared_ptr<vo::DynamicObject> strong = object_.lock()) {
     if (const auto* module = dynamic_cast<const ZRModuleCore*>(strong.get()))
-      callsInFlight_ = module->callsInFlight();
+      liveness_ = module->liveness();
   }
 }
 
@@ -46,10 +50,11 @@ int ZRProxy::callsOnThisThread() {
 ZRValue ZRProxy::metaCall(std::string_view method, const ZRValue* args, std::size_t count) {
   // Declared before the strong reference, so that it counts the call out only after that
   // reference is dropped: the broker's shutdown waits for it.
-  const CallScope scope(callsInFlight_);
+  const CallScope scope(liveness_.get());
   // Holding a strong reference for the duration of the call keeps the module from being destroyed
   // under it; if that reference is the last one, the module goes away here, after the call.
-  boost::shared_ptr<vo::DynamicObject> object = object_.lock();
+  // A module its broker let go takes no new calls, so that callers cannot keep it alive forever.
+  boost::shared_ptr<vo::DynamicObject> object = scope.retired() ? nullptr : object_.lock();
   if (!object) {
     if (object_.empty() && moduleName_.empty())
       throw ZRError(moduleName_, std::string(method), "This object is null");

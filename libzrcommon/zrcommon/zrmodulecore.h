@@ -20,6 +20,14 @@ namespace ZR {
 
 class ZRBroker;
 
+/// What proxies and the broker share about a module's life: the proxy calls running on it, and
+/// whether its broker has let it go (proxies then refuse new calls). Shared, so that the call
+/// that drops the module's last reference can still count itself out.
+struct ZRModuleLiveness {
+  std::atomic<int> calls{0};
+  std::atomic<bool> retired{false};
+};
+
 /// What every module is: a named dynamic object hosted by a broker, whose methods are registered
 /// with documentation and can be called by name. The built-in remote methods "getMethodList",
 /// "getMethodHelp", "version" and "ping" are registered before any of the derived class's.
@@ -58,9 +66,7 @@ class ZRModuleCore : public vo::DynamicObject {
 
   std::string objectName() const override { return name_; }
 
-  /// How many proxy calls are running on this module. Shared: the call that drops the module's
-  /// last reference still counts itself out after the module is gone.
-  const std::shared_ptr<std::atomic<int>>& callsInFlight() const { return callsInFlight_; }
+  const std::shared_ptr<ZRModuleLiveness>& liveness() const { return liveness_; }
 
  protected:
   vo::DynamicObjectBuilder& objectBuilder() { return objectBuilder_; }
@@ -83,7 +89,7 @@ class ZRModuleCore : public vo::DynamicObject {
   vo::MetaMethodBuilder methodBuilder_;
   vo::DynamicObjectBuilder objectBuilder_;
   std::vector<boost::shared_ptr<ZRFunctorBase>> functors_;
-  std::shared_ptr<std::atomic<int>> callsInFlight_ = std::make_shared<std::atomic<int>>(0);
+  std::shared_ptr<ZRModuleLiveness> liveness_ = std::make_shared<ZRModuleLiveness>();
 };
 
 }  // namespace ZR

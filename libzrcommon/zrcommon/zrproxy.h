@@ -16,6 +16,8 @@
 
 namespace ZR {
 
+struct ZRModuleLiveness;
+
 /// A handle to a named module. Calls are synchronous, by method name, without a time limit; every
 /// failure comes out as a ZRError naming the module and the method: "module destroyed" once the
 /// module is gone, "This object is null" for an empty proxy, otherwise the error the call raised.
@@ -33,7 +35,7 @@ class ZRProxy {
   /// call<R>(method, args...): R is void, bool, int, float, std::string, ZRValue or
   /// std::vector<std::string>.
   template <class R, class... Args>
-  R call(const std::string& method, const Args&... args) {
+  R call(std::string_view method, const Args&... args) {
     std::array<ZRValue, sizeof...(Args)> argv{vo::toArgument(args)...};
     ZRValue result = metaCall(method, argv.data(), argv.size());
     if constexpr (std::is_void_v<R>) {
@@ -54,18 +56,19 @@ class ZRProxy {
 
  private:
   template <class R>
-  R convertResult(const std::string& method, const ZRValue& result) {
+  R convertResult(std::string_view method, const ZRValue& result) {
     try {
       return R(vo::TypeTraits<std::decay_t<R>>::get(result));
     } catch (const ZRError& e) {
-      throw ZRError(moduleName_, method, std::string("unexpected result: ") + e.getDescription());
+      throw ZRError(moduleName_, std::string(method),
+                    std::string("unexpected result: ") + e.getDescription());
     }
   }
 
   std::string moduleName_;
   boost::weak_ptr<vo::DynamicObject> object_;
-  // The module's count of calls in flight (null for an object that is no module).
-  std::shared_ptr<std::atomic<int>> callsInFlight_;
+  // Null for an object that is no module.
+  std::shared_ptr<ZRModuleLiveness> liveness_;
 };
 
 }  // namespace ZR

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include <zraudiodevice/zraudiodevice.h>
+
+namespace ZR {
+
+/// The output format every source delivers in.
+struct ZRAudioFormat {
+  int sampleRate = 0;
+  int channels = 0;
+};
+
+/// Where samples come from. Opened on the thread of the subscribe that starts it (so that its
+/// failure reaches that caller), then read and destroyed on the capture thread.
+class ZRAudioSource {
+ public:
+  virtual ~ZRAudioSource() = default;
+  /// Fills `out` with up to `frames` interleaved frames; fewer only at the end of the stream, 0
+  /// once it has ended. Returns early, with whatever it has, once `stop` is set. Throws ZRError
+  /// on a read failure.
+  virtual std::size_t read(std::int16_t* out, std::size_t frames,
+                           const std::atomic<bool>& stop) = 0;
+  /// Sources with a clock of their own (a microphone) pace themselves.
+  virtual bool isHardware() const { return false; }
+};
+
+/// The format a file source will deliver in, from the options and the file's own format. Returns
+/// false when the file cannot be opened (yet).
+bool probeFileFormat(const ZRAudioDeviceOptions& options, ZRAudioFormat& format);
+
+/// Opens the options' source for `format`; throws ZRError (method `method`) with the cause.
+std::unique_ptr<ZRAudioSource> openAudioSource(const ZRAudioDeviceOptions& options,
+                                               const ZRAudioFormat& format,
+                                               const std::string& moduleName,
+                                               const std::string& method);
+
+}  // namespace ZR
