@@ -203,25 +203,25 @@ TEST_F(SoundExtractorTest, RefusedSubscribeLeavesItIdleAndKeepsTheProxy) {
   sound->unsubscribe("a");  // idle: no unsubscribe reaches the device
   EXPECT_EQ(first->calls(), (std::vector<Call>{{"subscribe", "Sound"}}));
 
-  // Replace the device under the same name: a kept proxy still designates the first one.
+  // Replace the device under the same name: the kept proxy still designates the first one, which
+  // its broker let go, so the start fails instead of reaching the newcomer.
+  first->failSubscribe = false;
   ASSERT_TRUE(broker->removeModule("ZRAudioDevice"));
   auto second = addDevice();
-  first->failSubscribe = false;
-  sound->subscribe("a", 100, 0.5f);
-  sound->unsubscribe("a");
-  EXPECT_EQ(first->calls(),
-            (std::vector<Call>{
-                {"subscribe", "Sound"}, {"subscribe", "Sound"}, {"unsubscribe", "Sound"}}));
+  expectStartError(errorOf([&] { sound->subscribe("b", 100, 0.5f); }),
+                   "ZRAudioDevice::subscribe: module destroyed");
+  EXPECT_EQ(first->calls(), (std::vector<Call>{{"subscribe", "Sound"}}));
   EXPECT_TRUE(second->calls().empty());
 
-  // Same for the proxy obtained at construction.
+  // A proxy obtained at construction is kept the same way, and serves while its device lives.
   auto other = addSound("Other");
-  ASSERT_TRUE(broker->removeModule("ZRAudioDevice"));
-  auto third = addDevice();
   other->startDetection();
   other->stopDetection();
-  EXPECT_TRUE(third->calls().empty());
   EXPECT_EQ(second->calls(), (std::vector<Call>{{"subscribe", "Other"}, {"unsubscribe", "Other"}}));
+  ASSERT_TRUE(broker->removeModule("ZRAudioDevice"));
+  auto third = addDevice();
+  EXPECT_THROW(other->startDetection(), ZR::ZRError);
+  EXPECT_TRUE(third->calls().empty());
 }
 
 TEST_F(SoundExtractorTest, RefusedUnsubscribeReachesTheCallerAndLeavesItIdle) {

@@ -257,11 +257,17 @@ class RawSource : public ZRAudioSource {
   std::vector<unsigned char> carry_;
 };
 
+// ALSA prints its own diagnostics on stderr; the device reports failures as ZRError instead, so
+// the library's printing is silenced.
+extern "C" void quietAlsaErrors(const char*, int, const char*, int, const char*, ...) {}
+
 class AlsaSource : public ZRAudioSource {
  public:
   AlsaSource(const ZRAudioDeviceOptions& options, const ZRAudioFormat& format,
              const std::string& module, const std::string& method)
       : name_(options.path.empty() ? "default" : options.path), channels_(format.channels) {
+    static const bool quiet = (snd_lib_error_set_handler(quietAlsaErrors), true);
+    (void)quiet;
     int err = snd_pcm_open(&pcm_, name_.c_str(), SND_PCM_STREAM_CAPTURE, 0);
     if (err < 0)
       throw ZRError(module, method,

@@ -1,0 +1,200 @@
+// The stock extractors on the bundled sample and on hand-made buffers, through the real memory
+// service and audio device.
+
+#include <sndfile.h>
+
+#include <cmath>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include <vo/log.h>
+#include <zraudiodevice/zraudiodevice.h>
+#include <zrextractors/soundlevel.h>
+#include <zrextractors/voiceactivity.h>
+#include <zrextractors/zrextractorregistry.h>
+#include <zrextractors/zrrecord.h>
+#include <zrmemory/zrmemory.h>
+#include <zrproxies/zrmemoryproxy.h>
+
+namespace {
+
+class Collector : public ZR::ZRModule {
+ public:
+  Collector(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name) : ZRModule(broker, name) {
+    functionName("onEvent", "Collector", "Collects events.", 0);
+    addParam("event", "");
+    addParam("value", "");
+    addParam("id", "");
+    bindMethod(&Collector::onEvent);
+  }
+  void onEvent(const std::string& event, const ZR::ZRValue& value, const std::string&) {
+    std::lock_guard<std::mutex> lock(mutex);
+    events.emplace_back(event, value);
+  }
+  std::vector<ZR::ZRValue> of(const std::string& event) {
+    std::lock_guard<std::mutex> lock(mutex);
+    std::vector<ZR::ZRValue> out;
+    for (const auto& [e, v] : events)
+      if (e == event) out.push_back(v);
+    return out;
+  }
+  std::mutex mutex;
+  std::vector<std::pair<std::string, ZR::ZRValue>> events;
+};
+
+float field(const ZR::ZRValue& record, const char* name) { return ZR::recordField(record, name)->toFloat(); }
+
+struct Pipeline {
+  explicit Pipeline(const ZR::ZRAudioDeviceOptions& options) {
+    broker = ZR::ZRBroker::createBroker("test");
+    memory = ZR::ZRModule::createModule<ZR::ZRMemory>(broker, "ZRMemory", 1 << 20);
+    device = ZR::ZRModule::createModule<ZR::ZRAudioDevice>(broker, "ZRAudioDevice", options);
+    device->hold();
+    level = ZR::ZRModule::createModule<ZR::SoundLevel>(broker, "SoundLevel", 100);
+    voice = ZR::ZRModule::createModule<ZR::VoiceActivity>(broker, "VoiceActivity");
+    client = ZR::ZRModule::createModule<Collector>(broker, "client");
+    ZR::ZRMemoryProxy m(broker);
+    for (const char* e : {"SoundLevel/Levels", "SoundLevel/ThresholdCrossed", "VoiceActivity/Segment",
+                          "VoiceActivity/SpeechDetected"})
+      m.subscribeToEvent(e, "client", "onEvent");
+    device->release();
+  }
+  void finish() {
+    ASSERT_TRUE(device->waitForEndOfStream(30000));
+    voice->flush();
+    ASSERT_TRUE(memory->waitForDeliveries(std::chrono::seconds(10)));
+  }
+  ~Pipeline() {
+    client.reset();
+    voice.reset();
+    level.reset();
+    device.reset();
+    memory.reset();
+    broker->shutdown();
+  }
+  boost::shared_ptr<ZR::ZRBroker> broker;
+  boost::shared_ptr<ZR::ZRMemory> memory;
+  boost::shared_ptr<ZR::ZRAudioDevice> device;
+  boost::shared_ptr<ZR::SoundLevel> level;
+  boost::shared_ptr<ZR::VoiceActivity> voice;
+  boost::shared_ptr<Collector> client;
+};
+
+std::vector<short> readSample(int& rate) {
+  SF_INFO info{};
+  SNDFILE* f = sf_open(ZR_SAMPLE, SFM_READ, &info);
+  EXPECT_NE(f, nullptr);
+  std::vector<short> samples(static_cast<std::size_t>(info.frames * info.channels));
+  sf_readf_short(f, samples.data(), info.frames);
+  sf_close(f);
+  rate = info.samplerate;
+  return samples;
+}
+
+}  // namespace
+
+TEST(StockExtractors, FindTheKnownSegmentsAndMeasureLevelsOnTheSample) {
+  vo::log::setLogLevel(vo::LogLevel_Error);
+  Pipeline p(ZR::ZRAudioDeviceOptions::fromInput(ZR_SAMPLE));
+  p.finish();
+
+  // Levels, computed here independently over the same 100 ms windows.
+  int rate = 0;
+  const std::vector<short> samples = readSample(rate);
+  const std::size_t window = static_cast<std::size_t>(rate) / 10;
+  const auto levels = p.client->of("SoundLevel/Levels");
+  ASSERT_EQ(levels.size(), samples.size() / window);
+  for (std::size_t w = 0; w < levels.size(); ++w) {
+    double sum = 0.0;
+    int peak = 0;
+    for (std::size_t i = w * window; i < (w + 1) * window; ++i) {
+      sum += double(samples[i]) * samples[i];
+      peak = std::max(peak, std::abs(int(samples[i])));
+    }
+    const double rms = 20 * std::log10(std::sqrt(sum / window) / 32768.0);
+    EXPECT_NEAR(field(levels[w], "time"), w * 0.1, 1e-4);
+    EXPECT_NEAR((*ZR::recordField(levels[w], "rms"))[0].toFloat(), rms, 0.01) << "window " << w;
+    EXPECT_NEAR((*ZR::recordField(levels[w], "peak"))[0].toFloat(), 20 * std::log10(peak / 32768.0), 0.01);
+  }
+
+  // Segments, against the boundaries the sample was made with.
+  std::ifstream csv(ZR_SAMPLE_SEGMENTS);
+  std::string line;
+  std::getline(csv, line);  // header
+  std::vector<std::pair<double, double>> known;
+  while (std::getline(csv, line)) {
+    double s, e;
+    char comma;
+    std::istringstream(line) >> s >> comma >> e;
+    known.emplace_back(s, e);
+  }
+  const auto segments = p.client->of("VoiceActivity/Segment");
+  ASSERT_EQ(segments.size(), known.size());
+  for (std::size_t i = 0; i < known.size(); ++i) {
+    EXPECT_NEAR(field(segments[i], "start"), known[i].first, 0.1) << "segment " << i;
+    EXPECT_NEAR(field(segments[i], "end"), known[i].second, 0.1) << "segment " << i;
+  }
+  // Every segment opened and closed once, in order.
+  const auto states = p.client->of("VoiceActivity/SpeechDetected");
+  ASSERT_EQ(states.size(), 2 * known.size());
+  for (std::size_t i = 0; i < states.size(); ++i)
+    EXPECT_EQ(ZR::recordField(states[i], "speech")->toBool(), i % 2 == 0);
+}
+
+TEST(StockExtractors, SurviveOddBuffers) {
+  vo::log::setLogLevel(vo::LogLevel_Error);
+  ZR::ZRAudioDeviceOptions o;
+  o.source = ZR::ZRAudioDeviceOptions::Source::Host;
+  o.sampleRate = 16000;
+  o.channelCount = 3;
+  Pipeline p(o);
+  p.level->setThreshold(-20.0f, 6.0f);
+  // Silence, full-scale clipping on one channel, then one-sample buffers.
+  std::vector<std::int16_t> buffer(1600 * 3, 0);
+  p.device->deliver(buffer.data(), 1600);
+  for (std::size_t i = 0; i < buffer.size(); i += 3) buffer[i] = (i / 3) % 2 ? 32767 : -32768;
+  p.device->deliver(buffer.data(), 1600);
+  for (int i = 0; i < 1600; ++i) p.device->deliver(&buffer[(i % 2) * 3], 1);
+  p.device->endStream();
+  p.finish();
+
+  const auto levels = p.client->of("SoundLevel/Levels");
+  ASSERT_EQ(levels.size(), 3u);
+  const ZR::ZRValue& silent = *ZR::recordField(levels[0], "rms");
+  ASSERT_EQ(silent.getSize(), 3);
+  for (int c = 0; c < 3; ++c) EXPECT_EQ(silent[c].toFloat(), ZR::SoundLevel::kFloorDb);
+  for (std::size_t w = 1; w < 3; ++w) {
+    EXPECT_NEAR((*ZR::recordField(levels[w], "peak"))[0].toFloat(), 0.0f, 1e-3);
+    EXPECT_NEAR((*ZR::recordField(levels[w], "rms"))[0].toFloat(), 0.0f, 1e-3);
+    EXPECT_EQ((*ZR::recordField(levels[w], "rms"))[1].toFloat(), ZR::SoundLevel::kFloorDb);
+    EXPECT_NEAR(field(levels[w], "time"), 0.1 * w, 1e-4);
+  }
+  // Channel 0 went loud once and stayed loud.
+  const auto crossings = p.client->of("SoundLevel/ThresholdCrossed");
+  ASSERT_EQ(crossings.size(), 1u);
+  EXPECT_EQ(ZR::recordField(crossings[0], "channel")->toInt(), 0);
+  EXPECT_EQ(ZR::recordField(crossings[0], "state")->toStringRef(), "loud");
+}
+
+TEST(StockExtractors, RegistryCreatesStockTypesAndRejectsUnknownOnes) {
+  auto broker = ZR::ZRBroker::createBroker("test");
+  ZR::ZRModule::createModule<ZR::ZRMemory>(broker, "ZRMemory");
+  ZR::ZRExtractorRegistry registry = ZR::ZRExtractorRegistry::withStockExtractors(250);
+  vo::log::setLogLevel(vo::LogLevel_Error);
+  auto level = registry.create("SoundLevel", broker, "Level2");
+  EXPECT_EQ(boost::dynamic_pointer_cast<ZR::SoundLevel>(level)->getDefaultPeriod(), 250);
+  EXPECT_TRUE(broker->hasModule("Level2"));
+  try {
+    registry.create("Nope", broker, "x");
+    FAIL();
+  } catch (const ZR::ZRError& e) {
+    EXPECT_NE(std::string(e.what()).find("unknown extractor \"Nope\""), std::string::npos);
+  }
+  EXPECT_THROW(registry.loadPlugin("/no/such/lib.so"), ZR::ZRError);
+  level.reset();
+  broker->shutdown();
+  vo::log::setLogLevel(vo::LogLevel_Warning);
+}

@@ -1,0 +1,67 @@
+#pragma once
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <zrproxies/zrmemoryproxy.h>
+#include <zrsoundextractor/zrsoundextractor.h>
+
+namespace ZR {
+
+/// Per channel, the RMS and peak level in dBFS over consecutive windows of the current period
+/// (ms of audio, not of wall time).
+///
+/// Outputs, for a module registered as N:
+/// - event "N/Levels", raised per window with the record
+///   [["time", s], ["rms", [dB per channel]], ["peak", [dB per channel]]], where time is the
+///   window's first sample in seconds from the start of the stream; the memory key of the same
+///   name holds the latest one;
+/// - event "N/ThresholdCrossed", raised when a channel's RMS level rises to the threshold or falls
+///   below threshold - hysteresis: [["time", s], ["channel", c], ["state", "loud"|"quiet"],
+///   ["rms", dB]].
+/// Levels are floored at -120 dBFS, so that silence has a finite level.
+class SoundLevel : public ZRSoundExtractor {
+ public:
+  static constexpr float kFloorDb = -120.0f;
+
+  SoundLevel(boost::shared_ptr<ZRBroker> broker, const std::string& name,
+             int defaultPeriodMs = 100);
+  ~SoundLevel() override;
+
+  int getDefaultPeriod() override { return defaultPeriodMs_; }
+  void startDetection() override;
+  void xUpdateParameters(int period, float precision) override;
+  void process(const int& nbOfChannels, const int& nbOfSamplesByChannel, const short* buffer,
+               const ZRValue& timestamp) override;
+
+  /// Remote: the crossing threshold and hysteresis, both in dB.
+  void setThreshold(const float& thresholdDb, const float& hysteresisDb);
+  std::string levelsEvent() const { return getName() + "/Levels"; }
+  std::string thresholdEvent() const { return getName() + "/ThresholdCrossed"; }
+
+  /// dBFS of a linear full-scale-relative amplitude, floored.
+  static float toDb(double amplitude);
+
+ private:
+  void emitWindow();
+
+  boost::shared_ptr<ZRMemoryProxy> memory_;
+  const int defaultPeriodMs_;
+  std::atomic<int> periodMs_;
+  std::atomic<int> sampleRate_{16000};
+  std::atomic<float> thresholdDb_{-30.0f};
+  std::atomic<float> hysteresisDb_{6.0f};
+
+  // Delivery state: buffers of one subscriber arrive one at a time, in order.
+  int channels_ = 0;
+  long long windowSamples_ = 0;
+  long long filled_ = 0;
+  double windowStart_ = 0.0;
+  std::vector<double> sumSquares_;
+  std::vector<int> peak_;
+  std::vector<bool> loud_;
+};
+
+}  // namespace ZR
