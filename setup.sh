@@ -7,6 +7,8 @@
 #   ./setup.sh asan        the test suite in an AddressSanitizer + UBSan build (build-asan/)
 #   ./setup.sh tsan        the concurrency tests in a ThreadSanitizer build (build-tsan/)
 #   ./setup.sh bench       build and run the benchmarks (build-bench/)
+#   ./setup.sh example     install into a temporary prefix, build examples/peakmeter against it
+#                          and run it through the installed zr
 #   ./setup.sh deps        only install the packages
 #   ./setup.sh build       only install and build (build/)
 set -euo pipefail
@@ -72,6 +74,21 @@ case "$cmd" in
     install_deps
     build build-bench -DCMAKE_BUILD_TYPE=Release -DZR_BUILD_TESTS=OFF -DZR_BUILD_BENCHMARKS=ON
     for b in build-bench/bench/bench_*; do [ -x "$b" ] && "$b"; done
+    bench/zr_run_speed.sh build-bench/tools/zr/zr
+    ;;
+  example)
+    install_deps
+    build build -DZR_BUILD_BENCHMARKS=ON
+    prefix=$(mktemp -d)
+    cmake --install build --prefix "$prefix" >/dev/null
+    rm -rf build-example
+    cmake -S examples/peakmeter -B build-example -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+    cmake --build build-example
+    "$prefix/bin/zr" run --load build-example/libpeakmeter.so --extractor PeakMeter --format jsonl \
+      --output build-example/peaks.jsonl
+    echo "example: $(wc -l < build-example/peaks.jsonl) results from the installed zr"
+    test "$(wc -l < build-example/peaks.jsonl)" -gt 50
+    rm -rf "$prefix"
     ;;
   demo)
     install_deps
