@@ -199,12 +199,22 @@ int run(const RunOptions& o) {
   std::signal(SIGINT, onInterrupt);
   std::signal(SIGTERM, onInterrupt);
   const auto started = std::chrono::steady_clock::now();
-  const bool showProgress = isatty(STDERR_FILENO) && out != stdout ? true : isatty(STDERR_FILENO) && !isatty(STDOUT_FILENO);
-  Progress progress(isFile ? fileDuration(device.path) : 0.0);
+  // The bar shares the terminal with the results only when they go elsewhere.
+  const bool showProgress = isatty(STDERR_FILENO) && (out != stdout || !isatty(STDOUT_FILENO));
+  const double total = isFile ? fileDuration(device.path) : 0.0;
+  Progress progress(total);
   auto audioSeconds = [&] {
     const double rate = audio->getSampleRate();
-    const ZR::ZRAudioDeliveryStats s = audio->getDeliveryStats(extractors.front());
-    return rate > 0 ? static_cast<double>(s.delivered) * audio->getSamplesPerBuffer() / rate : 0.0;
+    std::int64_t delivered = 0;
+    for (const std::string& e : extractors) {
+      try {
+        delivered = std::max(delivered, audio->getDeliveryStats(e).delivered);
+      } catch (const ZR::ZRError&) {
+        // An extractor that does not listen to the device.
+      }
+    }
+    const double seconds = rate > 0 ? static_cast<double>(delivered) * audio->getSamplesPerBuffer() / rate : 0.0;
+    return total > 0 ? std::min(seconds, total) : seconds;  // the last buffer may be short
   };
   audio->release();
   while (!gInterrupted) {
@@ -251,22 +261,12 @@ int describe(const std::string& name, const std::vector<std::string>& libraries)
   auto broker = ZR::ZRBroker::createBroker("zr");
   ZR::ZRModule::createModule<ZR::ZRMemory>(broker, "ZRMemory");
   ZR::ZRModule::createModule<ZR::ZRAudioDevice>(broker, "ZRAudioDevice");
-  boost::shared_ptr<ZR::ZRModuleCore> module;
-  if (name == "ZRMemory" || name == "ZRAudioDevice") {
-    // Already there.
-  } else {
-    registry.create(name, broker, name);
-  }
-  auto proxy = broker->getProxy(name, 0);
-  (void)proxy;
-  std::vector<ZR::ZRMethodDescription> methods;
-  std::string description;
-  {
-    auto object = broker->session()->service(name);
-    auto core = boost::dynamic_pointer_cast<ZR::ZRModuleCore>(object);
-    methods = core->getMethodDescriptions();
-    description = core->getModuleDescription();
-  }
+  // The services are there already; anything else is an extractor type.
+  if (name != "ZRMemory" && name != "ZRAudioDevice") registry.create(name, broker, name);
+  auto core = boost::dynamic_pointer_cast<ZR::ZRModuleCore>(broker->session()->service(name));
+  const std::vector<ZR::ZRMethodDescription> methods = core->getMethodDescriptions();
+  const std::string description = core->getModuleDescription();
+  core.reset();
   std::printf("%s%s%s\n\n", name.c_str(), description.empty() ? "" : ": ", description.c_str());
   for (const ZR::ZRMethodDescription& m : methods) {
     std::printf("%s    [%s]\n", m.signature.c_str(), m.moduleName.c_str());
