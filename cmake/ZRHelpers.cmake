@@ -52,7 +52,8 @@ function(zr_add_library name)
 endfunction()
 
 # zr_add_test(name SOURCES ... DEPS ... [LABELS ...])
-# One GoogleTest program; its cases are registered with ctest one by one.
+# One GoogleTest program; its cases are registered with ctest one by one. Helpers shared by the
+# test programs are in tests/support.
 function(zr_add_test name)
   if(NOT ZR_BUILD_TESTS)
     return()
@@ -60,6 +61,7 @@ function(zr_add_test name)
   cmake_parse_arguments(A "" "" "SOURCES;DEPS;LABELS" ${ARGN})
   add_executable(${name} ${A_SOURCES})
   target_link_libraries(${name} PRIVATE ${A_DEPS} GTest::gtest GTest::gtest_main GTest::gmock Threads::Threads)
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
   zr_warnings(${name})
   if(A_LABELS)
     gtest_discover_tests(${name} PROPERTIES LABELS "${A_LABELS}" DISCOVERY_TIMEOUT 60)

@@ -14,9 +14,11 @@
 #include <vo/dynamicobjectbuilder.h>
 #include <vo/metamethod.h>
 #include <vo/session.h>
+#include <zrtest.h>
 
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using zrtest::errorOf;
 
 namespace {
 
@@ -153,17 +155,6 @@ class Host : public vo::DynamicObject {
     return metaCall(name, args.data(), args.size());
   }
 };
-
-// The error a call raises, or a failure when it raises none.
-ZR::ZRError errorOf(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const ZR::ZRError& e) {
-    return e;
-  }
-  ADD_FAILURE() << "no ZRError";
-  return ZR::ZRError();
-}
 
 }  // namespace
 

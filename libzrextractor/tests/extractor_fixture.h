@@ -20,56 +20,40 @@
 #include <zrerror/zrerror.h>
 #include <zrextractor/zrextractor.h>
 #include <zrmemory/zrmemory.h>
+#include <zrtest.h>
 
 namespace testing_zr {
 
 const char* const kSource = "../libzrextractor/src/zrextractor";
 
+using zrtest::Lines;
+using Hooks = std::vector<std::string>;
+using Names = std::vector<std::string>;
+using Params = std::pair<int, float>;  // period, precision
+
 // Keeps the records of category "core.extractor" while it lives.
-class LogCapture {
- public:
-  LogCapture() {
-    vo::log::addHandler("extractor-test", [this](const vo::log::Record& r) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      if (r.category == "core.extractor") records_.push_back(r);
-    });
-  }
-  ~LogCapture() { vo::log::removeHandler("extractor-test"); }
-  // The records so far; the capture starts empty again.
-  std::vector<vo::log::Record> take() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return std::exchange(records_, {});
-  }
-
- private:
-  std::mutex mutex_;
-  std::vector<vo::log::Record> records_;
+struct LogCapture : zrtest::LogCapture {
+  LogCapture() : zrtest::LogCapture("core.extractor") {}
 };
-
-inline void expectRecord(const vo::log::Record& r, vo::LogLevel level, const std::string& function,
-                         const std::string& message) {
-  EXPECT_EQ(r.level, level) << r.message;
-  EXPECT_EQ(r.category, "core.extractor");
-  EXPECT_EQ(r.function, function) << r.message;
-  EXPECT_EQ(r.file, "");
-  EXPECT_EQ(r.line, 0);
-  EXPECT_EQ(r.message, message);
-}
 
 template <class F>
 void expectError(F&& f, const std::string& module, const std::string& method,
                  const std::string& description) {
-  try {
-    f();
-    ADD_FAILURE() << "no ZRError for " << method << description;
-  } catch (const ZR::ZRError& e) {
-    EXPECT_EQ(e.getModuleName(), module);
-    EXPECT_EQ(e.getMethodName(), method);
-    EXPECT_EQ(e.getDescription(), description);
-    EXPECT_EQ(e.getFileName(), kSource);
-    EXPECT_GT(e.getLineNumber(), 0);
-  }
+  const ZR::ZRError e = zrtest::errorOf(f);
+  EXPECT_EQ(e.getModuleName(), module);
+  EXPECT_EQ(e.getMethodName(), method);
+  EXPECT_EQ(e.getDescription(), description);
+  EXPECT_EQ(e.getFileName(), kSource);
+  EXPECT_GT(e.getLineNumber(), 0);
 }
+
+inline Params current(ZR::ZRExtractor& x) {
+  return {x.getCurrentPeriod(), x.getCurrentPrecision()};
+}
+inline Params mine(ZR::ZRExtractor& x, const std::string& name) {
+  return {x.getMyPeriod(name), x.getMyPrecision(name)};
+}
+const Params kIdle{-1, -1.0f};
 
 // Records every hook call as "start P Q", "update P Q" or "stop"; can be told to fail a hook.
 class Recorder : public ZR::ZRExtractor {
@@ -134,8 +118,5 @@ class ExtractorTest : public ::testing::Test {
   boost::shared_ptr<ZR::ZRBroker> broker;
   boost::shared_ptr<ZR::ZRMemory> memory;
 };
-
-using Hooks = std::vector<std::string>;
-using Names = std::vector<std::string>;
 
 }  // namespace testing_zr

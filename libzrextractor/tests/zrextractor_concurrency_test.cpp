@@ -115,8 +115,7 @@ TEST_F(ExtractorConcurrency, HooksAlternateAndTheRegistryStaysConsistent) {
   ZR::ZRValue info = x->getSubscribersInfo();
   if (info.getSize() == 0) {
     EXPECT_EQ(x->starts.load(), x->stops.load());
-    EXPECT_EQ(x->getCurrentPeriod(), -1);
-    EXPECT_EQ(x->getCurrentPrecision(), -1.0f);
+    EXPECT_EQ(current(*x), kIdle);
   } else {
     EXPECT_EQ(x->starts.load(), x->stops.load() + 1);
     int period = info[0][1];
@@ -126,8 +125,7 @@ TEST_F(ExtractorConcurrency, HooksAlternateAndTheRegistryStaysConsistent) {
       period = std::min(period, int(info[i][1]));
       precision = std::max(precision, float(info[i][2]));
     }
-    EXPECT_EQ(x->getCurrentPeriod(), period);
-    EXPECT_EQ(x->getCurrentPrecision(), precision);
+    EXPECT_EQ(current(*x), Params(period, precision));
   }
 }
 

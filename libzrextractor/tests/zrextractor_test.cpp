@@ -3,6 +3,7 @@
 
 #include <cmath>
 #include <limits>
+#include <tuple>
 
 #include "extractor_fixture.h"
 
@@ -24,6 +25,15 @@ class Limited : public Recorder {
   int minimum_, maximum_;
 };
 
+zrtest::Line received(const std::string& method, const std::string& from) {
+  return {LogLevel_Verbose, method, "Detector received " + method + " from " + from};
+}
+zrtest::Line clamped(const char* method, const char* size, int period) {
+  return {LogLevel_Warning, method,
+          std::string("Detector requested period is too ") + size +
+              "; subscribe with period = " + std::to_string(period) + " ms."};
+}
+
 using ExtractorSubscription = ExtractorTest;
 using ExtractorClamping = ExtractorTest;
 using ExtractorPrecision = ExtractorTest;
@@ -33,36 +43,26 @@ using ExtractorRegistry = ExtractorTest;
 TEST_F(ExtractorSubscription, FirstJoinsStartsOthersUpdateLastLeavesStops) {
   auto x = make("Detector");
   LogCapture log;
-  EXPECT_EQ(x->getCurrentPeriod(), -1);
-  EXPECT_EQ(x->getCurrentPrecision(), -1.0f);
+  EXPECT_EQ(current(*x), kIdle);
 
   x->subscribe("A", 100, 0.5f);
   EXPECT_EQ(x->takeHooks(), Hooks({"start 100 0.5"}));
   EXPECT_TRUE(log.take().empty());  // the start path logs nothing
-  EXPECT_EQ(x->getCurrentPeriod(), 100);
-  EXPECT_EQ(x->getCurrentPrecision(), 0.5f);
+  EXPECT_EQ(current(*x), Params(100, 0.5f));
 
   x->subscribe("B", 40, 0.2f);
   EXPECT_EQ(x->takeHooks(), Hooks({"update 40 0.5"}));
-  auto records = log.take();
-  ASSERT_EQ(records.size(), 1u);
-  expectRecord(records[0], LogLevel_Verbose, "subscribe", "Detector received subscribe from B");
-  EXPECT_EQ(x->getMyPeriod("B"), 40);
-  EXPECT_EQ(x->getMyPrecision("B"), 0.2f);
+  EXPECT_EQ(log.takeLines(), Lines{received("subscribe", "B")});
+  EXPECT_EQ(mine(*x, "B"), Params(40, 0.2f));
 
   x->unsubscribe("B");
   EXPECT_EQ(x->takeHooks(), Hooks({"update 100 0.5"}));
-  records = log.take();
-  ASSERT_EQ(records.size(), 1u);
-  expectRecord(records[0], LogLevel_Verbose, "unsubscribe", "Detector received unsubscribe from B");
+  EXPECT_EQ(log.takeLines(), Lines{received("unsubscribe", "B")});
 
   x->unsubscribe("A");
   EXPECT_EQ(x->takeHooks(), Hooks({"stop"}));
-  EXPECT_EQ(x->getCurrentPeriod(), -1);
-  EXPECT_EQ(x->getCurrentPrecision(), -1.0f);
-  records = log.take();
-  ASSERT_EQ(records.size(), 1u);
-  expectRecord(records[0], LogLevel_Verbose, "unsubscribe", "Detector received unsubscribe from A");
+  EXPECT_EQ(current(*x), kIdle);
+  EXPECT_EQ(log.takeLines(), Lines{received("unsubscribe", "A")});
 
   // Idle again: the next client starts detection afresh.
   x->subscribe("C", 70, 0.1f);
@@ -78,17 +78,15 @@ TEST_F(ExtractorSubscription, ResubscribingWarnsReplacesBothValuesAndNeverRestar
   // Sole subscriber: the registry is not empty, so this is the update path.
   x->subscribe("A", 60, 0.7f);
   EXPECT_EQ(x->takeHooks(), Hooks({"update 60 0.7"}));
-  auto records = log.take();
-  ASSERT_EQ(records.size(), 2u);
-  expectRecord(records[0], LogLevel_Warning, "subscribe",
-               "Detector the module is already subscribed: will just update the parameters.");
-  expectRecord(records[1], LogLevel_Verbose, "subscribe", "Detector received subscribe from A");
+  EXPECT_EQ(log.takeLines(),
+            Lines({{LogLevel_Warning, "subscribe",
+                    "Detector the module is already subscribed: will just update the parameters."},
+                   received("subscribe", "A")}));
 
   x->subscribe("B", 40, 0.2f);
   x->subscribe("B", 200, 0.9f);
   EXPECT_EQ(x->takeHooks(), Hooks({"update 40 0.7", "update 60 0.9"}));
-  EXPECT_EQ(x->getMyPeriod("B"), 200);
-  EXPECT_EQ(x->getMyPrecision("B"), 0.9f);
+  EXPECT_EQ(mine(*x, "B"), Params(200, 0.9f));
   EXPECT_EQ(x->getSubscribersInfo().getSize(), 2);
 }
 
@@ -96,8 +94,7 @@ TEST_F(ExtractorSubscription, WithoutParametersUsesDefaultsWhenIdleAndCurrentVal
   auto x = make("Detector");
   x->subscribe("A");
   EXPECT_EQ(x->takeHooks(), Hooks({"start 30 0"}));
-  EXPECT_EQ(x->getMyPeriod("A"), 30);
-  EXPECT_EQ(x->getMyPrecision("A"), 0.0f);
+  EXPECT_EQ(mine(*x, "A"), Params(30, 0.0f));
   x->unsubscribe("A");
   x->takeHooks();
 
@@ -106,8 +103,7 @@ TEST_F(ExtractorSubscription, WithoutParametersUsesDefaultsWhenIdleAndCurrentVal
   x->takeHooks();
   x->subscribe("C");
   EXPECT_EQ(x->takeHooks(), Hooks({"update 40 0.5"}));
-  EXPECT_EQ(x->getMyPeriod("C"), 40);
-  EXPECT_EQ(x->getMyPrecision("C"), 0.5f);
+  EXPECT_EQ(mine(*x, "C"), Params(40, 0.5f));
 }
 
 TEST_F(ExtractorSubscription, FailingStartLeavesTheSubscriberRegistered) {
@@ -135,8 +131,7 @@ TEST_F(ExtractorSubscription, FailingStopLeavesTheRegistryEmptyAndLogsNothing) {
   EXPECT_EQ(x->takeHooks(), Hooks({"start 100 0.5", "stop"}));
   EXPECT_TRUE(log.take().empty());
   EXPECT_EQ(x->getSubscribersInfo().getSize(), 0);
-  EXPECT_EQ(x->getCurrentPeriod(), -1);
-  EXPECT_EQ(x->getCurrentPrecision(), -1.0f);
+  EXPECT_EQ(current(*x), kIdle);
 
   x->failStop = false;
   x->subscribe("A", 50, 0.1f);
@@ -148,23 +143,15 @@ TEST_F(ExtractorClamping, DefaultLimitsRaiseToOneAndAcceptAnyLargePeriod) {
   LogCapture log;
   x->subscribe("A", 0, 0.5f);
   EXPECT_EQ(x->takeHooks(), Hooks({"start 1 0.5"}));
-  auto records = log.take();
-  ASSERT_EQ(records.size(), 1u);
-  expectRecord(records[0], LogLevel_Warning, "subscribe",
-               "Detector requested period is too small; subscribe with period = 1 ms.");
+  EXPECT_EQ(log.takeLines(), Lines{clamped("subscribe", "small", 1)});
 
   x->subscribe("B", -250, 0.5f);
   EXPECT_EQ(x->getMyPeriod("B"), 1);
-  records = log.take();
-  ASSERT_EQ(records.size(), 2u);
-  expectRecord(records[0], LogLevel_Warning, "subscribe",
-               "Detector requested period is too small; subscribe with period = 1 ms.");
+  EXPECT_EQ(log.takeLines(), Lines({clamped("subscribe", "small", 1), received("subscribe", "B")}));
 
   x->subscribe("C", 1000000, 0.5f);
   EXPECT_EQ(x->getMyPeriod("C"), 1000000);
-  records = log.take();
-  ASSERT_EQ(records.size(), 1u);  // the received-subscribe message only
-  EXPECT_EQ(records[0].level, LogLevel_Verbose);
+  EXPECT_EQ(log.takeLines(), Lines{received("subscribe", "C")});
 }
 
 TEST_F(ExtractorClamping, MinimumAboveMaximumLogsBothAndKeepsTheMaximum) {
@@ -173,12 +160,8 @@ TEST_F(ExtractorClamping, MinimumAboveMaximumLogsBothAndKeepsTheMaximum) {
   x->subscribe("A", 5, 0.3f);
   EXPECT_EQ(x->takeHooks(), Hooks({"start 20 0.3"}));
   EXPECT_EQ(x->getMyPeriod("A"), 20);
-  auto records = log.take();
-  ASSERT_EQ(records.size(), 2u);
-  expectRecord(records[0], LogLevel_Warning, "subscribe",
-               "Detector requested period is too small; subscribe with period = 50 ms.");
-  expectRecord(records[1], LogLevel_Warning, "subscribe",
-               "Detector requested period is too big; subscribe with period = 20 ms.");
+  EXPECT_EQ(log.takeLines(),
+            Lines({clamped("subscribe", "small", 50), clamped("subscribe", "big", 20)}));
 
   // Zero is a bound too; only a negative maximum means none.
   auto z = make<Limited>("Zero", 1, 0);
@@ -193,19 +176,13 @@ TEST_F(ExtractorClamping, UpdatePeriodClampsUnderItsOwnNameAndKeepsThePrecision)
   LogCapture log;
 
   x->updatePeriod("A", 3);
-  EXPECT_EQ(x->getMyPeriod("A"), 10);
-  EXPECT_EQ(x->getMyPrecision("A"), 0.3f);
+  EXPECT_EQ(mine(*x, "A"), Params(10, 0.3f));
   EXPECT_EQ(x->takeHooks(), Hooks({"update 10 0.3"}));
   x->updatePeriod("A", 900);
   EXPECT_EQ(x->getMyPeriod("A"), 500);
   EXPECT_EQ(x->takeHooks(), Hooks({"update 500 0.3"}));
-
-  auto records = log.take();
-  ASSERT_EQ(records.size(), 2u);
-  expectRecord(records[0], LogLevel_Warning, "updatePeriod",
-               "Detector requested period is too small; subscribe with period = 10 ms.");
-  expectRecord(records[1], LogLevel_Warning, "updatePeriod",
-               "Detector requested period is too big; subscribe with period = 500 ms.");
+  EXPECT_EQ(log.takeLines(),
+            Lines({clamped("updatePeriod", "small", 10), clamped("updatePeriod", "big", 500)}));
 }
 
 TEST_F(ExtractorPrecision, NegativeValuesAreStoredUnchanged) {
@@ -244,23 +221,20 @@ TEST_F(ExtractorErrors, UnknownNamesThrowWithTheClassNameAndChangeNothing) {
       x->takeHooks();
       log.take();
     }
-    expectError([&] { x->getMyPeriod("nobody"); }, "ZRExtractor",
-                "getMyPeriod: unknown module name: ", "nobody");
-    expectError([&] { x->getMyPrecision("nobody"); }, "ZRExtractor",
-                "getMyPrecision: unknown module name: ", "nobody");
-    expectError([&] { x->updatePeriod("nobody", 10); }, "ZRExtractor",
-                "updateParam: unknown module name: ", "nobody");
-    expectError([&] { x->updatePrecision("nobody", 1.0f); }, "ZRExtractor",
-                "updateParam: unknown module name: ", "nobody");
+    const auto unknown = [&](auto call, const char* method) {
+      expectError(call, "ZRExtractor", method, "nobody");
+    };
+    unknown([&] { x->getMyPeriod("nobody"); }, "getMyPeriod: unknown module name: ");
+    unknown([&] { x->getMyPrecision("nobody"); }, "getMyPrecision: unknown module name: ");
+    unknown([&] { x->updatePeriod("nobody", 10); }, "updateParam: unknown module name: ");
+    unknown([&] { x->updatePrecision("nobody", 1.0f); }, "updateParam: unknown module name: ");
     EXPECT_TRUE(log.take().empty());
 
     // The warning has no colon, the error has one.
-    expectError([&] { x->unsubscribe("nobody"); }, "ZRExtractor",
-                "received unsubscribe from non-subscribed module: ", "nobody");
-    auto records = log.take();
-    ASSERT_EQ(records.size(), 1u);
-    expectRecord(records[0], LogLevel_Warning, "unsubscribe",
-                 "Detector received unsubscribe from non-subscribed module nobody");
+    unknown([&] { x->unsubscribe("nobody"); }, "received unsubscribe from non-subscribed module: ");
+    EXPECT_EQ(log.takeLines(),
+              Lines({{LogLevel_Warning, "unsubscribe",
+                      "Detector received unsubscribe from non-subscribed module nobody"}}));
 
     EXPECT_TRUE(x->takeHooks().empty());
     EXPECT_EQ(x->getSubscribersInfo().getSize(), running);
@@ -286,21 +260,15 @@ TEST_F(ExtractorRegistry, SubscribersInfoListsTriplesInNameOrder) {
   x->subscribe("c", 30, 0.3f);
   info = x->getSubscribersInfo();
   ASSERT_TRUE(info.isArray());
-  ASSERT_EQ(info.getSize(), 3);
-  const char* names[] = {"a", "b", "c"};
-  const int periods[] = {10, 20, 30};
-  const float precisions[] = {0.1f, 0.2f, 0.3f};
-  for (int i = 0; i < 3; ++i) {
+  std::vector<std::tuple<std::string, int, float>> triples;
+  for (int i = 0; i < info.getSize(); ++i) {
     const ZR::ZRValue& e = info[i];
     ASSERT_TRUE(e.isArray());
     ASSERT_EQ(e.getSize(), 3);
-    ASSERT_TRUE(e[0].isString());
-    ASSERT_TRUE(e[1].isInt());
-    ASSERT_TRUE(e[2].isFloat());
-    EXPECT_EQ(std::string(e[0]), names[i]);
-    EXPECT_EQ(int(e[1]), periods[i]);
-    EXPECT_EQ(float(e[2]), precisions[i]);
+    ASSERT_TRUE(e[0].isString() && e[1].isInt() && e[2].isFloat()) << e.toString();
+    triples.emplace_back(std::string(e[0]), int(e[1]), float(e[2]));
   }
+  EXPECT_EQ(triples, (decltype(triples){{"a", 10, 0.1f}, {"b", 20, 0.2f}, {"c", 30, 0.3f}}));
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <filesystem>
+#include <future>
 #include <map>
 #include <mutex>
 #include <string>
@@ -27,33 +27,15 @@ Stamp stampOf(const ZR::ZRValue& timestamp) {
   return {timestamp[0].toInt(), timestamp[1].toInt()};
 }
 
-// Opens at most once: the first buffer is held until released, so that a second subscriber
-// can join while the file is still far from its end.
-class Gate {
- public:
-  void open() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    open_ = true;
-    cv_.notify_all();
-  }
-  void pass() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    cv_.wait_for(lock, std::chrono::seconds(10), [&] { return open_; });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable cv_;
-  bool open_ = false;
-};
-
 class Recorder : public ZR::ZRSoundExtractor {
  public:
   Recorder(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name)
       : ZRSoundExtractor(broker, name) {}
   void process(const int& channels, const int& frames, const short* buffer,
                const ZR::ZRValue& timestamp) override {
-    if (gate) gate->pass();
+    // Holds the first buffer until released, so that a second subscriber can join while the file
+    // is still far from its end.
+    if (gate.valid()) gate.wait_for(std::chrono::seconds(10));
     {
       std::lock_guard<std::mutex> lock(mutex);
       current = stampOf(timestamp);
@@ -65,7 +47,7 @@ class Recorder : public ZR::ZRSoundExtractor {
     samples.insert(samples.end(), buffer, buffer + channels * frames);
     pointers[current] = buffer;
   }
-  Gate* gate = nullptr;
+  std::shared_future<void> gate;
   std::mutex mutex;
   Stamp current;
   std::vector<short> samples;
@@ -154,11 +136,11 @@ TEST_F(DeviceIntegrationTest, FileSamplesReachTheExtractorInPlaceAndUnsubscribeE
   auto raw = ZR::ZRModule::createModule<RawSubscriber>(broker, "Raw");
   auto client = ZR::ZRModule::createModule<Client>(broker, "Client");
 
-  Gate gate;
-  recorder->gate = &gate;
+  std::promise<void> release;
+  recorder->gate = release.get_future().share();
   client->start("Recorder");
   device->subscribe("Raw");
-  gate.open();
+  release.set_value();
   ASSERT_TRUE(device->waitForEndOfStream(20000));
 
   {

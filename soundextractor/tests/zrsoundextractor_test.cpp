@@ -2,18 +2,17 @@
 #include <mutex>
 #include <string>
 #include <thread>
-#include <tuple>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include <vo/log.h>
 #include <zrcommon/zrbroker.h>
 #include <zrcommon/zrmodule.h>
 #include <zrcommon/zrproxy.h>
 #include <zrmemory/zrmemory.h>
 #include <zrsoundextractor/zrsoundextractor.h>
+#include <zrtest.h>
 
 namespace {
 
@@ -22,6 +21,8 @@ const char* const kDebugText =
     "The call to setDebugMode() is now deprectated. This functionnality is now handled by vo/log";
 
 using Call = std::pair<std::string, std::string>;  // method, module name
+using Calls = std::vector<Call>;
+using Names = std::vector<std::string>;
 
 // Stands in for the audio device: records every subscribe/unsubscribe and refuses on demand.
 class RecordingDevice : public ZR::ZRModule {
@@ -37,7 +38,7 @@ class RecordingDevice : public ZR::ZRModule {
   }
   void subscribe(const std::string& module) { record("subscribe", module, failSubscribe); }
   void unsubscribe(const std::string& module) { record("unsubscribe", module, failUnsubscribe); }
-  std::vector<Call> calls() const {
+  Calls calls() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return calls_;
   }
@@ -57,32 +58,12 @@ class RecordingDevice : public ZR::ZRModule {
     if (fail) throw ZR::ZRError("ZRAudioDevice", method, "refused " + module);
   }
   mutable std::mutex mutex_;
-  std::vector<Call> calls_;
+  Calls calls_;
 };
 
-using Line = std::tuple<int, std::string, std::string>;  // level, function, message
-
-// Keeps this class's records only: the platform's own threads log under other categories.
-class LogCapture {
- public:
-  LogCapture() {
-    vo::log::addHandler("soundextractor-test", [this](const vo::log::Record& r) {
-      if (r.category != kCategory) return;
-      EXPECT_EQ(r.file + std::to_string(r.line), "0") << r.message;
-      std::lock_guard<std::mutex> lock(mutex_);
-      lines_.emplace_back(r.level, r.function, r.message);
-    });
-  }
-  ~LogCapture() { vo::log::removeHandler("soundextractor-test"); }
-  std::vector<Line> take() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return std::move(lines_);
-  }
-
- private:
-  std::mutex mutex_;
-  std::vector<Line> lines_;
-};
+using zrtest::errorOf;
+using zrtest::Line;
+using zrtest::Lines;
 
 const Line kStartLine{5, "startDetection", "ZRSoundExtractor : startDetection"};
 const Line kStopLine{5, "stopDetection", "ZRSoundExtractor : stopDetection"};
@@ -93,17 +74,6 @@ class TestSound : public ZR::ZRSoundExtractor {
   bool debug() const { return debugMode; }
   const ZR::ZRValue& auxiliary() const { return auxiliaryValue; }
 };
-
-template <class F>
-ZR::ZRError errorOf(F&& f) {
-  try {
-    f();
-  } catch (const ZR::ZRError& e) {
-    return e;
-  }
-  ADD_FAILURE() << "no ZRError thrown";
-  return ZR::ZRError();
-}
 
 void expectStartError(const ZR::ZRError& e, const std::string& cause) {
   EXPECT_EQ(e.getModuleName() + "|" + e.getMethodName() + "|" + e.getDescription() + "|" +
@@ -117,7 +87,10 @@ class SoundExtractorTest : public ::testing::Test {
     broker = ZR::ZRBroker::createBroker("soundextractor-test", 2);
     ZR::ZRModule::createModule<ZR::ZRMemory>(broker, "ZRMemory");
   }
-  void TearDown() override { broker->shutdown(); }
+  void TearDown() override {
+    broker->shutdown();
+    logs.takeLines();  // checks that no record carries a source location
+  }
 
   boost::shared_ptr<RecordingDevice> addDevice() {
     return ZR::ZRModule::createModule<RecordingDevice>(broker, "ZRAudioDevice");
@@ -135,14 +108,15 @@ class SoundExtractorTest : public ::testing::Test {
         .what();
   }
 
-  LogCapture logs;
+  // This class's records only: the platform's own threads log under other categories.
+  zrtest::LogCapture logs{kCategory};
   boost::shared_ptr<ZR::ZRBroker> broker;
 };
 
 TEST_F(SoundExtractorTest, DeviceSubscriptionFollowsFirstAndLastClient) {
   auto device = addDevice();
   auto sound = addSound();
-  EXPECT_TRUE(logs.take().empty()) << "construction with a device logs nothing";
+  EXPECT_TRUE(logs.takeLines().empty()) << "construction with a device logs nothing";
   auto proxy = broker->getProxy("Sound", 0);
   const Call sub{"subscribe", "Sound"}, unsub{"unsubscribe", "Sound"};
 
@@ -153,11 +127,11 @@ TEST_F(SoundExtractorTest, DeviceSubscriptionFollowsFirstAndLastClient) {
   proxy->call<void>("updatePrecision", "b", 0.9f);
   sound->unsubscribe("a");
   proxy->call<void>("unsubscribe", "b");
-  EXPECT_EQ(device->calls(), std::vector<Call>{sub});
+  EXPECT_EQ(device->calls(), Calls{sub});
   proxy->call<void>("unsubscribe", "c");
-  EXPECT_EQ(device->calls(), (std::vector<Call>{sub, unsub}));
+  EXPECT_EQ(device->calls(), Calls({sub, unsub}));
 
-  EXPECT_EQ(logs.take(), (std::vector<Line>{kStartLine, kStopLine}));
+  EXPECT_EQ(logs.takeLines(), Lines({kStartLine, kStopLine}));
 
   // Repeated starts and stops are no-ops: no call, no record.
   device->clear();
@@ -165,20 +139,16 @@ TEST_F(SoundExtractorTest, DeviceSubscriptionFollowsFirstAndLastClient) {
   sound->startDetection();
   sound->stopDetection();
   sound->stopDetection();
-  EXPECT_EQ(device->calls(), (std::vector<Call>{sub, unsub}));
-  EXPECT_EQ(logs.take(), (std::vector<Line>{kStartLine, kStopLine}));
+  EXPECT_EQ(device->calls(), Calls({sub, unsub}));
+  EXPECT_EQ(logs.takeLines(), Lines({kStartLine, kStopLine}));
 }
 
 TEST_F(SoundExtractorTest, MissingDeviceWarnsAtConstructionAndIsRetriedAtEachStart) {
   auto sound = addSound();
   const std::string cause = noDeviceText();
-  EXPECT_EQ(logs.take(),
-            (std::vector<Line>{{3, "ZRSoundExtractor", cause + " Sound capture will not work."}}));
-  ZR::ZRValue zeros;
-  zeros.arraySetSize(2);
-  zeros[0] = 0;
-  zeros[1] = 0;
-  EXPECT_EQ(sound->auxiliary(), zeros);
+  EXPECT_EQ(logs.takeLines(),
+            Lines({{3, "ZRSoundExtractor", cause + " Sound capture will not work."}}));
+  EXPECT_EQ(sound->auxiliary().toString(), "[0, 0]");
   EXPECT_FALSE(sound->debug());
 
   expectStartError(errorOf([&] { sound->subscribe("a", 100, 0.5f); }), cause);
@@ -189,7 +159,7 @@ TEST_F(SoundExtractorTest, MissingDeviceWarnsAtConstructionAndIsRetriedAtEachSta
   auto device = addDevice();
   sound->subscribe("a", 100, 0.5f);
   sound->unsubscribe("a");
-  EXPECT_EQ(device->calls(), (std::vector<Call>{{"subscribe", "Sound"}, {"unsubscribe", "Sound"}}));
+  EXPECT_EQ(device->calls(), Calls({{"subscribe", "Sound"}, {"unsubscribe", "Sound"}}));
 }
 
 TEST_F(SoundExtractorTest, RefusedSubscribeLeavesItIdleAndKeepsTheProxy) {
@@ -201,7 +171,7 @@ TEST_F(SoundExtractorTest, RefusedSubscribeLeavesItIdleAndKeepsTheProxy) {
 
   expectStartError(errorOf([&] { sound->subscribe("a", 100, 0.5f); }), cause);
   sound->unsubscribe("a");  // idle: no unsubscribe reaches the device
-  EXPECT_EQ(first->calls(), (std::vector<Call>{{"subscribe", "Sound"}}));
+  EXPECT_EQ(first->calls(), Calls({{"subscribe", "Sound"}}));
 
   // Replace the device under the same name: the kept proxy still designates the first one, which
   // its broker let go, so the start fails instead of reaching the newcomer.
@@ -210,14 +180,14 @@ TEST_F(SoundExtractorTest, RefusedSubscribeLeavesItIdleAndKeepsTheProxy) {
   auto second = addDevice();
   expectStartError(errorOf([&] { sound->subscribe("b", 100, 0.5f); }),
                    "ZRAudioDevice::subscribe: module destroyed");
-  EXPECT_EQ(first->calls(), (std::vector<Call>{{"subscribe", "Sound"}}));
+  EXPECT_EQ(first->calls(), Calls({{"subscribe", "Sound"}}));
   EXPECT_TRUE(second->calls().empty());
 
   // A proxy obtained at construction is kept the same way, and serves while its device lives.
   auto other = addSound("Other");
   other->startDetection();
   other->stopDetection();
-  EXPECT_EQ(second->calls(), (std::vector<Call>{{"subscribe", "Other"}, {"unsubscribe", "Other"}}));
+  EXPECT_EQ(second->calls(), Calls({{"subscribe", "Other"}, {"unsubscribe", "Other"}}));
   ASSERT_TRUE(broker->removeModule("ZRAudioDevice"));
   auto third = addDevice();
   EXPECT_THROW(other->startDetection(), ZR::ZRError);
@@ -241,8 +211,7 @@ TEST_F(SoundExtractorTest, RefusedUnsubscribeReachesTheCallerAndLeavesItIdle) {
   sound->subscribe("b", 100, 0.5f);
   sound->unsubscribe("b");
   EXPECT_EQ(device->calls(),
-            (std::vector<Call>{
-                {"unsubscribe", "Sound"}, {"subscribe", "Sound"}, {"unsubscribe", "Sound"}}));
+            Calls({{"unsubscribe", "Sound"}, {"subscribe", "Sound"}, {"unsubscribe", "Sound"}}));
 }
 
 TEST_F(SoundExtractorTest, DestructionUnsubscribesOnlyWhenSubscribed) {
@@ -250,22 +219,22 @@ TEST_F(SoundExtractorTest, DestructionUnsubscribesOnlyWhenSubscribed) {
   auto idle = addSound("Idle");
   auto busy = addSound("Busy");
   busy->subscribe("a", 100, 0.5f);
-  logs.take();
+  logs.takeLines();
 
   idle.reset();
   ASSERT_TRUE(broker->removeModule("Idle"));
   EXPECT_EQ(device->calls().size(), 1u);
-  EXPECT_TRUE(logs.take().empty());
+  EXPECT_TRUE(logs.takeLines().empty());
 
   busy.reset();
   ASSERT_TRUE(broker->removeModule("Busy"));
-  EXPECT_EQ(device->calls(), (std::vector<Call>{{"subscribe", "Busy"}, {"unsubscribe", "Busy"}}));
-  EXPECT_EQ(logs.take(), std::vector<Line>{kStopLine});
+  EXPECT_EQ(device->calls(), Calls({{"subscribe", "Busy"}, {"unsubscribe", "Busy"}}));
+  EXPECT_EQ(logs.takeLines(), Lines{kStopLine});
 }
 
 TEST_F(SoundExtractorTest, RemoteSurface) {
   auto sound = addSound();
-  logs.take();
+  logs.takeLines();
   auto proxy = broker->getProxy("Sound", 0);
   EXPECT_EQ(proxy->call<std::string>("version"), "");
 
@@ -273,16 +242,15 @@ TEST_F(SoundExtractorTest, RemoteSurface) {
   proxy->call<void>("setDebugMode", false);
   EXPECT_FALSE(sound->debug());
   const Line deprecated{3, "setDebugMode", kDebugText};
-  EXPECT_EQ(logs.take(), (std::vector<Line>{deprecated, deprecated}));
+  EXPECT_EQ(logs.takeLines(), Lines({deprecated, deprecated}));
 
-  auto names = proxy->call<std::vector<std::string>>("getMethodList");
+  auto names = proxy->call<Names>("getMethodList");
   ASSERT_GE(names.size(), 4u);
-  EXPECT_EQ(std::vector<std::string>(names.end() - 4, names.end()),
-            (std::vector<std::string>{"getMemoryKeyList", "setDebugMode", "processRemote",
-                                      "processSoundRemote"}));
+  EXPECT_EQ(Names(names.end() - 4, names.end()),
+            Names({"getMemoryKeyList", "setDebugMode", "processRemote", "processSoundRemote"}));
 
   // Each of the last three methods as "signature|class|description|return|param:doc|...".
-  std::vector<std::string> described;
+  Names described;
   const auto descriptions = sound->getMethodDescriptions();
   for (auto d = descriptions.end() - 3; d != descriptions.end(); ++d) {
     std::string text = d->signature + "|" + d->moduleName + "|" + d->description + "|" +
@@ -296,13 +264,12 @@ TEST_F(SoundExtractorTest, RemoteSurface) {
       "|nbOfChannels:Provides the number of channels of the buffer."
       "|nbOfSamplesByChannel:Provides the number of samples by channel.";
   const std::string buffer = "|buffer:Provides the audio buffer as an ZRValue.";
-  EXPECT_EQ(
-      described,
-      (std::vector<std::string>{
-          "setDebugMode(bool) -> void" + head + "|bSetOrUnset:enable the functionnality when true.",
-          "processRemote(int, int, ZRValue, ZRValue) -> void" + head + counts +
-              "|timestamp:Provides the timestamp of the buffer." + buffer,
-          "processSoundRemote(int, int, ZRValue) -> void" + head + counts + buffer}));
+  EXPECT_EQ(described,
+            Names({"setDebugMode(bool) -> void" + head +
+                       "|bSetOrUnset:enable the functionnality when true.",
+                   "processRemote(int, int, ZRValue, ZRValue) -> void" + head + counts +
+                       "|timestamp:Provides the timestamp of the buffer." + buffer,
+                   "processSoundRemote(int, int, ZRValue) -> void" + head + counts + buffer}));
 }
 
 TEST_F(SoundExtractorTest, ConcurrentClientsKeepStartsAndStopsAlternating) {
@@ -351,7 +318,7 @@ class ProcessProbe : public ZR::ZRSoundExtractor {
                     rest);
   }
   ZR::ZRValue sent;
-  std::vector<std::string> calls;
+  Names calls;
   bool forward = false, failProcess = false;
 };
 
@@ -375,12 +342,11 @@ TEST_F(SoundExtractorTest, ProcessRemoteHandsTheSamplesInPlaceThenThePresenceFla
   const ZR::ZRError e = errorOf([&] { proxy->call<void>("processRemote", 2, 3, ts, probe->sent); });
   EXPECT_NE(std::string(e.what()).find("bad buffer"), std::string::npos) << e.what();
 
-  EXPECT_EQ(probe->calls, (std::vector<std::string>{
-                              "process 2x3 in place [12, 345]", "processSoundRemote 2x3 true",
-                              "process 4x5 null [12, 345]", "processSoundRemote 4x5 false",
-                              "process 2x3 in place [12, 345]", "processSound 2x3 in place",
-                              "processSoundRemote 2x3 true", "processSoundRemote 1x6 in place",
-                              "process 2x3 in place [12, 345]"}));
+  EXPECT_EQ(probe->calls, Names({"process 2x3 in place [12, 345]", "processSoundRemote 2x3 true",
+                                 "process 4x5 null [12, 345]", "processSoundRemote 4x5 false",
+                                 "process 2x3 in place [12, 345]", "processSound 2x3 in place",
+                                 "processSoundRemote 2x3 true", "processSoundRemote 1x6 in place",
+                                 "process 2x3 in place [12, 345]"}));
 }
 
 class EventfulSound : public ZR::ZRSoundExtractor {
@@ -396,12 +362,10 @@ class EventfulSound : public ZR::ZRSoundExtractor {
 TEST_F(SoundExtractorTest, OutputNamesAreTheEventsTheMemoryKnows) {
   auto sound = addSound<EventfulSound>("Eventful");
   auto memory = broker->getProxy("ZRMemory", 0);
-  const auto events =
-      memory->call<std::vector<std::string>>("getExtractorEvent", std::string("Eventful"));
-  EXPECT_EQ(events, (std::vector<std::string>{"Eventful/second", "Eventful/first"}));
+  const auto events = memory->call<Names>("getExtractorEvent", std::string("Eventful"));
+  EXPECT_EQ(events, Names({"Eventful/second", "Eventful/first"}));
   EXPECT_EQ(sound->getOutputNames(), events) << "memory keys are not outputs of a sound extractor";
-  EXPECT_EQ(broker->getProxy("Eventful", 0)->call<std::vector<std::string>>("getOutputNames"),
-            events);
+  EXPECT_EQ(broker->getProxy("Eventful", 0)->call<Names>("getOutputNames"), events);
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -12,8 +13,11 @@
 #include <vo/log.h>
 #include <zrmemory/zrmemory.h>
 #include <zrproxies/zrmemoryproxy.h>
+#include <zrtest.h>
 
 using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+using zrtest::errorOf;
 using Strings = std::vector<std::string>;
 
 namespace {
@@ -90,43 +94,25 @@ class Producer : public ZR::ZRModule {
   int violations = 0;
 };
 
-template <class Pred>
-bool waitUntil(Pred pred, std::chrono::milliseconds timeout = 5s) {
-  const auto end = std::chrono::steady_clock::now() + timeout;
-  while (!pred()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(1ms);
-  }
-  return true;
-}
-
-// `call` must fail with a ZRError whose text contains `part`.
-template <class F>
-void expectError(F call, const std::string& part) {
-  try {
-    call();
-    ADD_FAILURE() << "no error; expected " << part;
-  } catch (const ZR::ZRError& e) {
-    EXPECT_NE(std::string(e.what()).find(part), std::string::npos) << e.what();
-  }
-}
-
-// A broker with 4 threads and the service; counts the service's warnings.
+// A broker with 4 threads and the service; keeps the service's warnings.
 struct Fixture {
   explicit Fixture(int capacity = ZR::ZRMemory::kDefaultQueueCapacity)
       : broker(ZR::ZRBroker::createBroker("main", 4)),
         memory(ZR::ZRModule::createModule<ZR::ZRMemory>(broker, "ZRMemory", capacity)),
-        proxy(broker) {
-    // Shared: an emitter's snapshot may still call the handler after its removal.
-    vo::log::addHandler("zrmemory-test", [w = warnings](const vo::log::Record& r) {
-      if (r.category == "zrmemory" && r.level == vo::LogLevel_Warning) ++*w;
-    });
+        proxy(broker) {}
+  template <class T = Client>
+  boost::shared_ptr<T> make(const std::string& name) {
+    return ZR::ZRModule::createModule<T>(broker, name);
   }
-  ~Fixture() { vo::log::removeHandler("zrmemory-test"); }
+  int warningCount() const {
+    int n = 0;
+    for (const auto& r : warnings.records()) n += r.level == vo::LogLevel_Warning;
+    return n;
+  }
+  zrtest::LogCapture warnings{"zrmemory", vo::LogLevel_Warning};
   boost::shared_ptr<ZR::ZRBroker> broker;
   boost::shared_ptr<ZR::ZRMemory> memory;
   ZR::ZRMemoryProxy proxy;
-  std::shared_ptr<std::atomic<int>> warnings = std::make_shared<std::atomic<int>>(0);
 };
 
 }  // namespace
@@ -141,8 +127,8 @@ TEST(ZRMemoryData, InsertGetListRemoveAndErrors) {
   EXPECT_EQ(f.proxy.getDataListName(), (Strings{"a", "b"}));
   f.proxy.removeData("a");
   EXPECT_EQ(f.proxy.getDataListName(), Strings{"b"});
-  expectError([&] { f.proxy.getData("a"); },
-              "ZRMemory::getData: nothing is stored under the key \"a\"");
+  EXPECT_THAT(errorOf([&] { f.proxy.getData("a"); }).what(),
+              HasSubstr("ZRMemory::getData: nothing is stored under the key \"a\""));
   EXPECT_THROW(f.proxy.removeData("a"), ZR::ZRError);
   EXPECT_THROW(f.proxy.insertData("", 1), ZR::ZRError);
   EXPECT_THROW(ZR::ZRModule::createModule<ZR::ZRMemory>(f.broker, "Other", 0), ZR::ZRError);
@@ -176,7 +162,7 @@ TEST(ZRMemoryEvents, DeclarationsAndLists) {
 
 TEST(ZRMemoryDelivery, InRaiseOrderUntilUnsubscribed) {
   Fixture f;
-  auto client = ZR::ZRModule::createModule<Client>(f.broker, "Client");
+  auto client = f.make("Client");
   client->hook = [](int v) {
     if (v % 7 == 0) std::this_thread::yield();
   };
@@ -202,9 +188,9 @@ TEST(ZRMemoryDelivery, InRaiseOrderUntilUnsubscribed) {
 
 TEST(ZRMemoryDelivery, SlowAndThrowingSubscribersHoldUpNobody) {
   Fixture f;
-  auto fast = ZR::ZRModule::createModule<Client>(f.broker, "Fast");
-  auto slow = ZR::ZRModule::createModule<Client>(f.broker, "Slow");
-  auto thrower = ZR::ZRModule::createModule<Client>(f.broker, "Thrower");
+  auto fast = f.make("Fast");
+  auto slow = f.make("Slow");
+  auto thrower = f.make("Thrower");
   std::promise<void> release;
   std::shared_future<void> gate = release.get_future().share();
   slow->hook = [gate](int) { gate.wait(); };
@@ -214,20 +200,20 @@ TEST(ZRMemoryDelivery, SlowAndThrowingSubscribersHoldUpNobody) {
   const auto start = std::chrono::steady_clock::now();
   for (int i = 0; i < 100; ++i) f.proxy.raiseEvent("E", i);
   EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);  // raising never waited
-  EXPECT_TRUE(waitUntil([&] { return fast->calls == 100 && thrower->calls == 100; }));
+  EXPECT_TRUE(zrtest::eventually([&] { return fast->calls == 100 && thrower->calls == 100; }));
   EXPECT_EQ(slow->calls, 1);
   EXPECT_FALSE(f.memory->waitForDeliveries(10ms));
   release.set_value();
   ASSERT_TRUE(f.memory->waitForDeliveries(10s));
   EXPECT_EQ(slow->received().size(), 100u);
   EXPECT_EQ(fast->faults + slow->faults, 0);
-  EXPECT_GE(*f.warnings, 1);
-  EXPECT_LT(*f.warnings, 10);  // rate-limited
+  EXPECT_GE(f.warningCount(), 1);
+  EXPECT_LT(f.warningCount(), 10);  // rate-limited
 }
 
 TEST(ZRMemoryDelivery, OverflowDropsOldestAndCounts) {
   Fixture f(4);
-  auto client = ZR::ZRModule::createModule<Client>(f.broker, "Client");
+  auto client = f.make("Client");
   std::promise<void> release;
   std::shared_future<void> gate = release.get_future().share();
   client->hook = [gate](int v) {
@@ -235,7 +221,7 @@ TEST(ZRMemoryDelivery, OverflowDropsOldestAndCounts) {
   };
   f.proxy.subscribeToEvent("E", "Client", "onEvent");
   f.proxy.raiseEvent("E", 0);
-  ASSERT_TRUE(waitUntil([&] { return client->calls == 1; }));  // 0 is being delivered
+  ASSERT_TRUE(zrtest::eventually([&] { return client->calls == 1; }));  // 0 is being delivered
   for (int i = 1; i <= 10; ++i) f.proxy.raiseEvent("E", i);
   release.set_value();
   ASSERT_TRUE(f.memory->waitForDeliveries(10s));
@@ -243,13 +229,13 @@ TEST(ZRMemoryDelivery, OverflowDropsOldestAndCounts) {
   EXPECT_EQ(f.memory->getDroppedEventCount("Client"), 6);
   EXPECT_EQ(f.proxy.getGenericProxy()->call<int>("getDroppedEventCount", "Client"), 6);
   EXPECT_EQ(f.memory->getDroppedEventCount("Nobody"), 0);
-  EXPECT_EQ(*f.warnings, 1);
+  EXPECT_EQ(f.warningCount(), 1);
 }
 
 TEST(ZRMemoryProducer, SubscribesOnFirstEventAndUnsubscribesOnLast) {
   Fixture f;
-  auto producer = ZR::ZRModule::createModule<Producer>(f.broker, "P");
-  auto client = ZR::ZRModule::createModule<Client>(f.broker, "Client");
+  auto producer = f.make<Producer>("P");
+  auto client = f.make("Client");
   f.proxy.declareEvent("P/a", "P");
   f.proxy.declareEvent("P/b", "P");
 
@@ -272,22 +258,24 @@ TEST(ZRMemoryProducer, SubscribesOnFirstEventAndUnsubscribesOnLast) {
 
   // A producer refusing the subscription: the caller learns why, nothing is recorded.
   producer->failSubscribe = true;
-  expectError([&] { f.proxy.subscribeToEvent("P/a", "Client", "onEvent"); },
-              "ZRMemory::subscribeToEvent: P::subscribe: device unavailable");
+  EXPECT_THAT(errorOf([&] { f.proxy.subscribeToEvent("P/a", "Client", "onEvent"); }).what(),
+              HasSubstr("ZRMemory::subscribeToEvent: P::subscribe: device unavailable"));
   EXPECT_EQ(f.proxy.getSubscribers("P/a"), Strings{});
   producer->failSubscribe = false;
   f.proxy.subscribeToEvent("P/a", "Client", "onEvent");
   EXPECT_EQ(producer->subscribes.size(), 2u);
   EXPECT_EQ(producer->violations, 0);
 
-  expectError([&] { f.proxy.subscribeToEvent("P/a", "Ghost", "onEvent"); }, "\"Ghost\"");
-  expectError([&] { f.proxy.subscribeToEvent("P/b", "Client", "nope"); }, "\"nope\"");
+  EXPECT_THAT(errorOf([&] { f.proxy.subscribeToEvent("P/a", "Ghost", "onEvent"); }).what(),
+              HasSubstr("\"Ghost\""));
+  EXPECT_THAT(errorOf([&] { f.proxy.subscribeToEvent("P/b", "Client", "nope"); }).what(),
+              HasSubstr("\"nope\""));
 }
 
 TEST(ZRMemoryProducer, SubscriberGoingAwayIsUnsubscribed) {
   Fixture f;
-  auto producer = ZR::ZRModule::createModule<Producer>(f.broker, "P");
-  auto client = ZR::ZRModule::createModule<Client>(f.broker, "Client");
+  auto producer = f.make<Producer>("P");
+  auto client = f.make("Client");
   f.proxy.declareEvent("P/a", "P");
   f.proxy.declareEvent("P/b", "P");
   f.proxy.subscribeToEvent("P/a", "Client", "onEvent");
@@ -299,7 +287,7 @@ TEST(ZRMemoryProducer, SubscriberGoingAwayIsUnsubscribed) {
   EXPECT_EQ(f.proxy.getSubscribers("P/b"), Strings{});
 
   // A producer that went away first has nobody to tell; its events can still be left.
-  auto other = ZR::ZRModule::createModule<Client>(f.broker, "Other");
+  auto other = f.make("Other");
   f.proxy.subscribeToEvent("P/a", "Other", "onEvent");
   f.proxy.subscribeToEvent("P/b", "Other", "onEvent");
   f.broker->removeModule("P");
@@ -310,8 +298,8 @@ TEST(ZRMemoryProducer, SubscriberGoingAwayIsUnsubscribed) {
   EXPECT_EQ(f.proxy.getSubscribers("P/b"), Strings{});
 
   // Shutdown destroys the newer subscriber first: the producer still hears of it.
-  auto second = ZR::ZRModule::createModule<Producer>(f.broker, "P2");
-  auto late = ZR::ZRModule::createModule<Client>(f.broker, "Late");
+  auto second = f.make<Producer>("P2");
+  auto late = f.make("Late");
   f.proxy.declareEvent("P2/a", "P2");
   f.proxy.subscribeToEvent("P2/a", "Late", "onEvent");
   late.reset();
@@ -322,7 +310,7 @@ TEST(ZRMemoryProducer, SubscriberGoingAwayIsUnsubscribed) {
 TEST(ZRMemoryLifetime, OutlivesItsBrokerWithSubscribers) {
   auto [memory, client] = [] {
     Fixture f;
-    auto client = ZR::ZRModule::createModule<Client>(f.broker, "Client");
+    auto client = f.make("Client");
     f.proxy.subscribeToEvent("E", "Client", "onEvent");
     f.proxy.raiseEvent("E", 1);
     f.memory->waitForDeliveries(10s);
@@ -337,12 +325,12 @@ TEST(ZRMemoryLifetime, OutlivesItsBrokerWithSubscribers) {
 
 TEST(ZRMemoryProducer, ConcurrentSubscribeUnsubscribeStaysConsistent) {
   Fixture f;
-  auto producer = ZR::ZRModule::createModule<Producer>(f.broker, "P");
+  auto producer = f.make<Producer>("P");
   producer->delay = 200us;
   const Strings events{"P/0", "P/1", "P/2"};
   const Strings clients{"C0", "C1"};
   std::vector<boost::shared_ptr<Client>> modules;
-  for (const auto& c : clients) modules.push_back(ZR::ZRModule::createModule<Client>(f.broker, c));
+  for (const auto& c : clients) modules.push_back(f.make(c));
   for (const auto& e : events) f.proxy.declareEvent(e, "P");
   auto quietly = [](auto call) {
     try {
