@@ -20,6 +20,9 @@ unsigned int DynamicObject::addMethod(const MetaMethod& meta, AnyFunction functi
     throw ZR::ZRError(objectName(), "addMethod", "a method needs a name");
   if (!function.isValid())
     throw ZR::ZRError(objectName(), meta.name, "cannot publish a method without a function");
+  if (isSealed())
+    throw ZR::ZRError(objectName(), meta.name,
+                      "methods are registered while the object is built, before it can be called");
   auto m = std::make_unique<Method>(Method{meta, std::move(function), callType});
   m->meta.uid = gNextUid.fetch_add(1, std::memory_order_relaxed);
   m->meta.parametersSignature = m->function.parametersSignature();

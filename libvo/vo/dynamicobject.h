@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -34,6 +35,10 @@ class DynamicObject {
   /// The published methods in the order they were added.
   std::vector<MetaMethod> metaMethods() const;
   bool hasMethod(std::string_view name) const;
+  /// No more methods from now on: called once the object can be reached, since calls read the
+  /// table without a lock.
+  void seal() { sealed_.store(true); }
+  bool isSealed() const { return sealed_.load(); }
   /// The name used in errors about this object's calls.
   virtual std::string objectName() const { return "DynamicObject"; }
 
@@ -45,6 +50,7 @@ class DynamicObject {
   };
   const Method* select(std::string_view name, const ZR::ZRValue* args, std::size_t count) const;
 
+  std::atomic<bool> sealed_{false};
   std::vector<std::unique_ptr<Method>> methods_;
   // Keys view the names inside methods_, which never move.
   std::unordered_map<std::string_view, std::vector<const Method*>> byName_;

@@ -122,6 +122,7 @@ void ZRBroker::registerModule(const boost::shared_ptr<ZRModuleCore>& module) {
                   "broker \"" + impl_->name + "\" is shut down");
   }
   // The session refuses a name that is taken, before the broker takes any ownership.
+  module->seal();
   impl_->session->registerService(module->getName(),
                                   boost::weak_ptr<vo::DynamicObject>(module));
   impl_->modules.push_back(module);

@@ -242,6 +242,11 @@ class Holder : public ZR::ZRModule {
         new CountedFunctor(vo::makeAnyFunction(std::function<int()>([] { return 7; }))));
     bindMethodOverload(functor);
   }
+  // Methods belong in the constructor; this one tries later.
+  void registerLate() {
+    functionName("late", "Holder", "", 0);
+    bindMethodOverload(functor);
+  }
   boost::shared_ptr<ZR::ZRFunctorBase> functor;
 };
 }  // namespace
@@ -427,6 +432,11 @@ TEST(ZRBroker, NamesAreUniqueAndLookupsFailClearly) {
   // The refused module went away without taking the name from the original.
   EXPECT_EQ(broker->getProxy("Dup")->call<std::string>("kind"), "shape");
   EXPECT_THAT(broker->getModuleNames(), ElementsAre("Dup"));
+
+  // Calls read the method table without a lock: once reachable, a module takes no new methods.
+  auto holder = ZR::ZRModule::createModule<Holder>(broker, "Holder");
+  EXPECT_THROW(holder->registerLate(), ZR::ZRError);
+  EXPECT_FALSE(holder->hasMethod("late"));
 
   EXPECT_EQ(original->getParentBroker(), broker);
   broker.reset();

@@ -3,6 +3,7 @@
 #include <sndfile.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -145,7 +146,9 @@ int run(const RunOptions& o) {
 
   ZR::ZRExtractorRegistry registry = ZR::ZRExtractorRegistry::withStockExtractors(o.period);
   for (const std::string& lib : o.libraries) registry.loadPlugin(lib);
-  std::vector<std::string> extractors = o.extractors;
+  std::vector<std::string> extractors;
+  for (const std::string& e : o.extractors)  // each runs once, however often it is named
+    if (std::find(extractors.begin(), extractors.end(), e) == extractors.end()) extractors.push_back(e);
   if (extractors.empty()) extractors = {"SoundLevel", "VoiceActivity"};
   for (const std::string& e : extractors)
     if (!registry.has(e)) registry.create(e, nullptr, e);  // throws the "unknown extractor" error
@@ -218,8 +221,11 @@ int run(const RunOptions& o) {
   };
   audio->release();
   while (!gInterrupted) {
-    if (ends ? audio->waitForEndOfStream(100) : (std::this_thread::sleep_for(std::chrono::milliseconds(100)), false))
-      break;
+    if (ends) {
+      if (audio->waitForEndOfStream(100)) break;
+    } else {
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
     if (showProgress) progress.show(audioSeconds());
   }
   if (showProgress) progress.show(audioSeconds(), true);
