@@ -28,12 +28,6 @@ const int kMaxChannels = 32;
 
 using Clock = std::chrono::steady_clock;
 
-std::int64_t wallClockMicroseconds() {
-  return std::chrono::duration_cast<std::chrono::microseconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
-
 int clampToInt(std::int64_t v) {
   return static_cast<int>(std::min<std::int64_t>(v, INT_MAX));
 }
@@ -159,7 +153,6 @@ struct ZRAudioDevice::Core : std::enable_shared_from_this<ZRAudioDevice::Core> {
   // producerMutex).
   std::mutex producerMutex;
   std::int64_t position = 0;
-  std::int64_t startMicroseconds = 0;
   BlockPool blocks;
 
   std::mutex recordingMutex;
@@ -185,7 +178,7 @@ struct ZRAudioDevice::Core : std::enable_shared_from_this<ZRAudioDevice::Core> {
 
   // Timestamps come from the cumulative sample index, so rounding never accumulates.
   ZRValue timestampOf(std::int64_t index) const {
-    const std::int64_t us = startMicroseconds + index * 1000000 / format.sampleRate;
+    const std::int64_t us = index * 1000000 / format.sampleRate;
     ZRValue t;
     t.arraySetSize(2);
     t[0] = clampToInt(us / 1000000);
@@ -386,7 +379,6 @@ struct ZRAudioDevice::Core : std::enable_shared_from_this<ZRAudioDevice::Core> {
     const bool paced = options.realtime && !hardware;
     const Clock::time_point clockStart = Clock::now();
     position = 0;
-    startMicroseconds = live && !hardware ? wallClockMicroseconds() : 0;
     const std::size_t spb = static_cast<std::size_t>(samplesPerBuffer);
     const int channels = format.channels;
     bool finished = false;
@@ -405,11 +397,6 @@ struct ZRAudioDevice::Core : std::enable_shared_from_this<ZRAudioDevice::Core> {
                                             1000000 / format.sampleRate);
           std::unique_lock<std::mutex> lock(mutex);
           if (room.wait_until(lock, due, [&] { return stop.load(); })) break;
-        }
-        if (hardware && position == 0) {
-          // The first sample was captured one buffer before the buffer came in.
-          startMicroseconds = wallClockMicroseconds() -
-                              static_cast<std::int64_t>(frames) * 1000000 / format.sampleRate;
         }
         const ZRValue buffer(block->data(), frames * channels * sizeof(std::int16_t), block);
         block.reset();

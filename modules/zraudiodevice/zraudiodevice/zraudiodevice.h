@@ -79,8 +79,9 @@ struct ZRAudioDeliveryStats {
 /// "processRemote"(int channels, int samplesPerChannel, ZRValue [seconds, microseconds] of the
 /// first sample, ZRValue binary of interleaved native-endian int16), in order, on the
 /// subscriber's own strand of the broker's pool. The binary block of a buffer is filled once and
-/// shared by every subscriber. Timestamps count from the start of the stream, or from the Unix
-/// epoch for live sources, and always advance by exactly the samples delivered.
+/// shared by every subscriber. Timestamps count from the first sample of the stream, for every
+/// source (results read as times into the input, and fit a float), and always advance by exactly
+/// the samples delivered.
 ///
 /// A live source never waits: each subscriber has a bounded queue whose oldest buffer is dropped
 /// (counted, and warned about) when it overflows. Other sources wait for the slowest subscriber
