@@ -14,17 +14,19 @@ void ZRExtractorRegistry::add(const std::string& typeName, Factory factory,
   entries_[typeName] = Entry{typeName, description, std::move(factory)};
 }
 
+void ZRExtractorRegistry::require(const std::string& typeName) const {
+  if (has(typeName)) return;
+  std::string known;
+  for (const auto& [name, e] : entries_) known += (known.empty() ? "" : ", ") + name;
+  throw ZRError("ZRExtractorRegistry", "create",
+                "unknown extractor \"" + typeName + "\" (known: " + known + ")");
+}
+
 boost::shared_ptr<ZRModuleCore> ZRExtractorRegistry::create(const std::string& typeName,
                                                             boost::shared_ptr<ZRBroker> broker,
                                                             const std::string& moduleName) const {
-  auto it = entries_.find(typeName);
-  if (it == entries_.end()) {
-    std::string known;
-    for (const auto& [name, e] : entries_) known += (known.empty() ? "" : ", ") + name;
-    throw ZRError("ZRExtractorRegistry", "create",
-                  "unknown extractor \"" + typeName + "\" (known: " + known + ")");
-  }
-  return it->second.factory(broker, moduleName);
+  require(typeName);
+  return entries_.at(typeName).factory(broker, moduleName);
 }
 
 std::vector<ZRExtractorRegistry::Entry> ZRExtractorRegistry::entries() const {

@@ -23,7 +23,8 @@ namespace {
 
 class Collector : public ZR::ZRModule {
  public:
-  Collector(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name) : ZRModule(broker, name) {
+  Collector(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name)
+      : ZRModule(broker, name) {
     functionName("onEvent", "Collector", "Collects events.", 0);
     addParam("event", "");
     addParam("value", "");
@@ -45,7 +46,9 @@ class Collector : public ZR::ZRModule {
   std::vector<std::pair<std::string, ZR::ZRValue>> events;
 };
 
-float field(const ZR::ZRValue& record, const char* name) { return ZR::recordField(record, name)->toFloat(); }
+float field(const ZR::ZRValue& record, const char* name) {
+  return ZR::recordField(record, name)->toFloat();
+}
 
 struct Pipeline {
   explicit Pipeline(const ZR::ZRAudioDeviceOptions& options) {
@@ -57,8 +60,8 @@ struct Pipeline {
     voice = ZR::ZRModule::createModule<ZR::VoiceActivity>(broker, "VoiceActivity");
     client = ZR::ZRModule::createModule<Collector>(broker, "client");
     ZR::ZRMemoryProxy m(broker);
-    for (const char* e : {"SoundLevel/Levels", "SoundLevel/ThresholdCrossed", "VoiceActivity/Segment",
-                          "VoiceActivity/SpeechDetected"})
+    for (const char* e : {"SoundLevel/Levels", "SoundLevel/ThresholdCrossed",
+                          "VoiceActivity/Segment", "VoiceActivity/SpeechDetected"})
       m.subscribeToEvent(e, "client", "onEvent");
     device->release();
   }
@@ -117,7 +120,8 @@ TEST(StockExtractors, FindTheKnownSegmentsAndMeasureLevelsOnTheSample) {
     const double rms = 20 * std::log10(std::sqrt(sum / window) / 32768.0);
     EXPECT_NEAR(field(levels[w], "time"), w * 0.1, 1e-4);
     EXPECT_NEAR((*ZR::recordField(levels[w], "rms"))[0].toFloat(), rms, 0.01) << "window " << w;
-    EXPECT_NEAR((*ZR::recordField(levels[w], "peak"))[0].toFloat(), 20 * std::log10(peak / 32768.0), 0.01);
+    EXPECT_NEAR((*ZR::recordField(levels[w], "peak"))[0].toFloat(), 20 * std::log10(peak / 32768.0),
+                0.01);
   }
 
   // Segments, against the boundaries the sample was made with.
@@ -177,6 +181,27 @@ TEST(StockExtractors, SurviveOddBuffers) {
   ASSERT_EQ(crossings.size(), 1u);
   EXPECT_EQ(ZR::recordField(crossings[0], "channel")->toInt(), 0);
   EXPECT_EQ(ZR::recordField(crossings[0], "state")->toStringRef(), "loud");
+}
+
+TEST(StockExtractors, SoundLevelTakesANewPeriodAtTheNextWindow) {
+  vo::log::setLogLevel(vo::LogLevel_Error);
+  ZR::ZRAudioDeviceOptions o;
+  o.source = ZR::ZRAudioDeviceOptions::Source::Host;
+  o.sampleRate = 16000;
+  Pipeline p(o);
+  std::vector<std::int16_t> buffer(1600, 1000);
+  p.device->deliver(buffer.data(), 1600);  // one 100 ms window
+  ASSERT_TRUE(p.device->waitUntilIdle(5000));
+  p.level->updatePeriod("client", 40);
+  p.device->deliver(buffer.data(), 1600);  // 100 ms more: 40 ms windows from here on
+  p.device->endStream();
+  p.finish();
+  std::vector<float> times;
+  for (const ZR::ZRValue& l : p.client->of("SoundLevel/Levels")) times.push_back(field(l, "time"));
+  ASSERT_EQ(times.size(), 3u);  // 0.10, 0.14, 0.18; the last 20 ms are no full window
+  EXPECT_NEAR(times[0], 0.0f, 1e-4);
+  EXPECT_NEAR(times[1], 0.10f, 1e-4);
+  EXPECT_NEAR(times[2], 0.14f, 1e-4);
 }
 
 TEST(StockExtractors, RegistryCreatesStockTypesAndRejectsUnknownOnes) {

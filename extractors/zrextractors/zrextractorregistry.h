@@ -46,6 +46,8 @@ class ZRExtractorRegistry {
   }
 
   bool has(const std::string& typeName) const { return entries_.count(typeName) != 0; }
+  /// Throws ZRError naming `typeName` and the known types when there is no such type.
+  void require(const std::string& typeName) const;
   /// Creates and registers a module of `typeName` under `moduleName`; ZRError for an unknown type.
   boost::shared_ptr<ZRModuleCore> create(const std::string& typeName,
                                          boost::shared_ptr<ZRBroker> broker,

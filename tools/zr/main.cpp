@@ -28,7 +28,9 @@
 namespace {
 
 std::atomic<bool> gInterrupted{false};
-extern "C" void onInterrupt(int) { gInterrupted = true; }
+extern "C" void onInterrupt(int) {
+  gInterrupted = true;
+}
 
 /// The tool's own module: the client every extractor serves. ZRMemory calls onEvent for each
 /// event it subscribed to.
@@ -101,7 +103,8 @@ class Progress {
  public:
   explicit Progress(double total) : total_(total), start_(std::chrono::steady_clock::now()) {}
   void show(double done, bool final = false) {
-    const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+    const double elapsed =
+        std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
     const double speed = elapsed > 0 ? done / elapsed : 0.0;
     char line[160];
     if (total_ > 0) {
@@ -110,8 +113,8 @@ class Progress {
       const int width = 30, filled = static_cast<int>(pct / 100.0 * width);
       std::string bar(filled, '#');
       bar.resize(width, '-');
-      std::snprintf(line, sizeof line, "\r[%s] %5.1f%%  %7.1fx real time  %5.1f s left ", bar.c_str(),
-                    pct, speed, final ? 0.0 : left);
+      std::snprintf(line, sizeof line, "\r[%s] %5.1f%%  %7.1fx real time  %5.1f s left ",
+                    bar.c_str(), pct, speed, final ? 0.0 : left);
     } else {
       std::snprintf(line, sizeof line, "\r%8.1f s of audio  %7.1fx real time ", done, speed);
     }
@@ -128,8 +131,9 @@ class Progress {
 int run(const RunOptions& o) {
   vo::LogLevel level;
   if (!vo::log::parseLogLevel(o.logLevel, level))
-    throw CLI::ValidationError("--log-level", "unknown level " + o.logLevel +
-                                                  " (silent, fatal, error, warning, info, verbose, debug)");
+    throw CLI::ValidationError(
+        "--log-level",
+        "unknown level " + o.logLevel + " (silent, fatal, error, warning, info, verbose, debug)");
   vo::log::setLogLevel(level);
 
   const std::string input = o.input.empty() ? sampleInput() : o.input;
@@ -148,10 +152,10 @@ int run(const RunOptions& o) {
   for (const std::string& lib : o.libraries) registry.loadPlugin(lib);
   std::vector<std::string> extractors;
   for (const std::string& e : o.extractors)  // each runs once, however often it is named
-    if (std::find(extractors.begin(), extractors.end(), e) == extractors.end()) extractors.push_back(e);
+    if (std::find(extractors.begin(), extractors.end(), e) == extractors.end())
+      extractors.push_back(e);
   if (extractors.empty()) extractors = {"SoundLevel", "VoiceActivity"};
-  for (const std::string& e : extractors)
-    if (!registry.has(e)) registry.create(e, nullptr, e);  // throws the "unknown extractor" error
+  for (const std::string& e : extractors) registry.require(e);
 
   std::FILE* out = stdout;
   if (!o.output.empty() && o.output != "-") {
@@ -175,7 +179,8 @@ int run(const RunOptions& o) {
   auto client = ZR::ZRModule::createModule<RunClient>(
       broker, "zr", [&](const std::string& event, const ZR::ZRValue& value) {
         auto it = producerOf.find(event);
-        const std::string extractor = it == producerOf.end() ? event.substr(0, event.find('/')) : it->second;
+        const std::string extractor =
+            it == producerOf.end() ? event.substr(0, event.find('/')) : it->second;
         zr::Result r{extractor, shortEventName(event, extractor), value};
         std::lock_guard<std::mutex> lock(outMutex);
         writer->write(r);
@@ -188,13 +193,15 @@ int run(const RunOptions& o) {
   for (const std::string& e : extractors) {
     const std::vector<std::string> events = memoryProxy.getExtractorEvent(e);
     if (events.empty())
-      std::fprintf(stderr, "zr: %s declares no events: it runs, but has nothing to show\n", e.c_str());
+      std::fprintf(stderr, "zr: %s declares no events: it runs, but has nothing to show\n",
+                   e.c_str());
     for (const std::string& ev : events) {
       memoryProxy.subscribeToEvent(ev, "zr", "onEvent");
       subscribed.push_back(ev);
     }
     if (events.empty()) broker->getProxy(e, 0)->call<void>("subscribe", std::string("zr"));
-    if (o.periodGiven) broker->getProxy(e, 0)->call<void>("updatePeriod", std::string("zr"), o.period);
+    if (o.periodGiven)
+      broker->getProxy(e, 0)->call<void>("updatePeriod", std::string("zr"), o.period);
   }
 
   // Nothing is delivered before release(): the header still comes first.
@@ -216,7 +223,8 @@ int run(const RunOptions& o) {
         // An extractor that does not listen to the device.
       }
     }
-    const double seconds = rate > 0 ? static_cast<double>(delivered) * audio->getSamplesPerBuffer() / rate : 0.0;
+    const double seconds =
+        rate > 0 ? static_cast<double>(delivered) * audio->getSamplesPerBuffer() / rate : 0.0;
     return total > 0 ? std::min(seconds, total) : seconds;  // the last buffer may be short
   };
   audio->release();
@@ -246,7 +254,8 @@ int run(const RunOptions& o) {
     writer->end();
     std::fflush(out);
   }
-  const double wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  const double wall =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   const double processed = audioSeconds();
   client.reset();
   audio.reset();
@@ -277,7 +286,8 @@ int describe(const std::string& name, const std::vector<std::string>& libraries)
   for (const ZR::ZRMethodDescription& m : methods) {
     std::printf("%s    [%s]\n", m.signature.c_str(), m.moduleName.c_str());
     if (!m.description.empty()) std::printf("    %s\n", m.description.c_str());
-    for (const auto& p : m.parameters) std::printf("    - %s: %s\n", p.name.c_str(), p.documentation.c_str());
+    for (const auto& p : m.parameters)
+      std::printf("    - %s: %s\n", p.name.c_str(), p.documentation.c_str());
     if (!m.returnName.empty())
       std::printf("    returns %s: %s\n", m.returnName.c_str(), m.returnDocumentation.c_str());
     std::printf("\n");
@@ -289,7 +299,8 @@ int describe(const std::string& name, const std::vector<std::string>& libraries)
 int list(const std::vector<std::string>& libraries) {
   ZR::ZRExtractorRegistry registry = ZR::ZRExtractorRegistry::withStockExtractors();
   for (const std::string& lib : libraries) registry.loadPlugin(lib);
-  for (const auto& e : registry.entries()) std::printf("%-16s %s\n", e.typeName.c_str(), e.description.c_str());
+  for (const auto& e : registry.entries())
+    std::printf("%-16s %s\n", e.typeName.c_str(), e.description.c_str());
   return 0;
 }
 
@@ -301,33 +312,45 @@ int main(int argc, char** argv) {
   app.set_version_flag("--version", "zr 0.1.0");
 
   RunOptions o;
-  CLI::App* runCmd = app.add_subcommand("run", "Run extractors on an input and print their results.");
-  runCmd->add_option("INPUT", o.input,
-                     "A sound file (WAV, FLAC, OGG), - for raw 16-bit PCM on standard input, mic or "
-                     "mic:DEVICE, tone:HZ, noise or silence. Default: the bundled speech sample.");
+  CLI::App* runCmd =
+      app.add_subcommand("run", "Run extractors on an input and print their results.");
+  runCmd->add_option(
+      "INPUT", o.input,
+      "A sound file (WAV, FLAC, OGG), - for raw 16-bit PCM on standard input, mic or "
+      "mic:DEVICE, tone:HZ, noise or silence. Default: the bundled speech sample.");
   runCmd->add_option("-e,--extractor", o.extractors,
                      "Extractor to run (repeatable; default: SoundLevel and VoiceActivity).");
-  runCmd->add_option("-p,--period", o.period, "Refresh period in ms of audio (SoundLevel's window).")
+  runCmd
+      ->add_option("-p,--period", o.period, "Refresh period in ms of audio (SoundLevel's window).")
       ->check(CLI::Range(1, 3600000))
       ->each([&](const std::string&) { o.periodGiven = true; });
   runCmd->add_option("-f,--format", o.format, "Output format.")
       ->check(CLI::IsMember({"table", "csv", "jsonl"}));
   runCmd->add_option("-o,--output", o.output, "Write results to FILE instead of standard output.");
-  runCmd->add_option("--plot", o.plot, "Draw levels over time, speech shaded, to FILE.png or FILE.svg.");
-  runCmd->add_flag("--realtime", o.realtime, "Pace the input at real time (drops when extractors lag).");
-  runCmd->add_option("--rate", o.rate, "Sample rate in Hz (a file is resampled).")->check(CLI::Range(1000, 384000));
+  runCmd->add_option("--plot", o.plot,
+                     "Draw levels over time, speech shaded, to FILE.png or FILE.svg.");
+  runCmd->add_flag("--realtime", o.realtime,
+                   "Pace the input at real time (drops when extractors lag).");
+  runCmd->add_option("--rate", o.rate, "Sample rate in Hz (a file is resampled).")
+      ->check(CLI::Range(1000, 384000));
   runCmd->add_option("--channels", o.channels, "Channel count.")->check(CLI::Range(1, 32));
-  runCmd->add_option("--buffer", o.buffer, "Samples per channel in each buffer.")->check(CLI::Range(1, 1 << 20));
-  runCmd->add_option("--load", o.libraries, "Load extractor types from a plugin library (repeatable).");
+  runCmd->add_option("--buffer", o.buffer, "Samples per channel in each buffer.")
+      ->check(CLI::Range(1, 1 << 20));
+  runCmd->add_option("--load", o.libraries,
+                     "Load extractor types from a plugin library (repeatable).");
   runCmd->add_option("--log-level", o.logLevel,
                      "silent, fatal, error, warning (default), info, verbose or debug.");
 
   std::string describeName;
   std::vector<std::string> describeLibraries;
-  CLI::App* describeCmd = app.add_subcommand("describe", "Print a module's remote methods with their documentation.");
-  describeCmd->add_option("NAME", describeName, "SoundLevel, VoiceActivity, ZRMemory, ZRAudioDevice or a plugin's extractor.")
+  CLI::App* describeCmd =
+      app.add_subcommand("describe", "Print a module's remote methods with their documentation.");
+  describeCmd
+      ->add_option("NAME", describeName,
+                   "SoundLevel, VoiceActivity, ZRMemory, ZRAudioDevice or a plugin's extractor.")
       ->required();
-  describeCmd->add_option("--load", describeLibraries, "Load extractor types from a plugin library.");
+  describeCmd->add_option("--load", describeLibraries,
+                          "Load extractor types from a plugin library.");
 
   std::vector<std::string> listLibraries;
   CLI::App* listCmd = app.add_subcommand("list", "List the extractors zr can run.");
@@ -339,7 +362,8 @@ int main(int argc, char** argv) {
     return false;
   };
   if (argc > 1 && argv[1][0] != '-' && !isCommand(argv[1])) {
-    std::fprintf(stderr, "zr: error: unknown command \"%s\" (run, describe, list; see zr --help)\n", argv[1]);
+    std::fprintf(stderr, "zr: error: unknown command \"%s\" (run, describe, list; see zr --help)\n",
+                 argv[1]);
     return 2;
   }
   try {

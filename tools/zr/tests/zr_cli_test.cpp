@@ -95,7 +95,8 @@ TEST(ZrRun, CsvHasOneHeaderAndConsistentColumns) {
 }
 
 TEST(ZrRun, OutputFileAndPlots) {
-  const std::string out = tempPath("out.jsonl"), png = tempPath("levels.png"), svg = tempPath("levels.svg");
+  const std::string out = tempPath("out.jsonl"), png = tempPath("levels.png"),
+                    svg = tempPath("levels.svg");
   ASSERT_EQ(sh(kZr + " run " + kSample + " -f jsonl -o " + out + " --plot " + png).status, 0);
   EXPECT_GT(lines(readFile(out)).size(), 100u);
   const std::string pngBytes = readFile(png);
@@ -108,7 +109,8 @@ TEST(ZrRun, OutputFileAndPlots) {
 
 TEST(ZrRun, SyntheticAndRawInputs) {
   // A tone at -6 dBFS peak: RMS of a sine is 3 dB below its peak.
-  Outcome r = sh(kZr + " run tone:1000 --rate 16000 --channels 2 -e SoundLevel -f jsonl < /dev/null "
+  Outcome r = sh(kZr +
+                 " run tone:1000 --rate 16000 --channels 2 -e SoundLevel -f jsonl < /dev/null "
                  "| grep Levels | head -n 5");
   auto first = lines(r.out);
   ASSERT_GE(first.size(), 3u);
@@ -118,11 +120,26 @@ TEST(ZrRun, SyntheticAndRawInputs) {
   EXPECT_NEAR(o["rms"][0].get<double>(), -9.0, 0.1);
 
   // One second of raw silence on standard input.
-  r = sh("head -c 32000 /dev/zero | " + kZr + " run - --rate 16000 --channels 1 -e SoundLevel -f jsonl");
+  r = sh("head -c 32000 /dev/zero | " + kZr +
+         " run - --rate 16000 --channels 1 -e SoundLevel -f jsonl");
   ASSERT_EQ(r.status, 0);
   const auto rows = lines(r.out);
   ASSERT_EQ(rows.size(), 10u);
   EXPECT_EQ(nlohmann::json::parse(rows[0])["rms"][0].get<double>(), -120.0);
+}
+
+TEST(ZrRun, InterruptEndsALiveRunCleanly) {
+  // SIGINT after a second of a tone paced at real time: results so far, then a clean exit.
+  const Outcome r = sh("{ timeout --preserve-status -s INT 1 " + kZr +
+                           " run tone:440 --realtime -e SoundLevel -f jsonl; echo exit=$?; }",
+                       true);
+  EXPECT_NE(r.out.find("interrupted"), std::string::npos) << r.out;
+  EXPECT_NE(r.out.find("exit=0"), std::string::npos) << r.out;
+  int windows = 0;
+  for (const std::string& line : lines(r.out))
+    if (line.find("\"Levels\"") != std::string::npos) ++windows;
+  EXPECT_GE(windows, 5);
+  EXPECT_LE(windows, 11);
 }
 
 TEST(ZrRun, BadInputsFailWithOneClearLine) {
@@ -148,7 +165,8 @@ TEST(ZrRun, BadInputsFailWithOneClearLine) {
 TEST(ZrRun, HelpAndDescribe) {
   Outcome r = sh(kZr + " run --help");
   EXPECT_EQ(r.status, 0);
-  for (const char* option : {"--extractor", "--period", "--format", "--plot", "--realtime", "--load", "--log-level"})
+  for (const char* option :
+       {"--extractor", "--period", "--format", "--plot", "--realtime", "--load", "--log-level"})
     EXPECT_NE(r.out.find(option), std::string::npos) << option;
   r = sh(kZr + " describe SoundLevel");
   ASSERT_EQ(r.status, 0);
