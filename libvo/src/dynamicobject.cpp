@@ -73,11 +73,47 @@ const DynamicObject::Method* DynamicObject::select(std::string_view name, const 
   return best;
 }
 
+namespace {
+// The calls running on this thread, innermost first: a frame lives on the stack of metaCall.
+struct CallFrame {
+  const ZR::ZRValue* args;
+  std::size_t count;
+  const CallFrame* outer;
+};
+__attribute__((tls_model("initial-exec"))) thread_local const CallFrame* tlInnermostCall = nullptr;
+
+class CallFrameScope {
+ public:
+  CallFrameScope(const ZR::ZRValue* args, std::size_t count)
+      : frame_{args, count, tlInnermostCall} {
+    tlInnermostCall = &frame_;
+  }
+  ~CallFrameScope() { tlInnermostCall = frame_.outer; }
+  CallFrameScope(const CallFrameScope&) = delete;
+  CallFrameScope& operator=(const CallFrameScope&) = delete;
+
+ private:
+  CallFrame frame_;
+};
+}  // namespace
+
 ZR::ZRValue DynamicObject::metaCall(std::string_view name, const ZR::ZRValue* args,
                                     std::size_t count) const {
   // Every call type runs here, on the caller's thread, in this process; other call types exist
   // for transports that cross processes.
-  return select(name, args, count)->function.call(args, count);
+  const Method* method = select(name, args, count);
+  const CallFrameScope frame(args, count);
+  return method->function.call(args, count);
+}
+
+const ZR::ZRValue* DynamicObject::findCallBinary(const void* data) {
+  if (!data) return nullptr;
+  for (const CallFrame* f = tlInnermostCall; f; f = f->outer) {
+    for (std::size_t i = 0; i < f->count; ++i) {
+      if (f->args[i].isBinary() && f->args[i].GetBinary() == data) return &f->args[i];
+    }
+  }
+  return nullptr;
 }
 
 std::vector<MetaMethod> DynamicObject::metaMethods() const {

@@ -32,6 +32,11 @@ class DynamicObject {
   /// throws.
   ZR::ZRValue metaCall(std::string_view name, const ZR::ZRValue* args, std::size_t count) const;
 
+  /// The binary argument whose content starts at `data` among the arguments of the calls that
+  /// this thread is running through metaCall, innermost first; null when there is none. Lets a
+  /// method that is handed a bare pointer (decoded sound, say) learn how many bytes lie behind it.
+  static const ZR::ZRValue* findCallBinary(const void* data);
+
   /// The published methods in the order they were added.
   std::vector<MetaMethod> metaMethods() const;
   bool hasMethod(std::string_view name) const;

@@ -17,6 +17,7 @@
 #include <zrcommon/zrfunctor.h>
 #include <zrcommon/zrmodule.h>
 #include <zrcommon/zrproxy.h>
+#include <zrcommon/zrsamples.h>
 #include <zrtest.h>
 
 using ::testing::ElementsAre;
@@ -477,5 +478,46 @@ TEST(ZRBroker, PostAndStrandsRunWork) {
     logged |= r.level == vo::LogLevel_Error && r.message.find("boom") != std::string::npos;
   EXPECT_TRUE(logged);
   EXPECT_THROW(ZR::ZRStrand().post([] {}), ZR::ZRError);
+  broker->shutdown();
+}
+
+// A consumer handed a bare sample pointer learns the size of the binary the call carried.
+class SampleReader : public ZR::ZRModule {
+ public:
+  SampleReader(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name)
+      : ZRModule(broker, name) {
+    functionName("fits", "SampleReader", "Whether the counts fit the buffer.", 0);
+    addParam("channels", "Channels.");
+    addParam("samples", "Samples per channel.");
+    addParam("buffer", "Interleaved int16.");
+    setReturn("fits", "Whether they fit.");
+    bindMethod(&SampleReader::fits);
+  }
+  bool fits(const int& channels, const int& samples, const ZR::ZRValue& buffer) {
+    return ZR::samplesFit(channels, samples, static_cast<const short*>(buffer.GetBinary()));
+  }
+};
+
+TEST(ZRSamples, CountsAreCheckedAgainstTheBinaryTheCallCarried) {
+  auto broker = ZR::ZRBroker::createBroker("samples");
+  ZR::ZRModule::createModule<SampleReader>(broker, "Reader");
+  auto reader = broker->getProxy("Reader");
+  const std::vector<short> pcm(8, 1);
+  const ZR::ZRValue buffer(pcm.data(), pcm.size() * sizeof(short));
+  const ZR::ZRValue text(std::string("not sound"));
+  const struct {
+    int channels, samples;
+    const ZR::ZRValue& buffer;
+    bool fits;
+  } cases[] = {{2, 4, buffer, true},   {1, 8, buffer, true},  {2, 5, buffer, false},
+               {4, 4, buffer, false},  {0, 4, buffer, false}, {2, -4, buffer, false},
+               {65536, 65536, buffer, false}, {1, 1, text, false}, {1, 1, ZR::ZRValue(), false}};
+  for (const auto& c : cases) {
+    EXPECT_EQ(reader->call<bool>("fits", c.channels, c.samples, c.buffer), c.fits)
+        << c.channels << " x " << c.samples << " over " << c.buffer.toString();
+  }
+  // Outside any call the pointer cannot be sized: the host's own buffers are trusted.
+  EXPECT_TRUE(ZR::samplesFit(2, 100, pcm.data()));
+  EXPECT_FALSE(ZR::samplesFit(2, 100, nullptr));
   broker->shutdown();
 }
