@@ -30,9 +30,9 @@ class ZRExtractorPrivate;
 /// long as a concurrent subscribe or unsubscribe and its hook take. updatePeriod and
 /// updatePrecision do not take subscriptionMutex: their xUpdateParameters may run while a start
 /// or stop hook runs, or alongside another update's, and an update racing the last departure
-/// gets "no module subscribed". The queries take the registry lock shared only briefly, never
-/// while a hook runs, so they may be called from inside a hook; a hook must not call subscribe
-/// or unsubscribe of its own extractor (deadlock). The constructor blocks, without a time limit,
+/// gets "no module subscribed". The queries take only the registry lock, shared and briefly, and
+/// nothing holds it while a hook runs, so a hook may call them; a hook must not call subscribe or
+/// unsubscribe of its own extractor (deadlock). The constructor blocks, without a time limit,
 /// until the broker hosts "ZRMemory". declareEvent and declareMemoryKey are not guarded: declare
 /// before the module is reachable.
 class ZRExtractor : public ZRModule {
