@@ -1,274 +1,355 @@
-// Subscriber registry and subscription protocol: hooks, clamping, reconciliation, log records and
-// errors, called directly on the extractor.
+// ZR::ZRExtractor called directly and remotely: the subscription protocol and its hooks, clamping,
+// reconciliation, the exact log, error and method texts, the declared outputs, many clients.
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
+#include <optional>
+#include <random>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
 #include <tuple>
+
+#include <zrextractor/zrextractor.h>
+#include <zrproxies/zrmemoryproxy.h>
 
 #include "extractor_fixture.h"
 
-using namespace testing_zr;
-using vo::LogLevel_Verbose;
-using vo::LogLevel_Warning;
-
 namespace {
 
-// Limits overridden by a derived extractor: the base must read them through the virtual call.
-class Limited : public Recorder {
+using namespace extractortest;
+using Params = std::pair<int, float>;  // period, precision
+const Params kIdle{-1, -1.0f};
+const int kWarning = vo::LogLevel_Warning, kVerbose = vo::LogLevel_Verbose;
+const std::string kSource = "../libzrextractor/src/zrextractor";
+
+// Records each hook as "start P Q", "update P Q" or "stop", and counts as faults starts and stops
+// that overlap or do not alternate; fails a hook or narrows the limits on demand.
+class Recorder : public ZR::ZRExtractor {
  public:
-  Limited(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name, int minimum, int maximum)
-      : Recorder(broker, name), minimum_(minimum), maximum_(maximum) {}
-  int getMinimumPeriod() override { return minimum_; }
-  int getMaximumPeriod() override { return maximum_; }
+  using ZRExtractor::xUpdateParameters;
+  using ZRExtractor::ZRExtractor;
+  void xStartDetection(int period, float precision) override {
+    edge("start " + text(period, precision), 0);
+    if (failStart) throw std::runtime_error("device busy");
+  }
+  void xUpdateParameters(int period, float precision) override {
+    getSubscribersInfo();  // the readers stay usable from inside a hook
+    note("update " + text(period, precision));
+  }
+  void xStopDetection() override {
+    edge("stop", 1);
+    if (failStop) throw ZR::ZRError(getName(), "xStopDetection", "device gone");
+  }
+  int getMinimumPeriod() override { return minimum ? *minimum : ZRExtractor::getMinimumPeriod(); }
+  int getMaximumPeriod() override { return maximum ? *maximum : ZRExtractor::getMaximumPeriod(); }
+  Names takeHooks() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return std::exchange(hooks_, {});
+  }
+  bool failStart = false, failStop = false;
+  std::optional<int> minimum, maximum;
+  std::atomic<int> starts{0}, stops{0}, faults{0};
 
  private:
-  int minimum_, maximum_;
+  static std::string text(int p, float q) {
+    std::ostringstream s;
+    s << p << ' ' << q;
+    return s.str();
+  }
+  void note(std::string hook) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    hooks_.push_back(std::move(hook));
+  }
+  void edge(std::string hook, int running) {  // running: starts - stops before this edge
+    if (inEdge_.exchange(true) || starts.load() - stops.load() != running) ++faults;
+    std::this_thread::yield();  // widens the window an overlapping hook would fall into
+    ++(running ? stops : starts);
+    inEdge_.store(false);
+    note(std::move(hook));
+  }
+  std::atomic<bool> inEdge_{false};
+  std::mutex mutex_;
+  Names hooks_;
 };
 
-zrtest::Line received(const std::string& method, const std::string& from) {
-  return {LogLevel_Verbose, method, "Detector received " + method + " from " + from};
+// Both queries through the remote methods.
+Params current(ZR::ZRExtractor& x) {
+  auto p = x.getParentBroker()->getProxy(x.getName());
+  return {p->call<int>("getCurrentPeriod"), p->call<float>("getCurrentPrecision")};
 }
-zrtest::Line clamped(const char* method, const char* size, int period) {
-  return {LogLevel_Warning, method,
-          std::string("Detector requested period is too ") + size +
-              "; subscribe with period = " + std::to_string(period) + " ms."};
+Params mine(ZR::ZRExtractor& x, const std::string& name) {
+  auto p = x.getParentBroker()->getProxy(x.getName());
+  return {p->call<int>("getMyPeriod", name), p->call<float>("getMyPrecision", name)};
+}
+Line received(const std::string& method, const std::string& from) {
+  return {kVerbose, method, "X received " + method + " from " + from};
 }
 
-using ExtractorSubscription = ExtractorTest;
-using ExtractorClamping = ExtractorTest;
-using ExtractorPrecision = ExtractorTest;
-using ExtractorErrors = ExtractorTest;
-using ExtractorRegistry = ExtractorTest;
+class ExtractorTest : public BrokerTest {
+ protected:
+  ExtractorTest() : BrokerTest("core.extractor") {}
+  boost::shared_ptr<Recorder> make(const std::string& name = "X") { return add<Recorder>(name); }
+};
 
-TEST_F(ExtractorSubscription, FirstJoinsStartsOthersUpdateLastLeavesStops) {
-  auto x = make("Detector");
-  LogCapture log;
+TEST_F(ExtractorTest, HooksFollowTheFirstArrivalEveryChangeAndTheLastDeparture) {
+  auto x = make();
   EXPECT_EQ(current(*x), kIdle);
-
   x->subscribe("A", 100, 0.5f);
-  EXPECT_EQ(x->takeHooks(), Hooks({"start 100 0.5"}));
-  EXPECT_TRUE(log.take().empty());  // the start path logs nothing
+  EXPECT_EQ(x->takeHooks(), Names{"start 100 0.5"});
   EXPECT_EQ(current(*x), Params(100, 0.5f));
-
-  x->subscribe("B", 40, 0.2f);
-  EXPECT_EQ(x->takeHooks(), Hooks({"update 40 0.5"}));
-  EXPECT_EQ(log.takeLines(), Lines{received("subscribe", "B")});
-  EXPECT_EQ(mine(*x, "B"), Params(40, 0.2f));
-
-  x->unsubscribe("B");
-  EXPECT_EQ(x->takeHooks(), Hooks({"update 100 0.5"}));
-  EXPECT_EQ(log.takeLines(), Lines{received("unsubscribe", "B")});
-
-  x->unsubscribe("A");
-  EXPECT_EQ(x->takeHooks(), Hooks({"stop"}));
-  EXPECT_EQ(current(*x), kIdle);
-  EXPECT_EQ(log.takeLines(), Lines{received("unsubscribe", "A")});
-
-  // Idle again: the next client starts detection afresh.
-  x->subscribe("C", 70, 0.1f);
-  EXPECT_EQ(x->takeHooks(), Hooks({"start 70 0.1"}));
-}
-
-TEST_F(ExtractorSubscription, ResubscribingWarnsReplacesBothValuesAndNeverRestarts) {
-  auto x = make("Detector");
-  x->subscribe("A", 100, 0.5f);
-  x->takeHooks();
-  LogCapture log;
-
-  // Sole subscriber: the registry is not empty, so this is the update path.
-  x->subscribe("A", 60, 0.7f);
-  EXPECT_EQ(x->takeHooks(), Hooks({"update 60 0.7"}));
-  EXPECT_EQ(log.takeLines(),
-            Lines({{LogLevel_Warning, "subscribe",
-                    "Detector the module is already subscribed: will just update the parameters."},
-                   received("subscribe", "A")}));
-
-  x->subscribe("B", 40, 0.2f);
-  x->subscribe("B", 200, 0.9f);
-  EXPECT_EQ(x->takeHooks(), Hooks({"update 40 0.7", "update 60 0.9"}));
+  EXPECT_TRUE(log.take().empty());  // the start path logs nothing
+  auto p = broker->getProxy("X");
+  p->call<void>("subscribe", std::string("B"), 40, 0.2f);
+  x->subscribe("B", 200, 0.9f);                  // again: warns and replaces both values
+  p->call<void>("subscribe", std::string("C"));  // adopts the current values
+  EXPECT_EQ(x->takeHooks(), Names({"update 40 0.5", "update 100 0.9", "update 100 0.9"}));
   EXPECT_EQ(mine(*x, "B"), Params(200, 0.9f));
-  EXPECT_EQ(x->getSubscribersInfo().getSize(), 2);
-}
-
-TEST_F(ExtractorSubscription, WithoutParametersUsesDefaultsWhenIdleAndCurrentValuesWhenRunning) {
-  auto x = make("Detector");
-  x->subscribe("A");
-  EXPECT_EQ(x->takeHooks(), Hooks({"start 30 0"}));
-  EXPECT_EQ(mine(*x, "A"), Params(30, 0.0f));
+  EXPECT_EQ(mine(*x, "C"), Params(100, 0.9f));
+  const Line again{kWarning, "subscribe",
+                   "X the module is already subscribed: will just update the parameters."};
+  EXPECT_EQ(log.takeLines(), Lines({received("subscribe", "B"), again, received("subscribe", "B"),
+                                    received("subscribe", "C")}));
+  p->call<void>("unsubscribe", std::string("C"));
+  x->unsubscribe("B");
   x->unsubscribe("A");
-  x->takeHooks();
-
-  x->subscribe("A", 100, 0.5f);
-  x->subscribe("B", 40, 0.2f);
-  x->takeHooks();
-  x->subscribe("C");
-  EXPECT_EQ(x->takeHooks(), Hooks({"update 40 0.5"}));
-  EXPECT_EQ(mine(*x, "C"), Params(40, 0.5f));
-}
-
-TEST_F(ExtractorSubscription, FailingStartLeavesTheSubscriberRegistered) {
-  auto x = make("Detector");
-  x->failStart = true;
-  EXPECT_THROW(x->subscribe("A", 100, 0.5f), std::runtime_error);
-  EXPECT_EQ(x->takeHooks(), Hooks({"start 100 0.5"}));
-  EXPECT_EQ(x->getMyPeriod("A"), 100);
-  EXPECT_EQ(x->getCurrentPeriod(), 100);
-
-  // Counts as detecting: the next client takes the update path, and the lock was released.
-  x->failStart = false;
-  LogCapture log;
-  x->subscribe("B", 40, 0.2f);
-  EXPECT_EQ(x->takeHooks(), Hooks({"update 40 0.5"}));
-  EXPECT_EQ(log.take().size(), 1u);
-}
-
-TEST_F(ExtractorSubscription, FailingStopLeavesTheRegistryEmptyAndLogsNothing) {
-  auto x = make("Detector");
-  x->subscribe("A", 100, 0.5f);
-  x->failStop = true;
-  LogCapture log;
-  EXPECT_THROW(x->unsubscribe("A"), ZR::ZRError);
-  EXPECT_EQ(x->takeHooks(), Hooks({"start 100 0.5", "stop"}));
-  EXPECT_TRUE(log.take().empty());
-  EXPECT_EQ(x->getSubscribersInfo().getSize(), 0);
+  EXPECT_EQ(x->takeHooks(), Names({"update 100 0.9", "update 100 0.5", "stop"}));
   EXPECT_EQ(current(*x), kIdle);
+  EXPECT_EQ(log.takeLines(), Lines({received("unsubscribe", "C"), received("unsubscribe", "B"),
+                                    received("unsubscribe", "A")}));
 
-  x->failStop = false;
-  x->subscribe("A", 50, 0.1f);
-  EXPECT_EQ(x->takeHooks(), Hooks({"start 50 0.1"}));
-}
-
-TEST_F(ExtractorClamping, DefaultLimitsRaiseToOneAndAcceptAnyLargePeriod) {
-  auto x = make("Detector");
-  LogCapture log;
-  x->subscribe("A", 0, 0.5f);
-  EXPECT_EQ(x->takeHooks(), Hooks({"start 1 0.5"}));
-  EXPECT_EQ(log.takeLines(), Lines{clamped("subscribe", "small", 1)});
-
-  x->subscribe("B", -250, 0.5f);
-  EXPECT_EQ(x->getMyPeriod("B"), 1);
-  EXPECT_EQ(log.takeLines(), Lines({clamped("subscribe", "small", 1), received("subscribe", "B")}));
-
-  x->subscribe("C", 1000000, 0.5f);
-  EXPECT_EQ(x->getMyPeriod("C"), 1000000);
-  EXPECT_EQ(log.takeLines(), Lines{received("subscribe", "C")});
-}
-
-TEST_F(ExtractorClamping, MinimumAboveMaximumLogsBothAndKeepsTheMaximum) {
-  auto x = make<Limited>("Detector", 50, 20);
-  LogCapture log;
-  x->subscribe("A", 5, 0.3f);
-  EXPECT_EQ(x->takeHooks(), Hooks({"start 20 0.3"}));
-  EXPECT_EQ(x->getMyPeriod("A"), 20);
+  // Idle: without parameters the defaults apply; a sole subscriber again takes the update path.
+  p->call<void>("subscribe", std::string("A"));
+  x->subscribe("A", 60, 0.7f);
+  // A failing hook keeps the state it changed: idle after a stop, detecting after a start.
+  x->failStop = x->failStart = true;
+  EXPECT_THROW(x->unsubscribe("A"), ZR::ZRError);
+  EXPECT_EQ(current(*x), kIdle);
+  EXPECT_EQ(errorFields([&] { x->xUpdateParameters(); }),
+            "X|xUpdateParameters|no module subscribed|" + kSource + "|line");
+  EXPECT_THROW(x->subscribe("B", 40, 0.2f), std::runtime_error);
+  x->failStart = false;
+  p->call<void>("subscribe", std::string("C"));  // the update path, and the lock was released
+  EXPECT_EQ(x->takeHooks(),
+            Names({"start 30 0", "update 60 0.7", "stop", "start 40 0.2", "update 40 0.2"}));
+  // No received-unsubscribe record after the failed stop.
   EXPECT_EQ(log.takeLines(),
-            Lines({clamped("subscribe", "small", 50), clamped("subscribe", "big", 20)}));
-
-  // Zero is a bound too; only a negative maximum means none.
-  auto z = make<Limited>("Zero", 1, 0);
-  z->subscribe("A", 5, 0.3f);
-  EXPECT_EQ(z->getMyPeriod("A"), 0);
+            Lines({again, received("subscribe", "A"), received("subscribe", "C")}));
 }
 
-TEST_F(ExtractorClamping, UpdatePeriodClampsUnderItsOwnNameAndKeepsThePrecision) {
-  auto x = make<Limited>("Detector", 10, 500);
-  x->subscribe("A", 100, 0.3f);
-  x->takeHooks();
-  LogCapture log;
-
-  x->updatePeriod("A", 3);
-  EXPECT_EQ(mine(*x, "A"), Params(10, 0.3f));
-  EXPECT_EQ(x->takeHooks(), Hooks({"update 10 0.3"}));
-  x->updatePeriod("A", 900);
-  EXPECT_EQ(x->getMyPeriod("A"), 500);
-  EXPECT_EQ(x->takeHooks(), Hooks({"update 500 0.3"}));
-  EXPECT_EQ(log.takeLines(),
-            Lines({clamped("updatePeriod", "small", 10), clamped("updatePeriod", "big", 500)}));
+TEST_F(ExtractorTest, PeriodsAreClampedWithAWarningOnSubscribeAndOnUpdate) {
+  struct Case {
+    std::optional<int> minimum, maximum;
+    int requested, stored;
+    std::vector<std::pair<const char*, int>> warnings;  // "small" or "big", the bound
+  };
+  const Case cases[] = {
+      {{}, {}, 0, 1, {{"small", 1}}},
+      {{}, {}, -250, 1, {{"small", 1}}},
+      {{}, {}, 1, 1, {}},
+      {{}, {}, 1000000, 1000000, {}},  // a negative maximum is no bound
+      {50, 20, 5, 20, {{"small", 50}, {"big", 20}}},
+      {1, 0, 5, 0, {{"big", 0}}},
+      {10, 500, 900, 500, {{"big", 500}}},
+  };
+  int n = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.requested);
+    const std::string name = "X" + std::to_string(n++);
+    auto x = make(name);
+    x->minimum = c.minimum;
+    x->maximum = c.maximum;
+    for (const char* method : {"subscribe", "updatePeriod"}) {
+      Lines expected;
+      for (const auto& w : c.warnings)
+        expected.emplace_back(kWarning, method,
+                              name + " requested period is too " + w.first +
+                                  "; subscribe with period = " + std::to_string(w.second) + " ms.");
+      if (method == std::string("subscribe"))
+        x->subscribe("A", c.requested, 0.5f);
+      else
+        broker->getProxy(name)->call<void>("updatePeriod", std::string("A"), c.requested);
+      EXPECT_EQ(log.takeLines(), expected);
+      EXPECT_EQ(mine(*x, "A"), Params(c.stored, 0.5f));
+    }
+    EXPECT_EQ(x->takeHooks(), Names({"start " + std::to_string(c.stored) + " 0.5",
+                                     "update " + std::to_string(c.stored) + " 0.5"}));
+  }
 }
 
-TEST_F(ExtractorPrecision, NegativeValuesAreStoredUnchanged) {
-  auto x = make("Detector");
-  x->subscribe("A", 100, -0.5f);
-  x->subscribe("B", 100, -2.0f);
-  EXPECT_EQ(x->getMyPrecision("A"), -0.5f);
-  EXPECT_EQ(x->getCurrentPrecision(), -0.5f);
-  x->updatePrecision("A", -3.0f);
-  EXPECT_EQ(x->getMyPrecision("A"), -3.0f);
+TEST_F(ExtractorTest, SubscribersInfoListsTriplesInNameOrderAndPrecisionIsNeverClamped) {
+  const float nan = std::numeric_limits<float>::quiet_NaN();
+  auto x = make();
+  EXPECT_EQ(x->getSubscribersInfo().toString(), "[]");
+  x->subscribe("b", 20, -0.5f);
+  x->subscribe("c", 10, -2.0f);
+  broker->getProxy("X")->call<void>("updatePrecision", std::string("b"), -3.0f);
+  EXPECT_EQ(current(*x), Params(10, -2.0f));
+  x->subscribe("d", 10, nan);  // after "b": compares greater than nothing
+  EXPECT_EQ(x->getCurrentPrecision(), -2.0f);
+  x->subscribe("a", 5, nan);  // first: the start value, and nothing compares greater
+  EXPECT_TRUE(std::isnan(x->getCurrentPrecision()));
+  EXPECT_EQ(x->getSubscribersInfo().toString(),
+            R"([["a", 5, nan], ["b", 20, -3.0], ["c", 10, -2.0], ["d", 10, nan]])");
+  x->unsubscribe("a");
   EXPECT_EQ(x->getCurrentPrecision(), -2.0f);
 }
 
-TEST_F(ExtractorPrecision, NaNCountsOnlyAsTheFirstEntryInNameOrder) {
-  const float nan = std::numeric_limits<float>::quiet_NaN();
-  auto x = make("Detector");
-  x->subscribe("b", 10, 0.3f);
-  x->subscribe("c", 10, nan);  // after "b": compares greater than nothing
-  EXPECT_EQ(x->getCurrentPrecision(), 0.3f);
-  x->subscribe("d", 10, 0.7f);
-  EXPECT_EQ(x->getCurrentPrecision(), 0.7f);
-
-  // "a" sorts first, so its NaN is the start value and nothing compares greater than it.
-  x->subscribe("a", 10, nan);
-  EXPECT_TRUE(std::isnan(x->getCurrentPrecision()));
-  x->unsubscribe("a");
-  EXPECT_EQ(x->getCurrentPrecision(), 0.7f);
-}
-
-TEST_F(ExtractorErrors, UnknownNamesThrowWithTheClassNameAndChangeNothing) {
-  auto x = make("Detector");
-  LogCapture log;
+TEST_F(ExtractorTest, UnknownNamesThrowTheirOwnTextsAndChangeNothing) {
+  auto x = make();
+  // The class name in the module field, the message in the operation field, as they stand.
+  const std::vector<std::tuple<std::function<void()>, std::string, Lines>> cases = {
+      {[&] { x->getMyPeriod("nobody"); }, "getMyPeriod: unknown module name: ", {}},
+      {[&] { x->getMyPrecision("nobody"); }, "getMyPrecision: unknown module name: ", {}},
+      {[&] { x->updatePeriod("nobody", 0); }, "updateParam: unknown module name: ", {}},
+      {[&] { x->updatePrecision("nobody", 1.0f); }, "updateParam: unknown module name: ", {}},
+      // The warning has no colon, the error has one.
+      {[&] { x->unsubscribe("nobody"); },
+       "received unsubscribe from non-subscribed module: ",
+       {{kWarning, "unsubscribe", "X received unsubscribe from non-subscribed module nobody"}}},
+  };
   for (int running = 0; running < 2; ++running) {
-    if (running) {
-      x->subscribe("A", 100, 0.5f);
-      x->takeHooks();
-      log.take();
+    if (running) x->subscribe("A", 100, 0.5f);
+    x->takeHooks();
+    log.take();
+    for (const auto& [call, method, lines] : cases) {
+      EXPECT_EQ(errorFields(call), "ZRExtractor|" + method + "|nobody|" + kSource + "|line");
+      EXPECT_EQ(log.takeLines(), lines);
     }
-    const auto unknown = [&](auto call, const char* method) {
-      expectError(call, "ZRExtractor", method, "nobody");
-    };
-    unknown([&] { x->getMyPeriod("nobody"); }, "getMyPeriod: unknown module name: ");
-    unknown([&] { x->getMyPrecision("nobody"); }, "getMyPrecision: unknown module name: ");
-    unknown([&] { x->updatePeriod("nobody", 10); }, "updateParam: unknown module name: ");
-    unknown([&] { x->updatePrecision("nobody", 1.0f); }, "updateParam: unknown module name: ");
-    EXPECT_TRUE(log.take().empty());
-
-    // The warning has no colon, the error has one.
-    unknown([&] { x->unsubscribe("nobody"); }, "received unsubscribe from non-subscribed module: ");
-    EXPECT_EQ(log.takeLines(),
-              Lines({{LogLevel_Warning, "unsubscribe",
-                      "Detector received unsubscribe from non-subscribed module nobody"}}));
-
     EXPECT_TRUE(x->takeHooks().empty());
     EXPECT_EQ(x->getSubscribersInfo().getSize(), running);
     EXPECT_EQ(x->getCurrentPeriod(), running ? 100 : -1);
   }
 }
 
-TEST_F(ExtractorErrors, ReconcilingWithoutSubscribersNamesTheInstance) {
-  auto x = make("Detector");
-  expectError([&] { x->xUpdateParameters(); }, "Detector", "xUpdateParameters",
-              "no module subscribed");
-  EXPECT_TRUE(x->takeHooks().empty());
+TEST_F(ExtractorTest, DeclaredOutputsReachTheMemoryServiceAndAreListedInOrder) {
+  auto x = make("Onsets");
+  auto p = broker->getProxy("Onsets");
+  EXPECT_TRUE(x->getOutputNames().empty() && x->getEventList().empty() &&
+              x->getMemoryKeyList().empty());
+  x->declareEvent("Onsets/onset");
+  x->declareMemoryKey("Onsets/level");
+  x->declareEvent("Onsets/offset");
+  const Names events{"Onsets/onset", "Onsets/offset"};
+  EXPECT_EQ(x->getEventList(), events);
+  EXPECT_EQ(x->getMemoryKeyList(), Names{"Onsets/level"});
+  EXPECT_EQ(p->call<Names>("getOutputNames"),
+            Names({"Onsets/onset", "Onsets/offset", "Onsets/level"}));
+  ZR::ZRMemoryProxy memory(broker);
+  EXPECT_EQ(memory.getExtractorEvent("Onsets"), events);
+  EXPECT_EQ(memory.getData("Onsets/level").toString(), "[]");
+  // A repeated declaration is listed again and writes the empty array again.
+  memory.insertData("Onsets/level", ZR::ZRValue(42));
+  x->declareMemoryKey("Onsets/level");
+  EXPECT_EQ(memory.getData("Onsets/level").toString(), "[]");
+  EXPECT_EQ(p->call<Names>("getMemoryKeyList"), Names({"Onsets/level", "Onsets/level"}));
+  EXPECT_EQ(p->call<Names>("getEventList"), events);
 }
 
-TEST_F(ExtractorRegistry, SubscribersInfoListsTriplesInNameOrder) {
-  auto x = make("Detector");
-  ZR::ZRValue info = x->getSubscribersInfo();
-  EXPECT_TRUE(info.isArray());
-  EXPECT_EQ(info.getSize(), 0);
+const std::string kSubscribe =
+    "Subscribes to the extractor. This causes the extractor to start writing information to memory "
+    "using the keys described by getOutputNames(). These can be accessed in memory using "
+    "ZRMemory.getData(\"keyName\"). In many cases you can avoid calling subscribe on the extractor "
+    "by just calling ZRMemory.subscribeToEvent() supplying a callback method. This will "
+    "automatically subscribe to the extractor for you.";
+const std::string kSubscribes = "name: Name of the module which subscribes.;";
+const std::string kHas = "name: Name of the module which has subscribed.;";
+const std::string kPeriod = "Refresh period (in milliseconds).";
+const std::string kEvents =
+    " | [outputNames][Array of events updated by this extractor in ZRMemory]";
 
-  x->subscribe("b", 20, 0.2f);
-  x->subscribe("a", 10, 0.1f);
-  x->subscribe("c", 30, 0.3f);
-  info = x->getSubscribersInfo();
-  ASSERT_TRUE(info.isArray());
-  std::vector<std::tuple<std::string, int, float>> triples;
-  for (int i = 0; i < info.getSize(); ++i) {
-    const ZR::ZRValue& e = info[i];
-    ASSERT_TRUE(e.isArray());
-    ASSERT_EQ(e.getSize(), 3);
-    ASSERT_TRUE(e[0].isString() && e[1].isInt() && e[2].isFloat()) << e.toString();
-    triples.emplace_back(std::string(e[0]), int(e[1]), float(e[2]));
+// The thirteen registrations after the built-in ones, word for word.
+void expectTable(const ZR::ZRModuleCore& module) {
+  const std::set<std::string> builtIns{"getMethodList", "getMethodHelp", "version", "ping"};
+  Names own;
+  for (const auto& d : module.getMethodDescriptions()) {
+    if (builtIns.count(d.methodName)) continue;
+    EXPECT_EQ(d.signature.substr(0, d.methodName.size() + 1), d.methodName + "(");
+    EXPECT_EQ(std::make_pair(d.moduleName, d.flags), std::make_pair(std::string("ZRExtractor"), 0));
+    own.push_back(describe(d));
   }
-  EXPECT_EQ(triples, (decltype(triples){{"a", 10, 0.1f}, {"b", 20, 0.2f}, {"c", 30, 0.3f}}));
+  // clang-format off
+  EXPECT_EQ(own, Names({
+      "subscribe(string, int, float) -> void | " + kSubscribe + " | " + kSubscribes +
+          " period: Refresh period (in milliseconds) if relevant.;"
+          " precision: Precision of the extractor if relevant.; | [][]",
+      "subscribe(string) -> void | " + kSubscribe + " | " + kSubscribes + " | [][]",
+      "unsubscribe(string) -> void | Unsubscribes from the extractor. |"
+          " name: Name of the module which had subscribed.; | [][]",
+      "updatePeriod(string, int) -> void | Updates the period if relevant. | " + kHas +
+          " period: " + kPeriod + "; | [][]",
+      "updatePrecision(string, float) -> void | Updates the precision if relevant. | " + kHas +
+          " precision: Precision of the extractor.; | [][]",
+      "getCurrentPeriod() -> int | Gets the current period. | | [period][" + kPeriod + "]",
+      "getCurrentPrecision() -> float | Gets the current precision. | |"
+          " [precision][Precision of the extractor.]",
+      "getMyPeriod(string) -> int | Gets the period for a specific subscription. | " + kHas +
+          " | [period][" + kPeriod + "]",
+      "getMyPrecision(string) -> float | Gets the precision for a specific subscription. |"
+          " name: name of the module which has subscribed; |"
+          " [precision][precision of the extractor]",
+      "getSubscribersInfo() -> ZRValue | Gets the parameters given by the module. | |"
+          " [subscribersInfo][Array of names and parameters of all subscribers.]",
+      "getOutputNames() -> list of strings | Get the list of values updated in ZRMemory. | |"
+          " [outputNames][Array of values updated by this extractor in ZRMemory]",
+      "getEventList() -> list of strings | Get the list of events updated in ZRMemory. |" + kEvents,
+      "getMemoryKeyList() -> list of strings | Get the list of events updated in ZRMemory. |" +
+          kEvents}));
+  // clang-format on
+}
+
+TEST_F(ExtractorTest, ThirteenRegistrationsWordForWordAlsoUnderAnotherName) {
+  EXPECT_EQ(kSubscribe.size(), 402u);
+  expectTable(*make());
+  expectTable(*make("Elsewhere"));
+}
+
+TEST_F(ExtractorTest, ManyClientsAtOnceStartsAndStopsAlternateAndTheRegistryStaysConsistent) {
+  auto x = make();
+  // Eight threads subscribe, unsubscribe, update and query at random, directly and remotely.
+  std::vector<std::thread> threads;
+  for (unsigned t = 0; t < 8; ++t) {
+    threads.emplace_back([&, seed = t + 1] {
+      auto p = broker->getProxy("X");
+      std::mt19937 rng(seed);
+      for (int i = 0; i < 2000; ++i) {
+        const std::string name = "m" + std::to_string(rng() % 4);
+        const int period = static_cast<int>(rng() % 200) - 10;
+        const float precision = static_cast<float>(rng() % 100) / 100.0f;
+        const std::function<void()> operations[] = {
+            [&] { x->subscribe(name, period, precision); },
+            [&] { p->call<void>("subscribe", name, period, precision); },
+            [&] { p->call<void>("subscribe", name); },
+            [&] { x->unsubscribe(name); },
+            [&] { p->call<void>("unsubscribe", name); },
+            [&] { x->updatePeriod(name, period); },
+            [&] { p->call<void>("updatePrecision", name, precision); },
+        };
+        try {
+          operations[rng() % 7]();
+          x->getMyPeriod(name);
+        } catch (const ZR::ZRError&) {
+          // Unknown names and an update racing the last departure are expected.
+        }
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(x->faults.load(), 0);
+  EXPECT_GT(x->starts.load(), 10);
+  const ZR::ZRValue info = x->getSubscribersInfo();
+  EXPECT_EQ(x->starts.load() - x->stops.load(), info.getSize() ? 1 : 0);
+  Params expected = kIdle;
+  for (int i = 0; i < info.getSize(); ++i) {
+    const Params entry(info[i][1], info[i][2]);
+    EXPECT_GE(entry.first, 1);  // clamped on every path
+    expected =
+        i ? Params(std::min(expected.first, entry.first), std::max(expected.second, entry.second))
+          : entry;
+  }
+  EXPECT_EQ(current(*x), expected);
 }
 
 }  // namespace

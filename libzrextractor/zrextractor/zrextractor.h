@@ -24,8 +24,17 @@ class ZRExtractorPrivate;
 /// xStartDetection when the first client arrives, xUpdateParameters whenever the requests change
 /// while it runs, and xStopDetection when the last client leaves.
 ///
-/// Hooks run with the subscription lock held: a hook may call the read-only queries, but must not
-/// call subscribe or unsubscribe of its own extractor.
+/// Concurrency: remote calls arrive on the platform's threads, so every member may run at once
+/// with every other. subscribe and unsubscribe hold subscriptionMutex throughout, hooks included:
+/// starts and stops never overlap and alternate strictly, and each of these calls blocks for as
+/// long as a concurrent subscribe or unsubscribe and its hook take. updatePeriod and
+/// updatePrecision do not take subscriptionMutex: their xUpdateParameters may run while a start
+/// or stop hook runs, or alongside another update's, and an update racing the last departure
+/// gets "no module subscribed". The queries take only the registry lock, shared and briefly, and
+/// nothing holds it while a hook runs, so a hook may call them; a hook must not call subscribe or
+/// unsubscribe of its own extractor (deadlock). The constructor blocks, without a time limit,
+/// until the broker hosts "ZRMemory". declareEvent and declareMemoryKey are not guarded: declare
+/// before the module is reachable.
 class ZRExtractor : public ZRModule {
  public:
   /// Blocks until the broker hosts "ZRMemory".
@@ -45,7 +54,9 @@ class ZRExtractor : public ZRModule {
 
   /// The first client arrived.
   virtual void xStartDetection(int period, float precision) = 0;
-  /// The reconciled period or precision was recomputed while clients remain.
+  /// The reconciled period or precision was recomputed while clients remain. Runs under
+  /// subscriptionMutex from subscribe and unsubscribe, but without it from updatePeriod and
+  /// updatePrecision, so it may overlap a start or stop hook or another update.
   virtual void xUpdateParameters(int period, float precision);
   /// The last client left.
   virtual void xStopDetection() = 0;

@@ -19,8 +19,19 @@ class ZRBroker;
 /// processSoundRemote is called with a flag telling whether the buffer held data.
 ///
 /// A concrete extractor overrides process (to get the timestamp too) or processSound. The sample
-/// pointer is valid only during the call: copy what must be kept. Buffers arrive on the
-/// platform's threads without any lock taken.
+/// pointer is valid only during the call: copy what must be kept.
+///
+/// Concurrency: the class takes no lock of its own. Its start and stop hooks run under the
+/// extractor base's subscriptionMutex and make a synchronous call to the device without a time
+/// limit, so a first subscribe or a last unsubscribe blocks for as long as the device takes to
+/// answer, and so do other subscribes and unsubscribes of this extractor meanwhile. Buffers
+/// arrive on the platform's threads without any lock taken, possibly while a start or stop runs
+/// and, if the device delivers from several threads, alongside another buffer: an override that
+/// shares state between processing and anything else guards it itself. Calling startDetection
+/// or stopDetection directly bypasses the base's lock; racing the hooks is then the caller's
+/// business. getOutputNames makes a synchronous call to "ZRMemory"; construction blocks until
+/// "ZRMemory" exists, as the base's does. The destructor unsubscribes from the device
+/// synchronously if still subscribed.
 class ZRSoundExtractor : public ZRExtractor {
  public:
   ZRSoundExtractor(boost::shared_ptr<ZRBroker> pBroker, std::string pName);
