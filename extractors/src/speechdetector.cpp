@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <mutex>
 
 namespace ZR {
@@ -31,14 +33,29 @@ constexpr float kDecisionDirected = 0.96f;
 constexpr float kMinPriorSnr = 0.003f;
 // Mean log-likelihood ratio thresholds at sensitivity 0 and 1; speech continues above a fraction
 // of the onset threshold.
-constexpr float kLeastSensitive = 1.6f, kMostSensitive = 0.2f;
+constexpr float kLeastSensitive = 1.2f, kMostSensitive = 0.1f;
 constexpr float kContinueFraction = 0.5f;
 // Voiced: normalised autocorrelation of the noise-free spectrum at a pitch period, and not a
 // tone (three neighbouring bins holding most of the band's energy).
 constexpr float kVoicing = 0.45f;
 constexpr float kTonal = 0.7f;
 // A candidate with no active frame for this long before it is confirmed is forgotten.
-constexpr double kCandidateGapSeconds = 0.1;
+constexpr double kCandidateGapSeconds = 0.2;
+
+// ln(1 + x) for x >= 0, to about 1e-4: the exact one would be a third of the detector's time.
+inline float lnOnePlus(float x) {
+  const float y = 1.0f + x;
+  std::uint32_t bits;
+  std::memcpy(&bits, &y, sizeof bits);
+  const int exponent = static_cast<int>((bits >> 23) & 0xff) - 127;
+  bits = (bits & 0x007fffffu) | 0x3f800000u;  // mantissa in [1, 2)
+  float m;
+  std::memcpy(&m, &bits, sizeof m);
+  // log2(m) on [1, 2): a least-squares quartic through 0.
+  const float t = m - 1.0f;
+  const float log2m = t * (1.4385482f + t * (-0.6780915f + t * (0.3236504f - t * 0.0842971f)));
+  return (static_cast<float>(exponent) + log2m) * 0.69314718f;
+}
 
 // FFTW's planner is not reentrant; execution on one's own arrays is.
 std::mutex& planMutex() {
@@ -104,12 +121,15 @@ SpeechDetector::SpeechDetector(int sampleRate) : rate_(std::max(sampleRate, 1000
   }
   fft_ = new Fft(size_);
   const std::size_t bins = static_cast<std::size_t>(highBin_ - lowBin_ + 1);
-  for (auto* v : {&power_, &smoothed_, &minimum_, &windowMin_, &presence_, &noise_, &previousClean_})
+  for (auto* v :
+       {&power_, &smoothed_, &minimum_, &windowMin_, &presence_, &noise_, &previousClean_, &llr_})
     v->assign(bins, 0.0f);
   setSensitivity(0.5f);
 }
 
-SpeechDetector::~SpeechDetector() { delete fft_; }
+SpeechDetector::~SpeechDetector() {
+  delete fft_;
+}
 
 void SpeechDetector::setSensitivity(float sensitivity) {
   const float s = std::isfinite(sensitivity) ? std::clamp(sensitivity, 0.0f, 1.0f) : 0.0f;
@@ -161,43 +181,55 @@ void SpeechDetector::analyse(double windowEnd) {
   for (int j = 0; j < bins; ++j) bandPower += power_[j];
   const bool audible = bandPower > std::pow(10.0, kAbsoluteFloorDb / 10.0);
 
-  ++framesAnalysed_;
-  const bool learning = framesAnalysed_ <= kLearnFrames;
-  const bool newBlock = framesAnalysed_ % kMinimumBlockFrames == 0;
-  float llr = 0.0f;
-  for (int j = 0; j < bins; ++j) {
-    const float p = std::max(power_[j], 1e-14f);
-    if (framesAnalysed_ == 1) {
-      smoothed_[j] = minimum_[j] = windowMin_[j] = noise_[j] = p;
-      continue;
-    }
-    smoothed_[j] = kSmoothing * smoothed_[j] + (1.0f - kSmoothing) * p;
-    if (learning) {
-      noise_[j] += (p - noise_[j]) / static_cast<float>(framesAnalysed_);
-      minimum_[j] = std::min(minimum_[j], smoothed_[j]);
-      windowMin_[j] = std::min(windowMin_[j], smoothed_[j]);
-      continue;
-    }
-    minimum_[j] = std::min(minimum_[j], smoothed_[j]);
-    windowMin_[j] = std::min(windowMin_[j], smoothed_[j]);
-    if (newBlock) {
-      minimum_[j] = std::min(windowMin_[j], smoothed_[j]);
-      windowMin_[j] = smoothed_[j];
-    }
-    const float present = smoothed_[j] > kPresenceRatio * minimum_[j] ? 1.0f : 0.0f;
-    presence_[j] = kPresenceSmoothing * presence_[j] + (1.0f - kPresenceSmoothing) * present;
-    const float a = kNoiseSmoothing + (1.0f - kNoiseSmoothing) * presence_[j];
-    noise_[j] = a * noise_[j] + (1.0f - a) * p;
-
-    const float n = std::max(noise_[j], 1e-14f);
-    const float posterior = std::min(p / n, 1e4f);
-    const float prior = std::max(kMinPriorSnr, kDecisionDirected * previousClean_[j] / n +
-                                                   (1.0f - kDecisionDirected) * std::max(posterior - 1.0f, 0.0f));
-    const float gain = prior / (1.0f + prior);
-    llr += posterior * gain - std::log1p(prior);
-    previousClean_[j] = gain * gain * p;
+  // Each step below is one branch-free pass over the bins, which the compiler vectorises.
+  float* p = power_.data();
+  float* smoothed = smoothed_.data();
+  float* minimum = minimum_.data();
+  float* windowMin = windowMin_.data();
+  float* presence = presence_.data();
+  float* noise = noise_.data();
+  float* previous = previousClean_.data();
+  for (int j = 0; j < bins; ++j) p[j] = std::max(p[j], 1e-14f);
+  if (++framesAnalysed_ == 1) {
+    for (int j = 0; j < bins; ++j) smoothed[j] = minimum[j] = windowMin[j] = noise[j] = p[j];
+    return;
   }
-  if (learning) return;
+  for (int j = 0; j < bins; ++j) {
+    smoothed[j] = kSmoothing * smoothed[j] + (1.0f - kSmoothing) * p[j];
+    minimum[j] = std::min(minimum[j], smoothed[j]);
+    windowMin[j] = std::min(windowMin[j], smoothed[j]);
+  }
+  if (framesAnalysed_ <= kLearnFrames) {
+    const float weight = 1.0f / static_cast<float>(framesAnalysed_);
+    for (int j = 0; j < bins; ++j) noise[j] += (p[j] - noise[j]) * weight;
+    return;
+  }
+  if (framesAnalysed_ % kMinimumBlockFrames == 0) {
+    for (int j = 0; j < bins; ++j) {
+      minimum[j] = std::min(windowMin[j], smoothed[j]);
+      windowMin[j] = smoothed[j];
+    }
+  }
+  for (int j = 0; j < bins; ++j) {
+    const float present = smoothed[j] > kPresenceRatio * minimum[j] ? 1.0f : 0.0f;
+    presence[j] = kPresenceSmoothing * presence[j] + (1.0f - kPresenceSmoothing) * present;
+    const float a = kNoiseSmoothing + (1.0f - kNoiseSmoothing) * presence[j];
+    noise[j] = std::max(a * noise[j] + (1.0f - a) * p[j], 1e-14f);
+  }
+  // Per-bin log-likelihood ratio of speech over noise, with a decision-directed prior SNR.
+  float* llrBins = llr_.data();
+  for (int j = 0; j < bins; ++j) {
+    const float inverse = 1.0f / noise[j];
+    const float posterior = std::min(p[j] * inverse, 1e4f);
+    const float prior =
+        std::max(kMinPriorSnr, kDecisionDirected * previous[j] * inverse +
+                                   (1.0f - kDecisionDirected) * std::max(posterior - 1.0f, 0.0f));
+    const float gain = prior / (1.0f + prior);
+    llrBins[j] = posterior * gain - lnOnePlus(prior);
+    previous[j] = gain * gain * p[j];
+  }
+  float llr = 0.0f;
+  for (int j = 0; j < bins; ++j) llr += llrBins[j];
   const float score = llr / static_cast<float>(bins);
 
   const double centre = windowEnd - 0.5 * size_ / rate_;
@@ -205,8 +237,9 @@ void SpeechDetector::analyse(double windowEnd) {
   const float threshold = state_ == State::Speech ? offThreshold_ : onThreshold_;
   const bool active = audible && score > threshold;
 
+  // Voicing only decides whether a candidate becomes speech.
   bool voiced = false;
-  if (active) {
+  if (active && state_ != State::Speech) {
     // Autocorrelation of the noise-free band (magnitudes compressed, which steadies the pitch
     // peak against strong formants), and how much one spectral peak dominates.
     double total = 0.0, peak = 0.0;
@@ -225,7 +258,8 @@ void SpeechDetector::analyse(double windowEnd) {
       fftwf_execute(fft_->backward);
       const float r0 = in[0];
       float best = 0.0f;
-      for (int lag = minLag_; lag <= maxLag_; ++lag) best = std::max(best, in[lag] / windowAcf_[lag]);
+      for (int lag = minLag_; lag <= maxLag_; ++lag)
+        best = std::max(best, in[lag] / windowAcf_[lag]);
       voiced = r0 > 0.0f && best / r0 > kVoicing && peak / total < kTonal;
     }
   }

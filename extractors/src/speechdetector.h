@@ -54,8 +54,8 @@ class SpeechDetector {
 
   // Fixed by the sample rate.
   int rate_;
-  int hop_;            // samples per 10 ms step
-  int size_;           // analysis window and FFT size
+  int hop_;   // samples per 10 ms step
+  int size_;  // analysis window and FFT size
   int lowBin_, highBin_;
   int minLag_, maxLag_;  // pitch period range in samples
   std::vector<float> window_, windowAcf_;
@@ -74,7 +74,8 @@ class SpeechDetector {
   int sinceHop_ = 0;
 
   // Per-bin noise tracking and a-priori SNR state.
-  std::vector<float> power_, smoothed_, minimum_, windowMin_, presence_, noise_, previousClean_;
+  std::vector<float> power_, smoothed_, minimum_, windowMin_, presence_, noise_, previousClean_,
+      llr_;
   int framesAnalysed_ = 0;
 
   // Segment state.

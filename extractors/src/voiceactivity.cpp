@@ -51,7 +51,9 @@ void VoiceActivity::xStartDetection(int period, float precision) {
   ZRSoundExtractor::xStartDetection(period, precision);
 }
 
-void VoiceActivity::xUpdateParameters(int /*period*/, float precision) { setPrecision(precision); }
+void VoiceActivity::xUpdateParameters(int /*period*/, float precision) {
+  setPrecision(precision);
+}
 
 void VoiceActivity::setPrecision(float precision) {
   // -1 means no subscriber is left: keep the last value for deliveries still on their way.
@@ -62,7 +64,8 @@ void VoiceActivity::setPrecision(float precision) {
 void VoiceActivity::warnBadBuffer(int channels, int samples) {
   const auto now = std::chrono::steady_clock::now();
   ++ignoredBuffers_;
-  if (lastWarning_ != std::chrono::steady_clock::time_point{} && now - lastWarning_ < kWarningInterval)
+  if (lastWarning_ != std::chrono::steady_clock::time_point{} &&
+      now - lastWarning_ < kWarningInterval)
     return;
   vo::log::LogStream(vo::LogLevel_Warning, "", "process", "extractors.voiceactivity", 0)
       << getName() << ": ignored " << ignoredBuffers_ << " buffer(s) whose counts do not fit "

@@ -41,7 +41,7 @@ class VoiceActivity : public ZRSoundExtractor {
   static constexpr int kFrameMs = 10;
   static constexpr int kHangoverMs = 300;
   static constexpr int kMinSegmentMs = 150;
-  static constexpr float kDefaultPrecision = 0.5f;
+  static constexpr float kDefaultPrecision = 0.75f;
 
   VoiceActivity(boost::shared_ptr<ZRBroker> broker, const std::string& name);
   ~VoiceActivity() override;
