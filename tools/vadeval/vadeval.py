@@ -18,8 +18,9 @@ frames against the noise's mean power). Each mix runs through the real build:
 
   zr run MIX --extractor VoiceActivity --format jsonl [--precision P]
 
-and is scored by frame F1 (10 ms frames) and boundary error (mean distance of the start and end of
-each true segment to those of the detected segment overlapping it most).
+and is scored by frame F1 (10 ms frames) and boundary error: the median over true segments of the
+mean distance of their start and end to those of the detected segment overlapping them most (a
+detection that merges several true segments counts against each; F1 counts it too).
 
   tools/vadeval/vadeval.py [--zr build/tools/zr/zr] [--set heldout] [--precision P ...]
 """
@@ -283,7 +284,8 @@ def score(truth, found):
         best = max(found, key=lambda d: min(e, d[1]) - max(s, d[0]), default=None)
         if best and min(e, best[1]) > max(s, best[0]):
             errors.append((abs(best[0] - s) + abs(best[1] - e)) / 2)
-    return f1, (1000 * sum(errors) / len(errors) if errors else float("nan"))
+    errors.sort()
+    return f1, (1000 * errors[len(errors) // 2] if errors else float("nan"))
 
 
 def main():
@@ -343,7 +345,7 @@ def main():
                 print("| %s | %s |" % (kind, " | ".join(cells)))
             at = {s: [f1 for k, t, q, f1, _ in rows if q == p and t == s] for s in SNRS}
             print("| mean | " + " | ".join("%.3f" % (sum(v) / len(v)) for v in at.values()) + " |\n")
-        print("cells: frame F1, mean boundary error")
+        print("cells: frame F1, median boundary error")
     finally:
         shutil.rmtree(work, ignore_errors=True)
 
