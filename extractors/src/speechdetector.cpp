@@ -273,16 +273,18 @@ void SpeechDetector::decide(bool active, bool voiced, double start, double end) 
       state_ = State::Candidate;
       start_ = std::max(0.0, start);
       lastActiveEnd_ = end;
-      voicedFrames_ = voiced ? 1 : 0;
-      return;
+      voicedFrames_ = 0;
+      [[fallthrough]];
     case State::Candidate:
       if (!active) {
         if (end - lastActiveEnd_ >= kCandidateGapSeconds) state_ = State::Idle;
         return;
       }
       lastActiveEnd_ = end;
-      if (voiced) ++voicedFrames_;
-      if (voicedFrames_ >= kMinVoicedFrames && end - start_ >= kMinSegmentMs / 1000.0) {
+      if (voiced && voicedFrames_++ == 0) firstVoiced_ = start;
+      // The minimum length counts from the first voiced frame: a short voiced sound after a
+      // click or a bell is no more speech than either.
+      if (voicedFrames_ >= kMinVoicedFrames && end - firstVoiced_ >= kMinSegmentMs / 1000.0) {
         state_ = State::Speech;
         if (onChange) onChange(true, start_);
       }

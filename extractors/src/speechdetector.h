@@ -80,7 +80,7 @@ class SpeechDetector {
 
   // Segment state.
   enum class State { Idle, Candidate, Speech } state_ = State::Idle;
-  double start_ = 0.0, lastActiveEnd_ = 0.0;
+  double start_ = 0.0, lastActiveEnd_ = 0.0, firstVoiced_ = 0.0;
   int voicedFrames_ = 0;
 };
 

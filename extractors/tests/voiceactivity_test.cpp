@@ -85,8 +85,8 @@ const std::pair<std::vector<double>, Segments>& sample() {
 }
 
 enum class Noise { White, Pink, Brown, Rising, Events };
-// Noise of unit power (rising: by 40 dB over its length), or events: a click and a burst every
-// 1.3 s and a bell every 4 s, at about unit power while they sound, over hiss 40 dB down.
+// Noise of unit power (rising: by 40 dB over its length), or events: a click and a short buzz
+// every 1.3 s and a bell every 4 s, at about unit power while they sound, over hiss 40 dB down.
 std::vector<double> noise(Noise kind, std::size_t n, unsigned seed = 7) {
   std::mt19937 rng(seed);
   std::normal_distribution<double> g;
@@ -100,9 +100,9 @@ std::vector<double> noise(Noise kind, std::size_t n, unsigned seed = 7) {
     b2 = 0.57000 * b2 + w * 1.0526913;
     brown = 0.998 * brown + w;
     const double pink = b0 + b1 + b2 + w * 0.1848;
-    const double event =
-        (cycle < 0.004 || (cycle > 0.6 && cycle < 0.68) ? 2 * w : 0.01 * w) +
-        (bell < 0.8 ? 4 * std::exp(-bell * 6) * std::sin(2 * M_PI * 880 * t) : 0.0);
+    const double buzz = cycle > 0.7 && cycle < 0.78 ? 4 * std::fmod(t * 150, 1.0) - 2 : 0.0;
+    const double event = (cycle < 0.004 ? 2 * w : 0.01 * w) + buzz +
+                         (bell < 0.4 ? 4 * std::exp(-bell * 6) * std::sin(2 * M_PI * 880 * t) : 0);
     const double rising = pink * std::pow(10.0, (-40.0 + 40.0 * i / n) / 20);
     x[i] = std::array<double, 5>{w, pink, brown, rising, event}[static_cast<int>(kind)];
     sum += x[i] * x[i];
