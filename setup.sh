@@ -17,7 +17,7 @@ cd "$(dirname "$0")"
 PACKAGES=(
   build-essential cmake ninja-build pkg-config git
   libboost-dev libboost-thread-dev libboost-system-dev
-  libsndfile1-dev libasound2-dev libsamplerate0-dev
+  libsndfile1-dev libasound2-dev libsamplerate0-dev libfftw3-dev
   libcli11-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   gnuplot-nox espeak-ng sox

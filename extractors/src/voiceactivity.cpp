@@ -5,20 +5,31 @@
 
 #include <boost/make_shared.hpp>
 
+#include <vo/log.h>
+#include <zrcommon/zrsamples.h>
+
 #include "extractorutil.h"
+#include "speechdetector.h"
 #include "zrextractors/zrrecord.h"
 
 namespace ZR {
 
+static_assert(VoiceActivity::kFrameMs == SpeechDetector::kHopMs &&
+                  VoiceActivity::kHangoverMs == SpeechDetector::kHangoverMs &&
+                  VoiceActivity::kMinSegmentMs == SpeechDetector::kMinSegmentMs,
+              "the documented timing is the detector's");
+
 namespace {
-// How far back the noise floor looks: longer than any pause between words, shorter than the
-// time it takes for the background to change noticeably.
-constexpr int kFloorWindowFrames = 300;
+// A sender that gets its counts wrong usually does so on every buffer: one line now and then
+// says it without flooding the log.
+constexpr auto kWarningInterval = std::chrono::seconds(5);
 }  // namespace
 
 VoiceActivity::VoiceActivity(boost::shared_ptr<ZRBroker> broker, const std::string& name)
     : ZRSoundExtractor(broker, name), memory_(boost::make_shared<ZRMemoryProxy>(broker)) {
-  setModuleDescription("Speech segments detected from energy against an adaptive noise floor.");
+  setModuleDescription(
+      "Speech segments detected from voiced sound in the speech band against a tracked noise "
+      "background.");
   functionName("flush", "VoiceActivity",
                "Ends a speech segment still open, as at the end of a stream.", 0);
   bindMethod(&VoiceActivity::flush);
@@ -29,75 +40,66 @@ VoiceActivity::VoiceActivity(boost::shared_ptr<ZRBroker> broker, const std::stri
 VoiceActivity::~VoiceActivity() = default;
 
 void VoiceActivity::startDetection() {
+  // Frame and window lengths are in samples: learn the device's rate before its first buffer.
   sampleRate_ = deviceSampleRate(*this, sampleRate_.load());
   ZRSoundExtractor::startDetection();
 }
 
+void VoiceActivity::xStartDetection(int period, float precision) {
+  // The first subscriber's precision arrives here, not through xUpdateParameters.
+  setPrecision(precision);
+  ZRSoundExtractor::xStartDetection(period, precision);
+}
+
 void VoiceActivity::xUpdateParameters(int /*period*/, float precision) {
-  const float p = std::isfinite(precision) ? std::clamp(precision, 0.0f, 1.0f) : 0.0f;
-  marginDb_ = 10.0f - 5.0f * p;
+  setPrecision(precision);
+}
+
+void VoiceActivity::setPrecision(float precision) {
+  // -1 means no subscriber is left: keep the last value for deliveries still on their way.
+  if (!std::isfinite(precision) || precision < 0.0f) return;
+  precision_ = std::min(precision, 1.0f);
+}
+
+void VoiceActivity::warnBadBuffer(int channels, int samples) {
+  const auto now = std::chrono::steady_clock::now();
+  ++ignoredBuffers_;
+  if (lastWarning_ != std::chrono::steady_clock::time_point{} &&
+      now - lastWarning_ < kWarningInterval)
+    return;
+  vo::log::LogStream(vo::LogLevel_Warning, "", "process", "extractors.voiceactivity", 0)
+      << getName() << ": ignored " << ignoredBuffers_ << " buffer(s) whose counts do not fit "
+      << "their samples (last: " << channels << " channel(s) x " << samples << " samples)";
+  lastWarning_ = now;
+  ignoredBuffers_ = 0;
 }
 
 void VoiceActivity::process(const int& nbOfChannels, const int& nbOfSamplesByChannel,
                             const short* buffer, const ZRValue& timestamp) {
-  if (!buffer || nbOfChannels <= 0 || nbOfSamplesByChannel <= 0) return;
   std::lock_guard<std::mutex> lock(mutex_);
+  if (!samplesFit(nbOfChannels, nbOfSamplesByChannel, buffer)) {
+    warnBadBuffer(nbOfChannels, nbOfSamplesByChannel);
+    return;
+  }
   const int rate = sampleRate_.load();
-  frameSamples_ = std::max(1, rate * kFrameMs / 1000);
-  const double bufferTime = timestampSeconds(timestamp);
-  for (int i = 0; i < nbOfSamplesByChannel; ++i) {
-    if (filled_ == 0) frameStart_ = bufferTime + static_cast<double>(i) / rate;
-    const short* frame = buffer + static_cast<std::size_t>(i) * nbOfChannels;
-    double mix = 0.0;
-    for (int c = 0; c < nbOfChannels; ++c) mix += frame[c];
-    mix /= nbOfChannels;
-    energy_ += mix * mix;
-    if (++filled_ == frameSamples_) endFrame();
+  if (!detector_ || detector_->sampleRate() != rate) {
+    detector_ = std::make_unique<SpeechDetector>(rate);
+    detector_->onChange = [this](bool speech, double time) {
+      memory_->raiseEvent(speechEvent(), makeRecord({{"time", ZRValue(static_cast<float>(time))},
+                                                     {"speech", ZRValue(speech)}}));
+    };
+    detector_->onSegment = [this](double start, double end) {
+      memory_->raiseEvent(segmentEvent(), makeRecord({{"start", ZRValue(static_cast<float>(start))},
+                                                      {"end", ZRValue(static_cast<float>(end))}}));
+    };
   }
-}
-
-void VoiceActivity::endFrame() {
-  const double meanSquare = energy_ / static_cast<double>(filled_);
-  const double frameDb = meanSquare > 0.0 ? 10.0 * std::log10(meanSquare / (32768.0 * 32768.0)) : -120.0;
-  const double frameEnd = frameStart_ + static_cast<double>(filled_) / sampleRate_.load();
-  energy_ = 0.0;
-  filled_ = 0;
-
-  // A little smoothing keeps single quiet frames inside words from dragging the floor down.
-  smoothedDb_ = history_.empty() ? frameDb : 0.7 * smoothedDb_ + 0.3 * frameDb;
-  history_.push_back(smoothedDb_);
-  if (history_.size() > static_cast<std::size_t>(kFloorWindowFrames)) history_.pop_front();
-  const double floorDb = *std::min_element(history_.begin(), history_.end());
-  const bool loud = frameDb > floorDb + marginDb_.load() && frameDb > kAbsoluteFloorDb;
-
-  if (loud) {
-    if (loudRun_ == 0) runStart_ = frameStart_;
-    ++loudRun_;
-    lastLoudEnd_ = frameEnd;
-    if (!speech_ && loudRun_ >= kOnsetFrames) {
-      speech_ = true;
-      segmentStart_ = runStart_;
-      memory_->raiseEvent(speechEvent(), makeRecord({{"time", ZRValue(static_cast<float>(segmentStart_))},
-                                                     {"speech", ZRValue(true)}}));
-    }
-  } else {
-    loudRun_ = 0;
-    if (speech_ && frameEnd - lastLoudEnd_ >= kHangoverMs / 1000.0) closeSegment();
-  }
-}
-
-void VoiceActivity::closeSegment() {
-  speech_ = false;
-  memory_->raiseEvent(speechEvent(), makeRecord({{"time", ZRValue(static_cast<float>(lastLoudEnd_))},
-                                                 {"speech", ZRValue(false)}}));
-  memory_->raiseEvent(segmentEvent(), makeRecord({{"start", ZRValue(static_cast<float>(segmentStart_))},
-                                                  {"end", ZRValue(static_cast<float>(lastLoudEnd_))}}));
+  detector_->setSensitivity(precision_.load());
+  detector_->feed(nbOfChannels, nbOfSamplesByChannel, buffer, timestampSeconds(timestamp));
 }
 
 void VoiceActivity::flush() {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (speech_) closeSegment();
-  loudRun_ = 0;
+  if (detector_) detector_->flush();
 }
 
 }  // namespace ZR
