@@ -357,6 +357,9 @@ Message decode(Frames& frames, std::size_t maxMessageSize) {
       m.deadlineMs = static_cast<std::uint32_t>(env.uintField("deadline", r, u32, true));
       break;
     case MsgType::Reply:
+      m.id = env.uintField("id", r, u64);
+      r.callId = m.id;  // a bad result still answers its call
+      break;
     case MsgType::Cancel:
       m.id = env.uintField("id", r, u64);
       break;
