@@ -165,7 +165,7 @@ TEST(Wire, EveryMalformedMessageIsAClearError) {
        "envelope lacks \"seq\"", 7},
       {"5a52010300|81a2696401|ce80000000", "integer 2147483648 does not fit in 32 bits", 1},
       {"5a52010300|81a2696401|d3ffffffff00000000", "integer -4294967296 does not fit in 32 bits",
-       0},
+       1},
       {"5a52010300|81a2696401|80", "unsupported msgpack type 8", 1},
       {"5a52010300|81a2696401|c4020102", "unsupported msgpack type 6", 1},
       {"5a52010300|81a2696401|d7020000000000000000", "unknown extension type 2 of 8 bytes", 1},
