@@ -3,6 +3,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <deque>
@@ -51,6 +52,14 @@ bool trySend(zmq::socket_t& socket, Frames& frames) {
   return true;
 }
 
+// True for addresses that only this machine can reach.
+bool isLocalOnly(const std::string& address) {
+  if (address.rfind("tcp://", 0) != 0)
+    return address.rfind("ipc://", 0) == 0 || address.rfind("inproc://", 0) == 0;
+  const std::string host = address.substr(6, address.rfind(':') - 6);
+  return host.rfind("127.", 0) == 0 || host == "localhost" || host == "[::1]" || host == "lo";
+}
+
 }  // namespace
 
 struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
@@ -96,7 +105,9 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
     std::map<std::uint64_t, std::shared_ptr<std::atomic<bool>>> running;  // cancel flags
   };
   std::unique_ptr<zmq::socket_t> router;
-  std::deque<Frames> routerOutbox;  // identity frame first
+  std::unique_ptr<zmq::socket_t> zap;             // authenticates CURVE clients
+  std::map<std::string, std::string> serverKeys;  // by endpoint; shared: under `mutex`
+  std::deque<Frames> routerOutbox;                // identity frame first
   std::map<std::string, std::unique_ptr<Peer>> peers;
   std::map<std::string, Remote> remotes;
   std::uint64_t nextId = 1, nextSeq = 1;
@@ -122,7 +133,27 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
     wakeFd = ::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
     if (wakeFd < 0) throw ZRError("zrnet", "start", "cannot create the I/O thread's wake-up");
     if (!options.listen.empty()) {
+      const bool curve = !options.curveSecretKey.empty();
+      if (!isLocalOnly(options.listen) && !curve && !options.insecure) {
+        ::close(wakeFd);
+        throw ZRError("zrnet", "listen",
+                      "refusing to listen on " + options.listen +
+                          " beyond loopback without CURVE keys or the insecure flag");
+      }
+      if (!isLocalOnly(options.listen) && !curve)
+        ZRNET_LOG(vo::LogLevel_Warning) << "listening on " << options.listen
+                                        << " without encryption or authentication (insecure)";
+      if (curve) {
+        zap = std::make_unique<zmq::socket_t>(context, zmq::socket_type::rep);
+        zap->set(zmq::sockopt::linger, 0);
+        zap->bind("inproc://zeromq.zap.01");
+      }
       router = std::make_unique<zmq::socket_t>(context, zmq::socket_type::router);
+      if (curve) {
+        router->set(zmq::sockopt::curve_server, 1);
+        router->set(zmq::sockopt::curve_secretkey, options.curveSecretKey);
+        router->set(zmq::sockopt::zap_domain, "zr");
+      }
       router->set(zmq::sockopt::router_mandatory, 1);
       router->set(zmq::sockopt::linger, 0);
       router->set(zmq::sockopt::maxmsgsize, static_cast<std::int64_t>(options.maxMessageSize));
@@ -160,6 +191,8 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
         items.push_back({router->handle(), 0,
                          static_cast<short>(ZMQ_POLLIN | (routerOutbox.empty() ? 0 : ZMQ_POLLOUT)),
                          0});
+      const std::size_t zapItem = items.size();
+      if (zap) items.push_back({zap->handle(), 0, ZMQ_POLLIN, 0});
       std::vector<Peer*> polled;
       for (auto& [endpoint, peer] : peers) {
         polled.push_back(peer.get());
@@ -182,6 +215,7 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
       for (auto& c : todo) c();
       if (stopNow) break;
 
+      if (zap && (items[zapItem].revents & ZMQ_POLLIN)) authenticate();
       if (router) receiveFromRouter();
       for (Peer* p : polled)
         if (peers.count(p->endpoint) && peers[p->endpoint].get() == p) receiveFromPeer(*p);
@@ -222,6 +256,7 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
       for (auto& [identity, remote] : remotes) sendToRemote(identity, encode(bye), false);
       router->close();
     }
+    if (zap) zap->close();
     // Commands that raced with the stop still hold promises: they fail now.
     std::deque<std::function<void()>> late;
     {
@@ -270,6 +305,17 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
     s.set(zmq::sockopt::maxmsgsize, static_cast<std::int64_t>(options.maxMessageSize));
     s.set(zmq::sockopt::reconnect_ivl, 100);
     s.set(zmq::sockopt::reconnect_ivl_max, 2000);
+    std::string serverKey;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      auto key = serverKeys.find(endpoint);
+      if (key != serverKeys.end()) serverKey = key->second;
+    }
+    if (!serverKey.empty()) {
+      s.set(zmq::sockopt::curve_serverkey, serverKey);
+      s.set(zmq::sockopt::curve_publickey, options.curvePublicKey);
+      s.set(zmq::sockopt::curve_secretkey, options.curveSecretKey);
+    }
     peer->lastReceived = peer->lastPing = Clock::now();
     try {
       s.connect(endpoint);
@@ -551,6 +597,36 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
     });
   }
 
+  // -- ZAP: which CURVE clients may connect
+
+  void authenticate() {
+    Frames request;
+    if (!zmq::recv_multipart(*zap, std::back_inserter(request), zmq::recv_flags::dontwait)) return;
+    // version, request id, domain, address, identity, mechanism, credentials...
+    if (request.size() < 6) return;
+    std::string clientKey;
+    if (request.size() >= 7 && request[6].size() == 32) {
+      char text[41] = {};
+      zmq_z85_encode(text, static_cast<const std::uint8_t*>(request[6].data()), 32);
+      clientKey = text;
+    }
+    const auto& allowed = options.allowedClientKeys;
+    const bool ok = request[5].to_string() == "CURVE" && !clientKey.empty() &&
+                    std::find(allowed.begin(), allowed.end(), clientKey) != allowed.end();
+    if (!ok)
+      ZRNET_LOG(vo::LogLevel_Warning)
+          << "refused a client from " << request[3].to_string() << ": key "
+          << (clientKey.empty() ? "none" : clientKey) << " is not on the allow-list";
+    Frames reply;
+    reply.emplace_back(std::string("1.0"));
+    reply.push_back(std::move(request[1]));
+    reply.emplace_back(std::string(ok ? "200" : "400"));
+    reply.emplace_back(std::string(ok ? "OK" : "client key not allowed"));
+    reply.emplace_back(clientKey);
+    reply.emplace_back();
+    zmq::send_multipart(*zap, reply);
+  }
+
   // -- heartbeats, liveness, deadlines
 
   void timers() {
@@ -652,6 +728,22 @@ void ZRTransport::setPeerLostListener(PeerListener listener) {
 
 void ZRTransport::shutdown() {
   impl_->stop();
+}
+
+}  // namespace ZR
+
+namespace ZR {
+
+void ZRTransport::setServerKey(const std::string& endpoint, const std::string& serverPublicKey) {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  impl_->serverKeys[endpoint] = serverPublicKey;
+}
+
+std::pair<std::string, std::string> ZRTransport::generateKeyPair() {
+  char publicKey[41] = {}, secretKey[41] = {};
+  if (zmq_curve_keypair(publicKey, secretKey) != 0)
+    throw ZRError("zrnet", "generateKeyPair", "CURVE is not available in this ZeroMQ");
+  return {publicKey, secretKey};
 }
 
 }  // namespace ZR

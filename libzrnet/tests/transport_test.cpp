@@ -336,6 +336,53 @@ TEST(Transport, ShutdownFailsPendingCallsAtBothEnds) {
   callee.reset();
 }
 
+TEST(Transport, BeyondLoopbackNeedsCurveOrTheInsecureFlagAndCurveAdmitsOnlyAllowedKeys) {
+  Pool pool;
+  zrtest::LogCapture log("zrnet", vo::LogLevel_Warning);
+  EXPECT_EQ(describe(errorOf([&] {
+              ZRTransport t(options("X", "tcp://0.0.0.0:0"), noCalls(), pool.executor());
+            })),
+            "zrnet|listen|refusing to listen on tcp://0.0.0.0:0 beyond loopback without CURVE "
+            "keys or the insecure flag");
+  {
+    auto o = options("X", "tcp://0.0.0.0:0");
+    o.insecure = true;
+    o.advertise = "tcp://public.example:7000";
+    ZRTransport t(o, noCalls(), pool.executor());
+    EXPECT_EQ(t.endpoint(), "tcp://public.example:7000");
+    EXPECT_EQ(log.count("without encryption or authentication (insecure)"), 1);
+  }
+
+  const auto [serverPublic, serverSecret] = ZRTransport::generateKeyPair();
+  const auto [goodPublic, goodSecret] = ZRTransport::generateKeyPair();
+  const auto [badPublic, badSecret] = ZRTransport::generateKeyPair();
+  auto so = options("S");
+  so.curvePublicKey = serverPublic;
+  so.curveSecretKey = serverSecret;
+  so.allowedClientKeys = {goodPublic};
+  ZRTransport server(
+      so, [](const ZRIncomingCall& c) { return c.args.at(0); }, pool.executor());
+  auto client = [&](const std::string& publicKey, const std::string& secretKey) {
+    auto o = options("C", "");
+    o.curvePublicKey = publicKey;
+    o.curveSecretKey = secretKey;
+    auto t = std::make_unique<ZRTransport>(o, noCalls(), pool.executor());
+    if (!publicKey.empty()) t->setServerKey(server.endpoint(), serverPublic);
+    return t;
+  };
+  EXPECT_EQ(client(goodPublic, goodSecret)->call(server.endpoint(), "M", "echo", {ZRValue(3)}),
+            ZRValue(3));
+  auto bad = client(badPublic, badSecret);
+  EXPECT_EQ(describe(errorOf([&] { bad->call(server.endpoint(), "M", "echo", {ZRValue(3)}); })),
+            "M|echo|module destroyed");
+  EXPECT_GE(
+      log.count("refused a client from 127.0.0.1: key " + badPublic + " is not on the allow-list"),
+      1);
+  auto plain = client("", "");
+  EXPECT_EQ(describe(errorOf([&] { plain->call(server.endpoint(), "M", "echo", {ZRValue(3)}); })),
+            "M|echo|module destroyed");
+}
+
 // A host in another process, started for the test and killed with SIGKILL.
 struct ChildHost {
   pid_t pid = -1;

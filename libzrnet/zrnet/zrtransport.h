@@ -6,6 +6,7 @@
 #include <future>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <zrerror/zrerror.h>
@@ -25,6 +26,15 @@ struct ZRTransportOptions {
   std::chrono::milliseconds heartbeat{250};
   /// Larger incoming messages are refused.
   std::size_t maxMessageSize = 64u << 20;
+
+  // Security. Listening beyond loopback needs CURVE keys or `insecure`.
+  /// Listen beyond loopback without encryption or authentication (logs a warning at start).
+  bool insecure = false;
+  /// This host's CURVE key pair (Z85 text, see ZRTransport::generateKeyPair). With them, the
+  /// listener requires CURVE and admits only the clients in allowedClientKeys, and calls out
+  /// to hosts given a server key (setServerKey) authenticate with them.
+  std::string curvePublicKey, curveSecretKey;
+  std::vector<std::string> allowedClientKeys;
 };
 
 /// A call that another host makes on one of this host's modules.
@@ -78,6 +88,12 @@ class ZRTransport {
   std::future<ZRValue> callAsync(const std::string& endpoint, const std::string& module,
                                  const std::string& method, std::vector<ZRValue> args,
                                  const ZRCallOptions& options = {});
+
+  /// Calls to `endpoint` use CURVE with this server public key (Z85), and this host's keys.
+  void setServerKey(const std::string& endpoint, const std::string& serverPublicKey);
+
+  /// A new CURVE key pair, Z85 text: {public, secret}.
+  static std::pair<std::string, std::string> generateKeyPair();
 
   /// Called on the executor with the endpoint of every called host found dead.
   void setPeerLostListener(PeerListener listener);
