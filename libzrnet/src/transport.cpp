@@ -721,6 +721,24 @@ ZRValue ZRTransport::call(const std::string& endpoint, const std::string& module
   return callAsync(endpoint, module, method, std::move(args), options).get();
 }
 
+void ZRTransport::send(const std::string& endpoint, const std::string& module,
+                       const std::string& method, std::vector<ZRValue> args,
+                       const std::string& stream) {
+  auto m = std::make_shared<Message>();
+  m->type = MsgType::Data;
+  m->stream = stream;
+  m->module = module;
+  m->method = method;
+  m->args = std::move(args);
+  Impl* impl = impl_.get();
+  impl_->post([impl, endpoint, m] {
+    if (impl->stopped) return;
+    Impl::Peer& peer = impl->peerFor(endpoint);
+    m->seq = impl->nextSeq++;
+    impl->queue(peer, encode(*m));
+  });
+}
+
 void ZRTransport::setPeerLostListener(PeerListener listener) {
   std::lock_guard<std::mutex> lock(impl_->mutex);
   impl_->peerLost = std::move(listener);

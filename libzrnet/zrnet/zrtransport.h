@@ -95,6 +95,11 @@ class ZRTransport {
   /// A new CURVE key pair, Z85 text: {public, secret}.
   static std::pair<std::string, std::string> generateKeyPair();
 
+  /// One way: runs `method` of `module` on the host at `endpoint` with no answer and no error
+  /// back, in order with the other sends and calls to that module. Lost if that host dies.
+  void send(const std::string& endpoint, const std::string& module, const std::string& method,
+            std::vector<ZRValue> args, const std::string& stream = "");
+
   /// Called on the executor with the endpoint of every called host found dead.
   void setPeerLostListener(PeerListener listener);
 
