@@ -28,6 +28,9 @@ using Clock = std::chrono::steady_clock;
 #define ZRNET_LOG(level) vo::log::LogStream(level, __FILE__, __func__, "zrnet", __LINE__)
 
 const char* const kModuleDestroyed = "module destroyed";
+const Clock::duration kConnectTime = std::chrono::seconds(2);
+// How long a silent caller's name is remembered, should it speak again.
+const Clock::duration kForgetTime = std::chrono::seconds(60);
 
 // ZeroMQ wants "*" for "any free port".
 std::string bindAddress(const std::string& address) {
@@ -635,7 +638,10 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
     ping.type = MsgType::Ping;
     std::vector<std::string> dead;
     for (auto& [endpoint, peer] : peers) {
-      if (now - peer->lastReceived > deathTime()) {
+      // A connection still being set up (TCP, handshake, hello) gets some slack on a busy host.
+      const Clock::duration limit =
+          peer->greeted ? deathTime() : std::max(deathTime(), kConnectTime);
+      if (now - peer->lastReceived > limit) {
         dead.push_back(endpoint);
         continue;
       }
@@ -661,12 +667,13 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
     for (const auto& e : dead) lose(e, "silent for 3 heartbeats");
 
     for (auto it = remotes.begin(); it != remotes.end();) {
-      if (now - it->second.lastReceived > deathTime()) {
-        ZRNET_LOG(vo::LogLevel_Info) << "caller " << it->second.host << " lost";
-        for (auto& [id, cancelled] : it->second.running) *cancelled = true;
+      const auto silent = now - it->second.lastReceived;
+      if (silent > kForgetTime) {
         it = remotes.erase(it);
         continue;
       }
+      // A silent caller may only be slow: its calls run on and it keeps getting pings. One
+      // that is gone makes them fail as unreachable, which costs nothing.
       if (now - it->second.lastPing >= heartbeat()) {
         sendToRemote(it->first, encode(ping), false);
         it->second.lastPing = now;

@@ -18,7 +18,7 @@ using namespace ZR;
 
 namespace {
 
-const auto kBeat = std::chrono::milliseconds(100);
+const auto kBeat = std::chrono::milliseconds(250);  // the default
 
 ZRTransportOptions options(const std::string& host, const std::string& listen) {
   ZRTransportOptions o;

@@ -28,7 +28,7 @@ using zrtest::errorOf;
 namespace {
 
 thread_local bool onExecutor = false;
-const auto kHeartbeat = std::chrono::milliseconds(100);
+const auto kHeartbeat = std::chrono::milliseconds(250);  // the default
 const auto kHangGuard = std::chrono::seconds(10);  // far beyond any answer; only stops a hang
 
 struct Pool {
@@ -114,9 +114,9 @@ TEST(Transport, CallsReturnResultsAndRebuildErrorsOnTheExecutor) {
 }
 
 TEST(Transport, CallsFromOneCallerToOneModuleKeepTheirOrder) {
-  Pool pool;
   std::mutex mutex;
   std::map<std::string, std::vector<int>> seen;
+  Pool pool;
   ZRTransport callee(
       options("B"),
       [&](const ZRIncomingCall& c) -> ZRValue {
@@ -137,10 +137,10 @@ TEST(Transport, CallsFromOneCallerToOneModuleKeepTheirOrder) {
 }
 
 TEST(Transport, ADeadlineFailsTheCallAndTheCalleeNeverRunsIt) {
-  Pool pool;
   std::promise<void> entered, gate;
   std::shared_future<void> open = gate.get_future().share();
   std::atomic<int> lateRuns{0};
+  Pool pool;  // its threads end before what they use
   ZRTransport callee(
       options("B"),
       [&](const ZRIncomingCall& c) -> ZRValue {
@@ -198,9 +198,9 @@ Message helloFrom(const std::string& host) {
 }
 
 TEST(Transport, ABusyCalleeThatPingsLivesAndASilentOneDies) {
+  std::promise<std::string> lost;
   Pool pool;
   ZRTransport caller(options("A", ""), noCalls(), pool.executor());
-  std::promise<std::string> lost;
   caller.setPeerLostListener([&](const std::string& e) { lost.set_value(e); });
   RawCallee raw;
   auto f = caller.callAsync(raw.endpoint, "M", "slow", {});
@@ -311,10 +311,10 @@ TEST(Transport, AMalformedCallIsAnsweredWithItsErrorAndTheHostServesOn) {
 }
 
 TEST(Transport, ShutdownFailsPendingCallsAtBothEnds) {
-  Pool pool;
   std::promise<void> gate;
   std::shared_future<void> open = gate.get_future().share();
   std::atomic<int> entered{0};
+  Pool pool;  // its threads end before what they use
   auto blocking = [&](const ZRIncomingCall&) -> ZRValue {
     ++entered;
     open.wait();
@@ -423,11 +423,11 @@ struct ChildHost {
 };
 
 TEST(Transport, AHostKilledMidCallFailsTheCallAsModuleDestroyed) {
+  std::promise<std::string> lost;
+  std::once_flag once;  // the later call finds it dead a second time
   Pool pool;
   ChildHost host;
   ZRTransport caller(options("A", ""), noCalls(), pool.executor());
-  std::promise<std::string> lost;
-  std::once_flag once;  // the later call finds it dead a second time
   caller.setPeerLostListener(
       [&](const std::string& e) { std::call_once(once, [&] { lost.set_value(e); }); });
   EXPECT_EQ(caller.call(host.endpoint, "M", "echo", {ZRValue(42)}), ZRValue(42));
