@@ -9,6 +9,7 @@
 #   ./setup.sh bench       build and run the benchmarks (build-bench/)
 #   ./setup.sh example     install into a temporary prefix, build examples/peakmeter against it
 #                          and run it through the installed zr
+#   ./setup.sh fuzz [SECONDS]  fuzz the wire decoder (clang + libFuzzer, build-fuzz/), default 60 s
 #   ./setup.sh deps        only install the packages
 #   ./setup.sh build       only install and build (build/)
 set -euo pipefail
@@ -21,6 +22,8 @@ PACKAGES=(
   libcli11-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   gnuplot-nox espeak-ng sox
+  libzmq3-dev cppzmq-dev libmsgpack-cxx-dev
+  clang libfuzzer-14-dev
 )
 
 install_deps() {
@@ -90,13 +93,25 @@ case "$cmd" in
     test "$(wc -l < build-example/peaks.jsonl)" -gt 50
     rm -rf "$prefix"
     ;;
+  fuzz)
+    install_deps
+    seconds=${2:-60}
+    CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+      -DZR_BUILD_TESTS=OFF -DZR_BUILD_FUZZERS=ON >/dev/null
+    cmake --build build-fuzz -j "$(nproc)" --target zrnet_fuzz_decoder zrnet_fuzz_seeds
+    mkdir -p build-fuzz/corpus build-fuzz/seeds
+    build-fuzz/libzrnet/zrnet_fuzz_seeds build-fuzz/seeds
+    # The grown corpus stays in build-fuzz/corpus for the next run; crashes land in build-fuzz/.
+    build-fuzz/libzrnet/zrnet_fuzz_decoder -max_total_time="$seconds" -max_len=4096 \
+      -artifact_prefix=build-fuzz/ build-fuzz/corpus build-fuzz/seeds
+    ;;
   demo)
     install_deps
     build build -DZR_BUILD_BENCHMARKS=ON
     ./build/tools/zr/zr run
     ;;
   *)
-    echo "usage: $0 demo|test|asan|tsan|bench|deps|build" >&2
+    echo "usage: $0 demo|test|asan|tsan|bench|fuzz [SECONDS]|deps|build" >&2
     exit 2
     ;;
 esac

@@ -1,0 +1,281 @@
+#include <zrnet/zrdirectory.h>
+
+#include <random>
+#include <sstream>
+
+#include <vo/log.h>
+
+namespace ZR {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+#define ZRDIR_LOG(level) vo::log::LogStream(level, __FILE__, __func__, "zrnet", __LINE__)
+
+std::string randomId() {
+  std::random_device device;
+  std::mt19937_64 generator((static_cast<std::uint64_t>(device()) << 32) ^ device() ^
+                            Clock::now().time_since_epoch().count());
+  std::ostringstream out;
+  out << std::hex << generator();
+  return out.str();
+}
+
+ZRValue entryValue(bool added, const ZRDirectoryEntry& e) {
+  ZRValue v;
+  v.arrayPush(added);
+  v.arrayPush(e.name);
+  v.arrayPush(e.host);
+  v.arrayPush(e.endpoint);
+  return v;
+}
+
+// The arguments of a directory call, checked: strings, then ints.
+void expectArgs(const ZRIncomingCall& c, std::size_t strings, std::size_t ints) {
+  bool ok = c.args.size() == strings + ints;
+  for (std::size_t i = 0; ok && i < c.args.size(); ++i)
+    ok = i < strings ? c.args[i].isString() : c.args[i].isInt();
+  if (!ok)
+    throw ZRError(ZRDirectoryServer::kModuleName, c.method,
+                  "expects " + std::to_string(strings) + " strings and " + std::to_string(ints) +
+                      " integers");
+}
+
+}  // namespace
+
+const char* const ZRDirectoryServer::kModuleName = "ZRDirectory";
+
+ZRDirectoryServer::ZRDirectoryServer(std::chrono::milliseconds heartbeat)
+    : heartbeat_(heartbeat), epoch_(randomId()) {}
+
+void ZRDirectoryServer::record(bool added, const std::string& name, const Holder& h) {
+  changes_.push_back(Change{++seq_, added, ZRDirectoryEntry{name, h.host, h.endpoint}});
+  if (changes_.size() > 10000) changes_.pop_front();  // older clients get a snapshot
+}
+
+void ZRDirectoryServer::expireLeases() {
+  const auto now = Clock::now();
+  for (auto lease = leases_.begin(); lease != leases_.end();) {
+    if (now - lease->second <= 3 * heartbeat_) {
+      ++lease;
+      continue;
+    }
+    for (auto it = names_.begin(); it != names_.end();) {
+      if (it->second.hostId != lease->first) {
+        ++it;
+        continue;
+      }
+      ZRDIR_LOG(vo::LogLevel_Info)
+          << "\"" << it->first << "\" leaves with host " << it->second.host << " (lease expired)";
+      record(false, it->first, it->second);
+      it = names_.erase(it);
+    }
+    lease = leases_.erase(lease);
+  }
+}
+
+ZRValue ZRDirectoryServer::handle(const ZRIncomingCall& c) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  expireLeases();
+  if (c.method == "publish" || c.method == "unpublish") {
+    // hostId, host, endpoint, name
+    expectArgs(c, 4, 0);
+    const Holder h{c.args[0].toStringRef(), c.args[1].toStringRef(), c.args[2].toStringRef()};
+    const std::string& name = c.args[3].toStringRef();
+    leases_[h.hostId] = Clock::now();
+    auto it = names_.find(name);
+    if (c.method == "unpublish") {
+      if (it == names_.end() || it->second.hostId != h.hostId) return ZRValue(false);
+      record(false, name, it->second);
+      names_.erase(it);
+      return ZRValue(true);
+    }
+    if (it != names_.end()) {
+      if (it->second.hostId == h.hostId) return ZRValue(true);
+      throw ZRError(
+          name, "publish",
+          "already published by host " + it->second.host + " (" + it->second.endpoint + ")");
+    }
+    names_[name] = h;
+    record(true, name, h);
+    return ZRValue(true);
+  }
+  if (c.method == "sync") {
+    // hostId, epoch, then the last sequence number the client has
+    expectArgs(c, 2, 1);
+    leases_[c.args[0].toStringRef()] = Clock::now();
+    const int from = c.args[2].toInt();
+    const bool snapshot = c.args[1].toStringRef() != epoch_ || from > seq_ ||
+                          (from < seq_ && (changes_.empty() || changes_.front().seq > from + 1));
+    ZRValue list;
+    list.arraySetSize(0);
+    if (snapshot) {
+      for (const auto& [name, h] : names_)
+        list.arrayPush(entryValue(true, ZRDirectoryEntry{name, h.host, h.endpoint}));
+    } else {
+      for (const Change& ch : changes_)
+        if (ch.seq > from) list.arrayPush(entryValue(ch.added, ch.entry));
+    }
+    ZRValue reply;
+    reply.arrayPush(epoch_);
+    reply.arrayPush(seq_);
+    reply.arrayPush(snapshot);
+    reply.arrayPush(list);
+    return reply;
+  }
+  throw ZRError(kModuleName, c.method, "unknown method");
+}
+
+// ---- client
+
+ZRDirectoryClient::ZRDirectoryClient(ZRTransport& transport, std::string directoryEndpoint,
+                                     std::string hostName, std::chrono::milliseconds heartbeat)
+    : transport_(transport),
+      directory_(std::move(directoryEndpoint)),
+      host_(std::move(hostName)),
+      hostId_(host_ + "-" + randomId()),
+      heartbeat_(heartbeat) {
+  thread_ = std::thread([this] { run(); });
+}
+
+ZRDirectoryClient::~ZRDirectoryClient() {
+  stop();
+}
+
+void ZRDirectoryClient::stop() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stopping_ = true;
+  }
+  wake_.notify_all();
+  if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) thread_.join();
+}
+
+ZRValue ZRDirectoryClient::callDirectory(const std::string& method, std::vector<ZRValue> args) {
+  ZRCallOptions o;
+  o.deadline = 4 * heartbeat_;
+  o.caller = host_;
+  return transport_.call(directory_, ZRDirectoryServer::kModuleName, method, std::move(args), o);
+}
+
+void ZRDirectoryClient::publish(const std::string& name) {
+  callDirectory("publish", {hostId_, host_, transport_.endpoint(), name});
+  std::lock_guard<std::mutex> lock(mutex_);
+  published_.insert(name);
+}
+
+void ZRDirectoryClient::unpublish(const std::string& name) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    published_.erase(name);
+  }
+  callDirectory("unpublish", {hostId_, host_, transport_.endpoint(), name});
+}
+
+std::optional<ZRDirectoryEntry> ZRDirectoryClient::find(const std::string& name) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto it = entries_.find(name);
+  if (it == entries_.end()) return std::nullopt;
+  return it->second;
+}
+
+std::vector<ZRDirectoryEntry> ZRDirectoryClient::entries() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<ZRDirectoryEntry> out;
+  for (const auto& [name, e] : entries_) out.push_back(e);
+  return out;
+}
+
+void ZRDirectoryClient::setListener(Listener listener) {
+  std::lock_guard<std::mutex> lock(listenerMutex_);
+  listener_ = std::move(listener);
+}
+
+void ZRDirectoryClient::run() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  while (!stopping_) {
+    lock.unlock();
+    sync();
+    lock.lock();
+    wake_.wait_for(lock, heartbeat_, [this] { return stopping_; });
+  }
+}
+
+void ZRDirectoryClient::apply(const ZRDirectoryEntry& entry, bool added) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = entries_.find(entry.name);
+    if (added) {
+      if (it != entries_.end() && it->second.host == entry.host &&
+          it->second.endpoint == entry.endpoint)
+        return;  // a snapshot repeating what we know
+      entries_[entry.name] = entry;
+    } else {
+      if (it == entries_.end()) return;
+      entries_.erase(it);
+    }
+  }
+  std::lock_guard<std::mutex> lock(listenerMutex_);
+  if (listener_) listener_(entry, added);
+}
+
+void ZRDirectoryClient::sync() {
+  std::string epoch;
+  int seq;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    epoch = epoch_;
+    seq = seq_;
+  }
+  ZRValue reply;
+  try {
+    reply = callDirectory("sync", {hostId_, epoch, seq});
+    if (!reply.isArray() || reply.getSize() != 4 || !reply[0].isString() || !reply[1].isInt() ||
+        !reply[2].isBool() || !reply[3].isArray())
+      throw ZRError(ZRDirectoryServer::kModuleName, "sync", "malformed answer");
+  } catch (const ZRError& e) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (reachable_)
+      ZRDIR_LOG(vo::LogLevel_Warning) << "directory " << directory_ << " unreachable: " << e.what();
+    reachable_ = false;
+    return;
+  }
+  const std::string newEpoch = reply[0];
+  const bool restarted = !epoch.empty() && newEpoch != epoch;
+  std::set<std::string> mine;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!reachable_ || restarted)
+      ZRDIR_LOG(vo::LogLevel_Info) << "directory " << directory_ << " reached";
+    reachable_ = true;
+    epoch_ = newEpoch;
+    seq_ = reply[1];
+    mine = published_;
+  }
+  std::vector<std::pair<ZRDirectoryEntry, bool>> changes;
+  for (const ZRValue& c : reply[3].arrayElements()) {
+    if (!c.isArray() || c.getSize() != 4) continue;
+    changes.push_back({ZRDirectoryEntry{c[1], c[2], c[3]}, c[0].toBool()});
+  }
+  if (reply[2].toBool()) {  // a snapshot: whatever it lacks is gone
+    std::set<std::string> present;
+    for (const auto& [e, added] : changes) present.insert(e.name);
+    for (const ZRDirectoryEntry& e : entries())
+      if (!present.count(e.name)) apply(e, false);
+  }
+  for (const auto& [e, added] : changes) apply(e, added);
+  if (restarted) {
+    // A new directory knows nothing of us: publish again, then pick the result up.
+    for (const std::string& name : mine) {
+      try {
+        callDirectory("publish", {hostId_, host_, transport_.endpoint(), name});
+      } catch (const ZRError& e) {
+        ZRDIR_LOG(vo::LogLevel_Error) << "cannot publish \"" << name << "\" again: " << e.what();
+      }
+    }
+    sync();
+  }
+}
+
+}  // namespace ZR

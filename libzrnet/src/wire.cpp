@@ -1,0 +1,408 @@
+#include "wire.h"
+
+#include <cstring>
+#include <limits>
+#include <memory>
+
+#include <msgpack.hpp>
+
+namespace ZR {
+namespace net {
+
+namespace {
+
+using Packer = msgpack::packer<msgpack::sbuffer>;
+// msgpack allocates arrays and maps before reading their elements, and recurses on nesting:
+// both are bounded before a single element is read.
+constexpr std::size_t kMaxDepth = 32;
+
+zmq::message_t bufferFrame(msgpack::sbuffer& buffer) {
+  return zmq::message_t(buffer.data(), buffer.size());
+}
+
+void freeOwner(void* /*data*/, void* hint) {
+  delete static_cast<std::shared_ptr<const void>*>(hint);
+}
+
+// The frame reads the value's storage in place and keeps it alive until ZeroMQ is done with it.
+zmq::message_t binaryFrame(const ZRValue& v) {
+  std::shared_ptr<const void> owner = v.getBinaryOwner();
+  if (!owner || v.getBinarySize() == 0) return zmq::message_t(v.GetBinary(), v.getBinarySize());
+  auto* hint = new std::shared_ptr<const void>(std::move(owner));
+  return zmq::message_t(const_cast<void*>(v.GetBinary()), v.getBinarySize(), &freeOwner, hint);
+}
+
+void putBE32(char* out, std::uint32_t v) {
+  for (int i = 3; i >= 0; --i, v >>= 8) out[i] = static_cast<char>(v & 0xff);
+}
+std::uint32_t getBE32(const char* in) {
+  std::uint32_t v = 0;
+  for (int i = 0; i < 4; ++i) v = (v << 8) | static_cast<unsigned char>(in[i]);
+  return v;
+}
+
+void packValue(Packer& pk, const ZRValue& v, Frames& binaries) {
+  switch (v.getType()) {
+    case ZRValue::TypeInvalid:
+      pk.pack_nil();
+      break;
+    case ZRValue::TypeBool:
+      v.toBool() ? pk.pack_true() : pk.pack_false();
+      break;
+    case ZRValue::TypeInt:
+      pk.pack_int(v.toInt());
+      break;
+    case ZRValue::TypeFloat:
+      pk.pack_float(v.toFloat());
+      break;
+    case ZRValue::TypeString: {
+      const std::string& s = v.toStringRef();
+      pk.pack_str(static_cast<std::uint32_t>(s.size()));
+      pk.pack_str_body(s.data(), static_cast<std::uint32_t>(s.size()));
+      break;
+    }
+    case ZRValue::TypeBinary: {
+      char ref[8];
+      putBE32(ref, static_cast<std::uint32_t>(binaries.size()));
+      putBE32(ref + 4, static_cast<std::uint32_t>(v.getBinarySize()));
+      pk.pack_ext(sizeof ref, kBinaryExtType);
+      pk.pack_ext_body(ref, sizeof ref);
+      binaries.push_back(binaryFrame(v));
+      break;
+    }
+    case ZRValue::TypeArray: {
+      const auto& elements = v.arrayElements();
+      pk.pack_array(static_cast<std::uint32_t>(elements.size()));
+      for (const ZRValue& e : elements) packValue(pk, e, binaries);
+      break;
+    }
+  }
+}
+
+void packStr(Packer& pk, const char* key, const std::string& value) {
+  pk.pack(key);
+  pk.pack(value);
+}
+void packUint(Packer& pk, const char* key, std::uint64_t value) {
+  pk.pack(key);
+  pk.pack_uint64(value);
+}
+
+void packEnvelope(Packer& pk, const Message& m) {
+  switch (m.type) {
+    case MsgType::Hello:
+      pk.pack_map(3);
+      packStr(pk, "host", m.host);
+      packStr(pk, "endpoint", m.endpoint);
+      packUint(pk, "heartbeat", m.heartbeatMs);
+      break;
+    case MsgType::Call:
+      pk.pack_map(m.deadlineMs ? 6 : 5);
+      packUint(pk, "id", m.id);
+      packUint(pk, "seq", m.seq);
+      packStr(pk, "module", m.module);
+      packStr(pk, "method", m.method);
+      packStr(pk, "caller", m.caller);
+      if (m.deadlineMs) packUint(pk, "deadline", m.deadlineMs);
+      break;
+    case MsgType::Reply:
+    case MsgType::Cancel:
+      pk.pack_map(1);
+      packUint(pk, "id", m.id);
+      break;
+    case MsgType::Error:
+      pk.pack_map(4);
+      packUint(pk, "id", m.id);
+      packStr(pk, "module", m.module);
+      packStr(pk, "method", m.method);
+      packStr(pk, "description", m.description);
+      break;
+    case MsgType::Data:
+      pk.pack_map(5);
+      packStr(pk, "stream", m.stream);
+      packUint(pk, "seq", m.seq);
+      packStr(pk, "module", m.module);
+      packStr(pk, "method", m.method);
+      packStr(pk, "caller", m.caller);
+      break;
+    case MsgType::Credit:
+      pk.pack_map(2);
+      packStr(pk, "stream", m.stream);
+      packUint(pk, "credits", m.credits);
+      break;
+    case MsgType::Ping:
+    case MsgType::Bye:
+      pk.pack_map(0);
+      break;
+  }
+}
+
+bool hasArgs(MsgType t) {
+  return t == MsgType::Call || t == MsgType::Data;
+}
+
+// ---- decoding
+
+struct Reader {
+  std::uint64_t callId = 0;
+  std::string module, method;
+  [[noreturn]] void fail(const std::string& what) const {
+    throw DecodeError(what, callId, module, method);
+  }
+};
+
+msgpack::object_handle unpackFrame(const zmq::message_t& frame, const char* what, const Reader& r) {
+  const std::size_t n = frame.size();
+  msgpack::unpack_limit limit(n, n / 2, n, n, n, kMaxDepth);
+  std::size_t offset = 0;
+  msgpack::object_handle handle;
+  try {
+    handle =
+        msgpack::unpack(static_cast<const char*>(frame.data()), n, offset, nullptr, nullptr, limit);
+  } catch (const std::exception& e) {
+    r.fail(std::string("malformed ") + what + " (" + e.what() + ")");
+  }
+  if (offset != n) r.fail(std::string("trailing bytes after the ") + what);
+  return handle;
+}
+
+struct Envelope {
+  const msgpack::object_map* map = nullptr;
+  const msgpack::object* find(const char* key) const {
+    for (std::uint32_t i = 0; i < map->size; ++i) {
+      const msgpack::object& k = map->ptr[i].key;
+      if (k.type == msgpack::type::STR && k.via.str.size == std::strlen(key) &&
+          std::memcmp(k.via.str.ptr, key, k.via.str.size) == 0)
+        return &map->ptr[i].val;
+    }
+    return nullptr;
+  }
+  std::uint64_t uintField(const char* key, const Reader& r, std::uint64_t max,
+                          bool optional = false) const {
+    const msgpack::object* o = find(key);
+    if (!o) {
+      if (optional) return 0;
+      r.fail(std::string("envelope lacks \"") + key + "\"");
+    }
+    if (o->type != msgpack::type::POSITIVE_INTEGER || o->via.u64 > max)
+      r.fail(std::string("envelope field \"") + key + "\" is not an unsigned integer in range");
+    return o->via.u64;
+  }
+  std::string strField(const char* key, const Reader& r) const {
+    const msgpack::object* o = find(key);
+    if (!o) r.fail(std::string("envelope lacks \"") + key + "\"");
+    if (o->type != msgpack::type::STR)
+      r.fail(std::string("envelope field \"") + key + "\" is not a string");
+    return std::string(o->via.str.ptr, o->via.str.size);
+  }
+};
+
+struct BinaryFrames {
+  Frames* frames;
+  std::size_t first;  // index in *frames of binary block 0
+  std::vector<std::shared_ptr<zmq::message_t>> owners;
+  std::size_t count() const { return frames->size() - first; }
+};
+
+ZRValue toValue(const msgpack::object& o, BinaryFrames& bins, const Reader& r) {
+  using namespace msgpack::type;
+  switch (o.type) {
+    case NIL:
+      return ZRValue();
+    case BOOLEAN:
+      return ZRValue(o.via.boolean);
+    case POSITIVE_INTEGER:
+      if (o.via.u64 > static_cast<std::uint64_t>(std::numeric_limits<int>::max()))
+        r.fail("integer " + std::to_string(o.via.u64) + " does not fit in 32 bits");
+      return ZRValue(static_cast<int>(o.via.u64));
+    case NEGATIVE_INTEGER:
+      if (o.via.i64 < std::numeric_limits<int>::min())
+        r.fail("integer " + std::to_string(o.via.i64) + " does not fit in 32 bits");
+      return ZRValue(static_cast<int>(o.via.i64));
+    case FLOAT32:
+    case FLOAT64:
+      return ZRValue(static_cast<float>(o.via.f64));
+    case STR:
+      return ZRValue(std::string(o.via.str.ptr, o.via.str.size));
+    case ARRAY: {
+      ZRValue v;
+      v.arraySetSize(0);
+      v.arrayReserve(static_cast<int>(o.via.array.size));
+      for (std::uint32_t i = 0; i < o.via.array.size; ++i)
+        v.arrayPush(toValue(o.via.array.ptr[i], bins, r));
+      return v;
+    }
+    case EXT: {
+      if (o.via.ext.type() != kBinaryExtType || o.via.ext.size != 8)
+        r.fail("unknown extension type " + std::to_string(o.via.ext.type()) + " of " +
+               std::to_string(o.via.ext.size) + " bytes");
+      const std::uint32_t index = getBE32(o.via.ext.data());
+      const std::uint32_t size = getBE32(o.via.ext.data() + 4);
+      if (index >= bins.count())
+        r.fail("binary block " + std::to_string(index) + " refers to a missing frame (" +
+               std::to_string(bins.count()) + " binary frames)");
+      auto& owner = bins.owners[index];
+      if (!owner)
+        owner = std::make_shared<zmq::message_t>(std::move((*bins.frames)[bins.first + index]));
+      if (owner->size() != size)
+        r.fail("binary block " + std::to_string(index) + " declares " + std::to_string(size) +
+               " bytes, its frame has " + std::to_string(owner->size()));
+      return ZRValue(owner->data(), owner->size(), owner);
+    }
+    default:
+      r.fail("unsupported msgpack type " + std::to_string(static_cast<int>(o.type)));
+  }
+}
+
+}  // namespace
+
+const char* msgTypeName(MsgType type) noexcept {
+  switch (type) {
+    case MsgType::Hello:
+      return "hello";
+    case MsgType::Call:
+      return "call";
+    case MsgType::Reply:
+      return "reply";
+    case MsgType::Error:
+      return "error";
+    case MsgType::Cancel:
+      return "cancel";
+    case MsgType::Data:
+      return "data";
+    case MsgType::Credit:
+      return "credit";
+    case MsgType::Ping:
+      return "ping";
+    case MsgType::Bye:
+      return "bye";
+  }
+  return "unknown";
+}
+
+DecodeError::DecodeError(const std::string& description, std::uint64_t callId,
+                         const std::string& module, const std::string& method)
+    : ZRError("zrnet", "decode", description), callId_(callId), module_(module), method_(method) {}
+
+Frames encode(const Message& m) {
+  Frames frames;
+  const std::uint8_t header[kHeaderSize] = {'Z', 'R', kProtocolVersion,
+                                            static_cast<std::uint8_t>(m.type), m.flags};
+  frames.emplace_back(header, kHeaderSize);
+  msgpack::sbuffer envelope;
+  Packer envelopePacker(envelope);
+  packEnvelope(envelopePacker, m);
+  frames.push_back(bufferFrame(envelope));
+
+  msgpack::sbuffer body;
+  Packer bodyPacker(body);
+  Frames binaries;
+  if (hasArgs(m.type)) {
+    bodyPacker.pack_array(static_cast<std::uint32_t>(m.args.size()));
+    for (const ZRValue& a : m.args) packValue(bodyPacker, a, binaries);
+  } else if (m.type == MsgType::Reply) {
+    packValue(bodyPacker, m.value, binaries);
+  } else {
+    bodyPacker.pack_nil();
+  }
+  frames.push_back(bufferFrame(body));
+  for (auto& b : binaries) frames.push_back(std::move(b));
+  return frames;
+}
+
+Message decode(Frames& frames, std::size_t maxMessageSize) {
+  Reader r;
+  if (frames.size() < 3)
+    r.fail("truncated message: " + std::to_string(frames.size()) + " frames, at least 3 needed");
+  std::size_t total = 0;
+  for (const auto& f : frames) total += f.size();
+  if (total > maxMessageSize)
+    r.fail("message of " + std::to_string(total) + " bytes exceeds the maximum of " +
+           std::to_string(maxMessageSize));
+
+  const auto* h = static_cast<const unsigned char*>(frames[0].data());
+  if (frames[0].size() != kHeaderSize || h[0] != 'Z' || h[1] != 'R')
+    r.fail("not a protocol message (bad header)");
+  if (h[2] != kProtocolVersion)
+    r.fail("protocol version mismatch: peer speaks version " + std::to_string(h[2]) +
+           ", this host speaks version " + std::to_string(kProtocolVersion));
+  Message m;
+  m.type = static_cast<MsgType>(h[3]);
+  if (h[3] < static_cast<int>(MsgType::Hello) || h[3] > static_cast<int>(MsgType::Bye))
+    r.fail("unknown message type " + std::to_string(h[3]));
+  m.flags = h[4];
+  if (m.flags != 0) r.fail("unknown flags " + std::to_string(m.flags));
+
+  msgpack::object_handle envHandle = unpackFrame(frames[1], "envelope", r);
+  if (envHandle.get().type != msgpack::type::MAP) r.fail("envelope is not a map");
+  Envelope env{&envHandle.get().via.map};
+  constexpr std::uint64_t u32 = std::numeric_limits<std::uint32_t>::max();
+  constexpr std::uint64_t u64 = std::numeric_limits<std::uint64_t>::max();
+  switch (m.type) {
+    case MsgType::Hello:
+      m.host = env.strField("host", r);
+      m.endpoint = env.strField("endpoint", r);
+      m.heartbeatMs = static_cast<std::uint32_t>(env.uintField("heartbeat", r, u32));
+      break;
+    case MsgType::Call:
+      m.id = env.uintField("id", r, u64);
+      if (m.id == 0) r.fail("call id 0 is reserved");
+      m.module = env.strField("module", r);
+      m.method = env.strField("method", r);
+      r.callId = m.id;  // from here on, the caller can be told what went wrong
+      r.module = m.module;
+      r.method = m.method;
+      m.seq = env.uintField("seq", r, u64);
+      m.caller = env.strField("caller", r);
+      m.deadlineMs = static_cast<std::uint32_t>(env.uintField("deadline", r, u32, true));
+      break;
+    case MsgType::Reply:
+      m.id = env.uintField("id", r, u64);
+      r.callId = m.id;  // a bad result still answers its call
+      break;
+    case MsgType::Cancel:
+      m.id = env.uintField("id", r, u64);
+      break;
+    case MsgType::Error:
+      m.id = env.uintField("id", r, u64);
+      m.module = env.strField("module", r);
+      m.method = env.strField("method", r);
+      m.description = env.strField("description", r);
+      break;
+    case MsgType::Data:
+      m.stream = env.strField("stream", r);
+      m.seq = env.uintField("seq", r, u64);
+      m.module = env.strField("module", r);
+      m.method = env.strField("method", r);
+      m.caller = env.strField("caller", r);
+      break;
+    case MsgType::Credit:
+      m.stream = env.strField("stream", r);
+      m.credits = static_cast<std::uint32_t>(env.uintField("credits", r, u32));
+      break;
+    case MsgType::Ping:
+    case MsgType::Bye:
+      break;
+  }
+
+  msgpack::object_handle bodyHandle = unpackFrame(frames[2], "body", r);
+  const msgpack::object& body = bodyHandle.get();
+  BinaryFrames bins{&frames, 3, {}};
+  bins.owners.resize(bins.count());
+  if (hasArgs(m.type)) {
+    if (body.type != msgpack::type::ARRAY) r.fail("arguments are not an array");
+    m.args.reserve(body.via.array.size);
+    for (std::uint32_t i = 0; i < body.via.array.size; ++i)
+      m.args.push_back(toValue(body.via.array.ptr[i], bins, r));
+  } else if (m.type == MsgType::Reply) {
+    m.value = toValue(body, bins, r);
+  } else if (body.type != msgpack::type::NIL) {
+    r.fail(std::string("a ") + msgTypeName(m.type) + " message carries no body");
+  }
+  for (std::size_t i = 0; i < bins.owners.size(); ++i)
+    if (!bins.owners[i]) r.fail("binary frame " + std::to_string(i) + " is not referenced");
+  return m;
+}
+
+}  // namespace net
+}  // namespace ZR

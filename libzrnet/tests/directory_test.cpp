@@ -1,0 +1,114 @@
+// The directory with its server and three hosts in one process: publishing, conflicts, late
+// joiners, leases, and a directory that restarts.
+
+#include <zrnet/zrdirectory.h>
+
+#include <unistd.h>
+
+#include <condition_variable>
+#include <mutex>
+
+#include <gtest/gtest.h>
+#include <boost/asio/post.hpp>
+#include <boost/asio/thread_pool.hpp>
+
+#include "zrtest.h"
+
+using namespace ZR;
+
+namespace {
+
+const auto kBeat = std::chrono::milliseconds(250);  // the default
+
+ZRTransportOptions options(const std::string& host, const std::string& listen) {
+  ZRTransportOptions o;
+  o.hostName = host;
+  o.listen = listen;
+  o.heartbeat = kBeat;
+  return o;
+}
+
+struct Host {
+  boost::asio::thread_pool pool{2};
+  ZRTransport transport;
+  ZRDirectoryClient client;
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::vector<std::string> events;  // "+name@host" / "-name@host"
+  Host(const std::string& name, const std::string& directory)
+      : transport(
+            options(name, "tcp://127.0.0.1:0"),
+            [](const ZRIncomingCall& c) -> ZRValue { throw ZRError(c.module, c.method, "none"); },
+            [this](std::function<void()> t) { boost::asio::post(pool, std::move(t)); }),
+        client(transport, directory, name, kBeat) {
+    client.setListener([this](const ZRDirectoryEntry& e, bool added) {
+      std::lock_guard<std::mutex> lock(mutex);
+      events.push_back((added ? "+" : "-") + e.name + "@" + e.host);
+      changed.notify_all();
+    });
+  }
+  // Waits until the event has happened (a failure after a hang guard, not a timing check).
+  bool saw(const std::string& event) {
+    std::unique_lock<std::mutex> lock(mutex);
+    return changed.wait_for(lock, std::chrono::seconds(10), [&] {
+      return std::find(events.begin(), events.end(), event) != events.end();
+    });
+  }
+};
+
+struct DirectoryHost {
+  boost::asio::thread_pool pool{2};
+  ZRDirectoryServer server{kBeat};
+  ZRTransport transport;
+  explicit DirectoryHost(const std::string& endpoint)
+      : transport(
+            options("dir", endpoint), [this](const ZRIncomingCall& c) { return server.handle(c); },
+            [this](std::function<void()> t) { boost::asio::post(pool, std::move(t)); }) {}
+};
+
+TEST(Directory, HostsSeeEachOthersNamesConflictsLateJoinersLeasesAndRestarts) {
+  const std::string at = "ipc:///tmp/zrnet-directory-test-" + std::to_string(getpid());
+  auto directory = std::make_unique<DirectoryHost>(at);
+  auto a = std::make_unique<Host>("A", at);
+  Host b("B", at);
+
+  a->client.publish("X");
+  a->client.publish("X");  // again from the same host: fine
+  ASSERT_TRUE(b.saw("+X@A"));
+  EXPECT_EQ(b.client.find("X")->endpoint, a->transport.endpoint());
+  ZRError taken = zrtest::errorOf([&] { b.client.publish("X"); });
+  EXPECT_EQ(taken.getModuleName() + "|" + taken.getMethodName() + "|" + taken.getDescription(),
+            "X|publish|already published by host A (" + a->transport.endpoint() + ")");
+
+  b.client.publish("Y");
+  a->client.unpublish("X");
+  ASSERT_TRUE(b.saw("-X@A"));
+  a->client.publish("Z");
+  {
+    Host late("C", at);  // a snapshot, then changes
+    ASSERT_TRUE(late.saw("+Y@B"));
+    ASSERT_TRUE(late.saw("+Z@A"));
+    EXPECT_FALSE(late.client.find("X"));
+  }
+
+  // The directory restarts: the hosts publish again by themselves.
+  directory.reset();
+  directory = std::make_unique<DirectoryHost>(at);
+  Host after("D", at);
+  ASSERT_TRUE(after.saw("+Y@B"));
+  ASSERT_TRUE(after.saw("+Z@A"));
+
+  // A host that stops answering loses its names everywhere once its lease runs out.
+  a->client.stop();
+  ASSERT_TRUE(b.saw("-Z@A"));
+  ASSERT_TRUE(after.saw("-Z@A"));
+  EXPECT_TRUE(b.client.find("Y"));
+
+  ZRIncomingCall bad;
+  bad.method = "sync";
+  bad.args = {ZRValue(1)};
+  EXPECT_EQ(zrtest::errorOf([&] { directory->server.handle(bad); }).getDescription(),
+            "expects 2 strings and 1 integers");
+}
+
+}  // namespace

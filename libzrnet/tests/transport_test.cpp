@@ -1,0 +1,449 @@
+// The transport between endpoints in one process, against raw ZeroMQ peers that play a role
+// (a busy callee, a silent one, another protocol version, a sender of garbage), and against a
+// host in another process killed with SIGKILL.
+
+#include <zrnet/zrtransport.h>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <mutex>
+#include <stdexcept>
+
+#include <gtest/gtest.h>
+#include <boost/asio/post.hpp>
+#include <boost/asio/thread_pool.hpp>
+#include <zmq_addon.hpp>
+
+#include "wire.h"
+#include "zrtest.h"
+
+using namespace ZR;
+using namespace ZR::net;
+using zrtest::errorOf;
+
+namespace {
+
+thread_local bool onExecutor = false;
+const auto kHeartbeat = std::chrono::milliseconds(250);  // the default
+const auto kHangGuard = std::chrono::seconds(10);        // far beyond any answer; only stops a hang
+
+struct Pool {
+  boost::asio::thread_pool pool{4};
+  ZRTransport::Executor executor() {
+    return [this](std::function<void()> task) {
+      boost::asio::post(pool, [task = std::move(task)] {
+        onExecutor = true;
+        task();
+        onExecutor = false;
+      });
+    };
+  }
+};
+
+ZRTransportOptions options(const std::string& host,
+                           const std::string& listen = "tcp://127.0.0.1:0") {
+  ZRTransportOptions o;
+  o.hostName = host;
+  o.listen = listen;
+  o.heartbeat = kHeartbeat;
+  return o;
+}
+
+ZRTransport::CallHandler noCalls() {
+  return [](const ZRIncomingCall& c) -> ZRValue { throw ZRError(c.module, c.method, "no calls"); };
+}
+
+std::string describe(const ZRError& e) {
+  return e.getModuleName() + "|" + e.getMethodName() + "|" + e.getDescription();
+}
+
+template <class T>
+T ready(std::future<T>& f) {
+  if (f.wait_for(kHangGuard) != std::future_status::ready) throw std::runtime_error("hung");
+  return f.get();
+}
+
+ZRError errorOfFuture(std::future<ZRValue>& f) {
+  return errorOf([&] { ready(f); });
+}
+
+TEST(Transport, CallsReturnResultsAndRebuildErrorsOnTheExecutor) {
+  Pool pool;
+  ZRTransport callee(
+      options("B"),
+      [](const ZRIncomingCall& c) -> ZRValue {
+        if (!onExecutor) throw ZRError("test", c.method, "not on the executor");
+        if (c.method == "echo") return c.args.at(0);
+        if (c.method == "who") return ZRValue(c.caller + "@" + c.peerHost);
+        if (c.method == "fail") throw ZRError("Calc", "fail", "boom");
+        if (c.method == "std") throw std::runtime_error("bad");
+        throw ZRError(c.module, c.method, "unknown");
+      },
+      pool.executor());
+  ZRTransport caller(options("A", ""), noCalls(), pool.executor());
+  EXPECT_EQ(caller.endpoint(), "");
+  const std::string to = callee.endpoint();
+  ASSERT_EQ(to.rfind("tcp://127.0.0.1:", 0), 0u) << to;
+
+  std::vector<unsigned char> bytes(5000, 3);
+  ZRValue nested;
+  nested.arrayPush(ZRValue(bytes.data(), bytes.size()));
+  nested.arrayPush(ZRValue());
+  nested.arrayPush(-2.5f);
+  for (const ZRValue& v : {ZRValue(7), ZRValue("text"), nested})
+    EXPECT_EQ(caller.call(to, "M", "echo", {v}), v);
+  ZRCallOptions asSomeone;
+  asSomeone.caller = "Client";
+  EXPECT_EQ(caller.call(to, "M", "who", {}, asSomeone), ZRValue("Client@A"));
+
+  const std::vector<std::pair<std::string, std::string>> errors = {
+      {"fail", "Calc|fail|boom"},
+      {"std", "M|std|bad"},
+      {"nothing", "M|nothing|unknown"},
+  };
+  for (const auto& [method, expected] : errors)
+    EXPECT_EQ(describe(errorOf([&, m = method] { caller.call(to, "M", m, {}); })), expected);
+
+  // Nobody listens there: the call fails once the peer counts as dead.
+  auto far = caller.callAsync("tcp://127.0.0.1:1", "Far", "x", {});
+  EXPECT_EQ(describe(errorOfFuture(far)), "Far|x|module destroyed");
+}
+
+TEST(Transport, CallsFromOneCallerToOneModuleKeepTheirOrder) {
+  std::mutex mutex;
+  std::map<std::string, std::vector<int>> seen;
+  Pool pool;
+  ZRTransport callee(
+      options("B"),
+      [&](const ZRIncomingCall& c) -> ZRValue {
+        // The first call of each module is long: without ordering the next ones would overtake.
+        if (c.args.at(0).toInt() < 2)
+          for (volatile int k = 0; k < 2000000; k = k + 1) {
+          }
+        std::lock_guard<std::mutex> lock(mutex);
+        seen[c.module].push_back(c.args.at(0));
+        return ZRValue();
+      },
+      pool.executor());
+  ZRTransport caller(options("A", ""), noCalls(), pool.executor());
+  std::vector<std::future<ZRValue>> calls;
+  for (int i = 0; i < 300; ++i)
+    calls.push_back(caller.callAsync(callee.endpoint(), i % 2 ? "M1" : "M2", "record", {i}));
+  for (auto& f : calls) ready(f);
+  std::vector<int> odd, even;
+  for (int i = 0; i < 300; ++i) (i % 2 ? odd : even).push_back(i);
+  EXPECT_EQ(seen["M1"], odd);
+  EXPECT_EQ(seen["M2"], even);
+}
+
+TEST(Transport, ADeadlineFailsTheCallAndTheCalleeNeverRunsIt) {
+  std::promise<void> entered, gate;
+  std::shared_future<void> open = gate.get_future().share();
+  std::atomic<int> lateRuns{0};
+  Pool pool;  // its threads end before what they use
+  ZRTransport callee(
+      options("B"),
+      [&](const ZRIncomingCall& c) -> ZRValue {
+        if (c.method == "block") {
+          entered.set_value();
+          open.wait();
+        }
+        if (c.method == "late") ++lateRuns;
+        return ZRValue(lateRuns.load());
+      },
+      pool.executor());
+  ZRTransport caller(options("A", ""), noCalls(), pool.executor());
+  auto blocked = caller.callAsync(callee.endpoint(), "M", "block", {});
+  entered.get_future().wait();
+  ZRCallOptions soon;
+  soon.deadline = std::chrono::milliseconds(30);
+  EXPECT_EQ(describe(errorOf([&] { caller.call(callee.endpoint(), "M", "late", {}, soon); })),
+            "M|late|deadline exceeded");
+  gate.set_value();
+  EXPECT_EQ(ready(blocked), ZRValue(0));
+  // The next call on the same module runs after where "late" stood: it was dropped.
+  EXPECT_EQ(caller.call(callee.endpoint(), "M", "count", {}), ZRValue(0));
+  EXPECT_EQ(lateRuns, 0);
+}
+
+// A raw ROUTER playing the callee.
+struct RawCallee {
+  zmq::context_t ctx;
+  zmq::socket_t socket{ctx, zmq::socket_type::router};
+  std::string endpoint;
+  RawCallee() {
+    socket.set(zmq::sockopt::rcvtimeo, static_cast<int>(kHangGuard.count() * 1000));
+    socket.bind("tcp://127.0.0.1:*");
+    endpoint = socket.get(zmq::sockopt::last_endpoint);
+  }
+  // The next message, its routing identity in `identity`.
+  Message receive(std::string& identity) {
+    Frames f;
+    if (!zmq::recv_multipart(socket, std::back_inserter(f))) throw std::runtime_error("hung");
+    identity = f[0].to_string();
+    f.erase(f.begin());
+    return decode(f);
+  }
+  void send(const std::string& identity, Frames frames) {
+    frames.insert(frames.begin(), zmq::message_t(identity));
+    zmq::send_multipart(socket, frames);
+  }
+};
+
+Message helloFrom(const std::string& host) {
+  Message h;
+  h.type = MsgType::Hello;
+  h.host = host;
+  return h;
+}
+
+TEST(Transport, ABusyCalleeThatPingsLivesAndASilentOneDies) {
+  std::promise<std::string> lost;
+  Pool pool;
+  ZRTransport caller(options("A", ""), noCalls(), pool.executor());
+  caller.setPeerLostListener([&](const std::string& e) { lost.set_value(e); });
+  RawCallee raw;
+  auto f = caller.callAsync(raw.endpoint, "M", "slow", {});
+  std::string id;
+  EXPECT_EQ(raw.receive(id).type, MsgType::Hello);
+  raw.send(id, encode(helloFrom("raw")));
+  Message call = raw.receive(id);
+  ASSERT_EQ(call.type, MsgType::Call);
+  EXPECT_EQ(call.module + "." + call.method, "M.slow");
+  // Busy for 8 heartbeats of the caller, answering each: more than enough to be declared dead
+  // were pings not counted.
+  Message ping;
+  ping.type = MsgType::Ping;
+  for (int pings = 0; pings < 8;) {
+    if (raw.receive(id).type != MsgType::Ping) continue;
+    ++pings;
+    raw.send(id, encode(ping));
+  }
+  Message reply;
+  reply.type = MsgType::Reply;
+  reply.id = call.id;
+  reply.value = ZRValue(5);
+  raw.send(id, encode(reply));
+  EXPECT_EQ(ready(f), ZRValue(5));
+
+  // Now silent: the next call fails, and the host is reported lost.
+  auto g = caller.callAsync(raw.endpoint, "M", "again", {});
+  EXPECT_EQ(describe(errorOfFuture(g)), "M|again|module destroyed");
+  auto lostEndpoint = lost.get_future();
+  EXPECT_EQ(ready(lostEndpoint), raw.endpoint);
+}
+
+Frames withVersion(Frames frames, std::uint8_t version) {
+  static_cast<std::uint8_t*>(frames[0].data())[2] = version;
+  return frames;
+}
+
+TEST(Transport, AnotherProtocolVersionIsRefusedNamingBothVersions) {
+  Pool pool;
+  const std::string mismatch =
+      "protocol version mismatch: peer speaks version 2, this host speaks version 1";
+  // Calling a host of version 2.
+  ZRTransport caller(options("A", ""), noCalls(), pool.executor());
+  RawCallee raw;
+  auto f = caller.callAsync(raw.endpoint, "M", "m", {});
+  std::string id;
+  raw.receive(id);
+  raw.send(id, withVersion(encode(helloFrom("raw")), 2));
+  EXPECT_EQ(describe(errorOfFuture(f)), "M|m|" + mismatch);
+
+  // Called by a client of version 2.
+  ZRTransport callee(options("B"), noCalls(), pool.executor());
+  zmq::context_t ctx;
+  zmq::socket_t dealer(ctx, zmq::socket_type::dealer);
+  dealer.set(zmq::sockopt::rcvtimeo, static_cast<int>(kHangGuard.count() * 1000));
+  dealer.connect(callee.endpoint());
+  Frames hello = withVersion(encode(helloFrom("old")), 2);
+  zmq::send_multipart(dealer, hello);
+  Frames answer;
+  ASSERT_TRUE(zmq::recv_multipart(dealer, std::back_inserter(answer)));
+  Message error = decode(answer);
+  EXPECT_EQ(error.type, MsgType::Error);
+  EXPECT_EQ(error.id, 0u);
+  EXPECT_EQ(error.module + "|" + error.method + "|" + error.description, "zrnet|hello|" + mismatch);
+}
+
+TEST(Transport, AMalformedCallIsAnsweredWithItsErrorAndTheHostServesOn) {
+  Pool pool;
+  zrtest::LogCapture log("zrnet", vo::LogLevel_Warning);
+  ZRTransport callee(
+      options("B"), [](const ZRIncomingCall& c) -> ZRValue { return c.args.at(0); },
+      pool.executor());
+  zmq::context_t ctx;
+  zmq::socket_t dealer(ctx, zmq::socket_type::dealer);
+  dealer.set(zmq::sockopt::rcvtimeo, static_cast<int>(kHangGuard.count() * 1000));
+  dealer.connect(callee.endpoint());
+  auto exchange = [&](Frames out) {
+    zmq::send_multipart(dealer, out);
+    while (true) {
+      Frames in;
+      if (!zmq::recv_multipart(dealer, std::back_inserter(in))) throw std::runtime_error("hung");
+      Message m = decode(in);
+      if (m.type != MsgType::Ping) return m;
+    }
+  };
+  EXPECT_EQ(exchange(encode(helloFrom("raw"))).host, "B");
+  Message call;
+  call.type = MsgType::Call;
+  call.id = 9;
+  call.module = "M";
+  call.method = "m";
+  Frames bad = encode(call);
+  bad[2] = zmq::message_t("\x01", 1);  // arguments that are no array
+  Message error = exchange(std::move(bad));
+  EXPECT_EQ(error.type, MsgType::Error);
+  EXPECT_EQ(error.id, 9u);
+  EXPECT_EQ(error.module + "|" + error.method + "|" + error.description,
+            "M|m|arguments are not an array");
+  ASSERT_EQ(log.records().size(), 1u);
+  EXPECT_EQ(log.records()[0].message,
+            "dropped a malformed message from raw: arguments are not an array");
+  call.id = 10;
+  call.args = {ZRValue(4)};
+  Message reply = exchange(encode(call));
+  EXPECT_EQ(reply.type, MsgType::Reply);
+  EXPECT_EQ(reply.id, 10u);
+  EXPECT_EQ(reply.value, ZRValue(4));
+}
+
+TEST(Transport, ShutdownFailsPendingCallsAtBothEnds) {
+  std::promise<void> gate;
+  std::shared_future<void> open = gate.get_future().share();
+  std::atomic<int> entered{0};
+  Pool pool;  // its threads end before what they use
+  auto blocking = [&](const ZRIncomingCall&) -> ZRValue {
+    ++entered;
+    open.wait();
+    return ZRValue();
+  };
+  auto callee = std::make_unique<ZRTransport>(options("B"), blocking, pool.executor());
+  ZRTransport callerA(options("A", ""), noCalls(), pool.executor());
+  ZRTransport callerC(options("C", ""), noCalls(), pool.executor());
+  auto a = callerA.callAsync(callee->endpoint(), "M1", "wait", {});
+  auto c = callerC.callAsync(callee->endpoint(), "M2", "wait", {});
+  ASSERT_TRUE(zrtest::eventually([&] { return entered == 2; }));
+  callerA.shutdown();  // the caller leaves
+  EXPECT_EQ(describe(errorOfFuture(a)), "M1|wait|the host is shutting down");
+  EXPECT_EQ(describe(errorOf([&] { callerA.call(callee->endpoint(), "M", "m", {}); })),
+            "M|m|the host is shutting down");
+  callee->shutdown();  // the callee leaves: its bye fails what waits on it
+  EXPECT_EQ(describe(errorOfFuture(c)), "M2|wait|module destroyed");
+  gate.set_value();
+  callee.reset();
+}
+
+TEST(Transport, BeyondLoopbackNeedsCurveOrTheInsecureFlagAndCurveAdmitsOnlyAllowedKeys) {
+  Pool pool;
+  zrtest::LogCapture log("zrnet", vo::LogLevel_Warning);
+  EXPECT_EQ(describe(errorOf([&] {
+              ZRTransport t(options("X", "tcp://0.0.0.0:0"), noCalls(), pool.executor());
+            })),
+            "zrnet|listen|refusing to listen on tcp://0.0.0.0:0 beyond loopback without CURVE "
+            "keys or the insecure flag");
+  {
+    auto o = options("X", "tcp://0.0.0.0:0");
+    o.insecure = true;
+    o.advertise = "tcp://public.example:7000";
+    ZRTransport t(o, noCalls(), pool.executor());
+    EXPECT_EQ(t.endpoint(), "tcp://public.example:7000");
+    EXPECT_EQ(log.count("without encryption or authentication (insecure)"), 1);
+  }
+
+  const auto [serverPublic, serverSecret] = ZRTransport::generateKeyPair();
+  const auto [goodPublic, goodSecret] = ZRTransport::generateKeyPair();
+  const auto [badPublic, badSecret] = ZRTransport::generateKeyPair();
+  auto so = options("S");
+  so.curvePublicKey = serverPublic;
+  so.curveSecretKey = serverSecret;
+  so.allowedClientKeys = {goodPublic};
+  ZRTransport server(
+      so, [](const ZRIncomingCall& c) { return c.args.at(0); }, pool.executor());
+  auto client = [&](const std::string& publicKey, const std::string& secretKey) {
+    auto o = options("C", "");
+    o.curvePublicKey = publicKey;
+    o.curveSecretKey = secretKey;
+    auto t = std::make_unique<ZRTransport>(o, noCalls(), pool.executor());
+    if (!publicKey.empty()) t->setServerKey(server.endpoint(), serverPublic);
+    return t;
+  };
+  EXPECT_EQ(client(goodPublic, goodSecret)->call(server.endpoint(), "M", "echo", {ZRValue(3)}),
+            ZRValue(3));
+  auto bad = client(badPublic, badSecret);
+  EXPECT_EQ(describe(errorOf([&] { bad->call(server.endpoint(), "M", "echo", {ZRValue(3)}); })),
+            "M|echo|module destroyed");
+  EXPECT_GE(
+      log.count("refused a client from 127.0.0.1: key " + badPublic + " is not on the allow-list"),
+      1);
+  auto plain = client("", "");
+  EXPECT_EQ(describe(errorOf([&] { plain->call(server.endpoint(), "M", "echo", {ZRValue(3)}); })),
+            "M|echo|module destroyed");
+}
+
+// A host in another process, started for the test and killed with SIGKILL.
+struct ChildHost {
+  pid_t pid = -1;
+  int toChild = -1;
+  std::string endpoint;
+  ChildHost() {
+    int in[2], out[2];
+    if (pipe(in) || pipe(out)) throw std::runtime_error("pipe");
+    pid = fork();
+    if (pid == 0) {
+      dup2(in[0], 0);
+      dup2(out[1], 1);
+      close(in[1]);
+      close(out[0]);
+      execl(ZRNET_TEST_HOST, ZRNET_TEST_HOST, static_cast<char*>(nullptr));
+      _exit(127);
+    }
+    close(in[0]);
+    close(out[1]);
+    toChild = in[1];
+    FILE* f = fdopen(out[0], "r");
+    char line[256] = {};
+    if (!fgets(line, sizeof line, f)) throw std::runtime_error("the test host did not start");
+    fclose(f);
+    endpoint = line;
+    endpoint.pop_back();
+  }
+  void kill9() {
+    ::kill(pid, SIGKILL);
+    int status = 0;
+    waitpid(pid, &status, 0);
+    pid = -1;
+  }
+  ~ChildHost() {
+    close(toChild);  // the host ends when its input closes
+    if (pid > 0) waitpid(pid, nullptr, 0);
+  }
+};
+
+TEST(Transport, AHostKilledMidCallFailsTheCallAsModuleDestroyed) {
+  std::promise<std::string> lost;
+  std::once_flag once;  // the later call finds it dead a second time
+  Pool pool;
+  ChildHost host;
+  ZRTransport caller(options("A", ""), noCalls(), pool.executor());
+  caller.setPeerLostListener(
+      [&](const std::string& e) { std::call_once(once, [&] { lost.set_value(e); }); });
+  EXPECT_EQ(caller.call(host.endpoint, "M", "echo", {ZRValue(42)}), ZRValue(42));
+  auto pending = caller.callAsync(host.endpoint, "M", "block", {});
+  // Once it is in, the call has reached the host (echo after it on another module answers).
+  EXPECT_EQ(caller.call(host.endpoint, "N", "echo", {ZRValue(1)}), ZRValue(1));
+  host.kill9();
+  EXPECT_EQ(describe(errorOfFuture(pending)), "M|block|module destroyed");
+  auto lostEndpoint = lost.get_future();
+  EXPECT_EQ(ready(lostEndpoint), host.endpoint);
+  auto later = caller.callAsync(host.endpoint, "M", "echo", {ZRValue(1)});
+  EXPECT_EQ(describe(errorOfFuture(later)), "M|echo|module destroyed");
+}
+
+}  // namespace

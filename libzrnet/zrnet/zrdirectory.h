@@ -1,0 +1,111 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <zrnet/zrtransport.h>
+
+namespace ZR {
+
+/// Where a published module lives.
+struct ZRDirectoryEntry {
+  std::string name, host, endpoint;
+};
+
+/// The directory of one network of hosts: which module name lives on which host. A host that
+/// serves it routes the calls to module kModuleName of its transport to handle(); every host,
+/// this one included, talks to it through a ZRDirectoryClient.
+///
+/// A host's names live as long as its lease: each sync renews it, and a host silent for 3
+/// heartbeats loses all its names. Every change gets the next sequence number; a client that
+/// asks from a sequence the directory no longer has, or from another directory's life (its
+/// epoch), gets a full snapshot instead.
+///
+/// handle() may run on any number of threads at once; it never blocks beyond its own lock.
+class ZRDirectoryServer {
+ public:
+  static const char* const kModuleName;
+  explicit ZRDirectoryServer(std::chrono::milliseconds heartbeat = std::chrono::milliseconds(250));
+  /// Answers "publish", "unpublish" and "sync"; throws ZRError like any module.
+  ZRValue handle(const ZRIncomingCall& call);
+
+ private:
+  struct Holder {
+    std::string hostId, host, endpoint;
+  };
+  struct Change {
+    int seq;
+    bool added;
+    ZRDirectoryEntry entry;
+  };
+  void record(bool added, const std::string& name, const Holder& h);
+  void expireLeases();
+
+  const std::chrono::milliseconds heartbeat_;
+  const std::string epoch_;
+  std::mutex mutex_;
+  std::map<std::string, Holder> names_;
+  std::map<std::string, std::chrono::steady_clock::time_point> leases_;  // by host id
+  std::deque<Change> changes_;
+  int seq_ = 0;
+};
+
+/// A host's view of the directory: publishes this host's names, keeps a copy of everyone's,
+/// and tells a listener about every change. A background thread syncs with the directory every
+/// heartbeat (renewing this host's lease); when the directory comes back after a restart, it
+/// publishes this host's names again by itself.
+///
+/// All members may be called from any thread at once. publish() and unpublish() block for one
+/// call to the directory; the listener runs on the background thread, one change at a time.
+class ZRDirectoryClient {
+ public:
+  using Listener = std::function<void(const ZRDirectoryEntry& entry, bool added)>;
+  ZRDirectoryClient(ZRTransport& transport, std::string directoryEndpoint, std::string hostName,
+                    std::chrono::milliseconds heartbeat = std::chrono::milliseconds(250));
+  ~ZRDirectoryClient();
+  ZRDirectoryClient(const ZRDirectoryClient&) = delete;
+  ZRDirectoryClient& operator=(const ZRDirectoryClient&) = delete;
+
+  /// Throws ZRError when another host holds the name (naming that host) or when the directory
+  /// cannot be reached.
+  void publish(const std::string& name);
+  void unpublish(const std::string& name);
+  std::optional<ZRDirectoryEntry> find(const std::string& name) const;
+  std::vector<ZRDirectoryEntry> entries() const;
+  void setListener(Listener listener);
+  /// Stops syncing; this host's names then leave the directory with its lease.
+  void stop();
+
+ private:
+  void run();
+  void sync();
+  void apply(const ZRDirectoryEntry& entry, bool added);
+  ZRValue callDirectory(const std::string& method, std::vector<ZRValue> args);
+
+  ZRTransport& transport_;
+  const std::string directory_, host_, hostId_;
+  const std::chrono::milliseconds heartbeat_;
+  mutable std::mutex mutex_;
+  std::condition_variable wake_;
+  bool stopping_ = false;
+  std::map<std::string, ZRDirectoryEntry> entries_;
+  std::set<std::string> published_;
+  std::string epoch_;
+  int seq_ = 0;
+  bool reachable_ = true;
+  Listener listener_;
+  std::mutex listenerMutex_;
+  std::thread thread_;
+};
+
+}  // namespace ZR
