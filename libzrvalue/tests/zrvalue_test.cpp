@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <boost/thread/thread.hpp>
+
 #include <cstdint>
 #include <cstring>
 #include <initializer_list>
@@ -35,15 +37,17 @@ ZRValue arrayOf(std::initializer_list<ZRValue> elements) {
 
 TEST(ZRValue, TypeQueries) {
   const char bytes[3] = {1, 2, 3};
-  const std::vector<ZRValue> values = {ZRValue(),  ZRValue(true), ZRValue(7),          ZRValue(0.5f),
-                                       ZRValue("s"), ZRValue(bytes, 3), arrayOf({1, 2})};
+  const std::vector<ZRValue> values = {ZRValue(),      ZRValue(true), ZRValue(7),
+                                       ZRValue(0.5f),  ZRValue("s"),  ZRValue(bytes, 3),
+                                       arrayOf({1, 2})};
   for (int t = ZRValue::TypeInvalid; t <= ZRValue::TypeArray; ++t) {
     const ZRValue& v = values[static_cast<size_t>(t)];
     EXPECT_EQ(v.getType(), t);
     const bool is[] = {!v.isValid(), v.isBool(),   v.isInt(),  v.isFloat(),
                        v.isString(), v.isBinary(), v.isArray()};
     for (int q = ZRValue::TypeInvalid; q <= ZRValue::TypeArray; ++q)
-      EXPECT_EQ(is[q], q == t) << v.getTypeName() << " queried as " << ZRValue::typeName(ZRValue::Type(q));
+      EXPECT_EQ(is[q], q == t) << v.getTypeName() << " queried as "
+                               << ZRValue::typeName(ZRValue::Type(q));
   }
   EXPECT_TRUE(ZRValue(0.25).isFloat());
 }
@@ -158,6 +162,45 @@ TEST(ZRValue, ToStringIsReadable) {
   const std::vector<char> bytes(3200);
   EXPECT_EQ(ZRValue(bytes.data(), bytes.size()).toString(), "<binary 3200 bytes>");
   EXPECT_EQ(arrayOf({1, "a", arrayOf({false})}).toString(), "[1, \"a\", [false]]");
+}
+
+TEST(ZRValue, OwnElementsAndHostileDepthAreSafe) {
+  // Assigned from one of its own elements, copied or moved, at any depth: the element must be
+  // taken before the array holding it goes (AddressSanitizer shows a use after free otherwise).
+  ZRValue v = arrayOf({arrayOf({arrayOf({7, "x"}), 2}), 3});
+  v[0] = v[0][0];
+  EXPECT_EQ(v, arrayOf({arrayOf({7, "x"}), 3}));
+  v = v[0];
+  EXPECT_EQ(v, arrayOf({7, "x"}));
+  v = std::move(v[1]);
+  EXPECT_EQ(v, "x");
+  v = v;
+  EXPECT_EQ(v, "x");
+
+  // Arrays of arrays 100 000 deep, as a hostile message could carry: printing, copying,
+  // comparing and destroying must not run out of stack. On a thread with a 1 MiB stack, so that
+  // recursion shows in every build, not only where frames are large.
+  boost::thread::attributes small;
+  small.set_stack_size(1 << 20);
+  boost::thread deepWork(small, [] {
+    constexpr int kDepth = 100000;
+    ZRValue deep;
+    for (int i = 0; i < kDepth; ++i) {
+      ZRValue outer;
+      outer.arrayPush(std::move(deep));
+      deep = std::move(outer);
+    }
+    EXPECT_EQ(deep.toString(), std::string(kDepth, '[') + "<invalid>" + std::string(kDepth, ']'));
+    ZRValue copy = deep;
+    EXPECT_EQ(copy, deep);
+    ZRValue* innermost = &copy;
+    while (innermost->isArray()) innermost = &(*innermost)[0];
+    *innermost = 1;
+    EXPECT_NE(copy, deep);
+    copy = deep[0];
+    EXPECT_EQ(copy.toString().size(), 2 * (kDepth - 1) + 9u);
+  });
+  deepWork.join();
 }
 
 }  // namespace
