@@ -1,6 +1,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <mutex>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -18,6 +19,7 @@
 #include <zrcommon/zrmodule.h>
 #include <zrcommon/zrproxy.h>
 #include <zrcommon/zrsamples.h>
+#include <zrcommon/zrservicenames.h>
 #include <zrtest.h>
 
 using ::testing::ElementsAre;
@@ -333,22 +335,25 @@ class Adder : public ZR::ZRModule {
 
 TEST(ZRProxy, CallsRacingModuleRemovalEitherSucceedOrSayModuleDestroyed) {
   auto broker = ZR::ZRBroker::createBroker("race");
-  std::atomic<bool> torn{false}, stop{false};
+  std::atomic<bool> torn{false};
   auto adder = ZR::ZRModule::createModule<Adder>(broker, "Adder", &torn);
   boost::weak_ptr<Adder> watch = adder;
   auto shared = broker->getProxy("Adder");
-  std::atomic<long> successes{0};
   std::atomic<int> wrong{0}, otherErrors{0}, sawDestroyed{0};
+  zrtest::Signal running;
 
+  // Once removed, the module takes no new call, so every caller meets "module destroyed" soon;
+  // the bound only turns a module that stays reachable into a failure instead of a hang.
+  constexpr int kThreads = 8, kMaxCalls = 1000000;
   std::vector<std::thread> callers;
-  for (int t = 0; t < 8; ++t) {
+  for (int t = 0; t < kThreads; ++t) {
     // Half the threads share one proxy, half have their own.
     auto proxy = t % 2 ? shared : broker->getProxy("Adder");
     callers.emplace_back([&, proxy, t] {
-      for (int i = 0; !stop; ++i) {
+      for (int i = 0; i < kMaxCalls; ++i) {
+        if (i == 100) running.notify();
         try {
           if (proxy->call<int>("add", i, t) != i + t) ++wrong;
-          ++successes;
         } catch (const ZR::ZRError& e) {
           if (e.getDescription() != "module destroyed") ++otherErrors;
           ++sawDestroyed;
@@ -357,16 +362,12 @@ TEST(ZRProxy, CallsRacingModuleRemovalEitherSucceedOrSayModuleDestroyed) {
       }
     });
   }
-  while (successes < 2000) std::this_thread::yield();
+  ASSERT_TRUE(running.waitFor(kThreads));
   EXPECT_TRUE(broker->removeModule("Adder"));
   adder.reset();
-  // Overlapping calls keep pinning the module, so its end may wait for the callers to pause.
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
-  while (sawDestroyed < 8 && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  stop = true;
   for (auto& c : callers) c.join();
 
+  EXPECT_EQ(sawDestroyed, kThreads);
   EXPECT_EQ(wrong, 0);
   EXPECT_EQ(otherErrors, 0);
   EXPECT_FALSE(torn);
@@ -377,37 +378,47 @@ TEST(ZRProxy, CallsRacingModuleRemovalEitherSucceedOrSayModuleDestroyed) {
 }
 
 namespace {
+// Calls each module it uses from its destructor, as a sound extractor unsubscribes from the
+// audio device, and logs whether it reached it.
 class Tracer : public ZR::ZRModule {
  public:
   Tracer(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name,
-         std::vector<std::string>* log, std::string reach)
-      : ZRModule(broker, name), log_(log), reach_(std::move(reach)) {}
+         std::vector<std::string>* log, std::vector<std::string> uses)
+      : ZRModule(broker, name), log_(log), uses_(std::move(uses)) {}
   ~Tracer() override {
     log_->push_back(getName());
-    if (reach_.empty()) return;
-    try {
-      getParentBroker()->getProxy(reach_)->call<bool>("ping");
-      log_->push_back(getName() + " reached " + reach_);
-    } catch (const ZR::ZRError&) {
-      log_->push_back(getName() + " lost " + reach_);
+    for (const std::string& used : uses_) {
+      try {
+        getParentBroker()->getProxy(used)->call<bool>("ping");
+        log_->push_back(getName() + " reached " + used);
+      } catch (const ZR::ZRError&) {
+        log_->push_back(getName() + " lost " + used);
+      }
     }
   }
 
  private:
   std::vector<std::string>* log_;
-  std::string reach_;
+  std::vector<std::string> uses_;
 };
 }  // namespace
 
-TEST(ZRBroker, ShutdownDestroysModulesNewestFirst) {
+TEST(ZRBroker, ShutdownDestroysModulesBeforeTheServicesTheyUse) {
+  const std::string device = ZR::kAudioDeviceServiceName, memory = ZR::kMemoryServiceName;
   std::vector<std::string> log;
   auto broker = ZR::ZRBroker::createBroker("shutdown");
-  ZR::ZRModule::createModule<Tracer>(broker, "A", &log, "");
-  ZR::ZRModule::createModule<Tracer>(broker, "B", &log, "A");
-  ZR::ZRModule::createModule<Tracer>(broker, "C", &log, "B");
-  EXPECT_THAT(broker->getModuleNames(), ElementsAre("A", "B", "C"));
+  // The worst order of creation: each service after the modules that use it.
+  ZR::ZRModule::createModule<Tracer>(broker, "A", &log, std::vector<std::string>{});
+  ZR::ZRModule::createModule<Tracer>(broker, "Extractor", &log,
+                                     std::vector<std::string>{device, memory});
+  ZR::ZRModule::createModule<Tracer>(broker, device, &log, std::vector<std::string>{memory});
+  ZR::ZRModule::createModule<Tracer>(broker, "C", &log, std::vector<std::string>{"A"});
+  ZR::ZRModule::createModule<Tracer>(broker, memory, &log, std::vector<std::string>{});
+  EXPECT_THAT(broker->getModuleNames(), ElementsAre("A", "Extractor", device, "C", memory));
   broker->shutdown();
-  EXPECT_THAT(log, ElementsAre("C", "C reached B", "B", "B reached A", "A"));
+  EXPECT_THAT(log, ElementsAre("C", "C reached A", "Extractor", "Extractor reached " + device,
+                               "Extractor reached " + memory, "A", device,
+                               device + " reached " + memory, memory));
   EXPECT_TRUE(broker->isShutdown());
   EXPECT_TRUE(broker->getModuleNames().empty());
   broker->shutdown();  // idempotent
@@ -417,10 +428,63 @@ TEST(ZRBroker, ShutdownDestroysModulesNewestFirst) {
   // Dropping the broker without shutting it down destroys them in the same order.
   log.clear();
   broker = ZR::ZRBroker::createBroker("dropped");
-  ZR::ZRModule::createModule<Tracer>(broker, "X", &log, "");
-  ZR::ZRModule::createModule<Tracer>(broker, "Y", &log, "");
+  ZR::ZRModule::createModule<Tracer>(broker, memory, &log, std::vector<std::string>{});
+  ZR::ZRModule::createModule<Tracer>(broker, "X", &log, std::vector<std::string>{});
+  ZR::ZRModule::createModule<Tracer>(broker, "Y", &log, std::vector<std::string>{});
   broker.reset();
-  EXPECT_THAT(log, ElementsAre("Y", "X"));
+  EXPECT_THAT(log, ElementsAre("Y", "X", memory));
+}
+
+namespace {
+// Each call of "hold" waits until the test opens the gate.
+class Gatekeeper : public ZR::ZRModule {
+ public:
+  Gatekeeper(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name,
+             zrtest::Signal* entered, zrtest::Signal* gate, std::function<void(std::string)> note)
+      : ZRModule(broker, name), entered_(entered), gate_(gate), note_(std::move(note)) {
+    functionName("hold", "Gatekeeper", "Returns once the gate opens.", 0);
+    bindMethod(&Gatekeeper::hold);
+  }
+  ~Gatekeeper() override { note_("destroyed"); }
+  bool hold() {
+    entered_->notify();
+    gate_->waitFor();
+    note_("call returns");
+    return true;
+  }
+
+ private:
+  zrtest::Signal *entered_, *gate_;
+  std::function<void(std::string)> note_;
+};
+}  // namespace
+
+TEST(ZRBroker, ShutdownWaitsForProxyCallsInFlight) {
+  std::mutex mutex;
+  std::vector<std::string> order;
+  auto note = [&](std::string what) {
+    std::lock_guard<std::mutex> lock(mutex);
+    order.push_back(std::move(what));
+  };
+  zrtest::Signal entered, gate;
+  auto broker = ZR::ZRBroker::createBroker("inflight");
+  ZR::ZRModule::createModule<Gatekeeper>(broker, "Gatekeeper", &entered, &gate, note);
+  auto proxy = broker->getProxy("Gatekeeper");
+  std::thread caller([&] { EXPECT_TRUE(proxy->call<bool>("hold")); });
+  ASSERT_TRUE(entered.waitFor());
+
+  LogCapture capture("zrcommon.ZRBroker");
+  std::thread stopper([&] {
+    broker->shutdown();
+    note("shutdown returns");
+  });
+  ASSERT_TRUE(capture.waitFor("waiting for 1 call(s) in flight on \"Gatekeeper\""));
+  // Meanwhile new calls are refused, and the one in flight goes on.
+  EXPECT_EQ(errorOf([&] { proxy->call<bool>("ping"); }).getDescription(), "module destroyed");
+  gate.notify();
+  caller.join();
+  stopper.join();
+  EXPECT_THAT(order, ElementsAre("call returns", "destroyed", "shutdown returns"));
 }
 
 TEST(ZRBroker, NamesAreUniqueAndLookupsFailClearly) {
@@ -509,9 +573,9 @@ TEST(ZRSamples, CountsAreCheckedAgainstTheBinaryTheCallCarried) {
     int channels, samples;
     const ZR::ZRValue& buffer;
     bool fits;
-  } cases[] = {{2, 4, buffer, true},   {1, 8, buffer, true},  {2, 5, buffer, false},
-               {4, 4, buffer, false},  {0, 4, buffer, false}, {2, -4, buffer, false},
-               {65536, 65536, buffer, false}, {1, 1, text, false}, {1, 1, ZR::ZRValue(), false}};
+  } cases[] = {{2, 4, buffer, true},          {1, 8, buffer, true},  {2, 5, buffer, false},
+               {4, 4, buffer, false},         {0, 4, buffer, false}, {2, -4, buffer, false},
+               {65536, 65536, buffer, false}, {1, 1, text, false},   {1, 1, ZR::ZRValue(), false}};
   for (const auto& c : cases) {
     EXPECT_EQ(reader->call<bool>("fits", c.channels, c.samples, c.buffer), c.fits)
         << c.channels << " x " << c.samples << " over " << c.buffer.toString();

@@ -24,7 +24,8 @@ class ZRModule : public ZRModuleCore {
   static boost::shared_ptr<T> createModule(boost::shared_ptr<ZRBroker> broker,
                                            const std::string& name, Extra&&... extra) {
     if (!broker) throw ZRError(name, "createModule", "no broker to host the module");
-    boost::shared_ptr<T> module = boost::make_shared<T>(broker, name, std::forward<Extra>(extra)...);
+    boost::shared_ptr<T> module =
+        boost::make_shared<T>(broker, name, std::forward<Extra>(extra)...);
     broker->registerModule(module);
     return module;
   }

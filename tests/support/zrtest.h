@@ -1,16 +1,16 @@
 #pragma once
 
-// Helpers shared by the test programs: catching a ZRError, waiting on other threads, capturing
-// log records.
+// What the test programs share: catching a ZRError, waiting for other threads without sleeping,
+// capturing log records. Tests wait on these, never on a fixed sleep, and assert no durations:
+// kWaitLimit only turns a hang into a failure.
 
 #include <chrono>
-#include <cstdint>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <tuple>
-#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -19,6 +19,9 @@
 #include <zrerror/zrerror.h>
 
 namespace zrtest {
+
+/// How long a test waits for something that must happen before it calls it a hang.
+inline constexpr std::chrono::seconds kWaitLimit{20};
 
 // The ZRError `f` throws; a test failure when it throws none.
 template <class F>
@@ -32,16 +35,32 @@ ZR::ZRError errorOf(F&& f) {
   return ZR::ZRError();
 }
 
-// Polls until `condition` holds; false when `timeout` passes first.
+// Until `condition` holds, yielding in between; false when kWaitLimit passes first. For state
+// that nobody signals; where the code under test can be told to signal, prefer Signal.
 template <class F>
-bool eventually(F&& condition, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
+bool eventually(F&& condition, std::chrono::milliseconds limit = kWaitLimit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
   while (!condition()) {
     if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::this_thread::yield();
   }
   return true;
 }
+
+/// A count that any thread raises and a test waits on: a latch that counts up, also a gate
+/// (one thread waits for 1, another notifies).
+class Signal {
+ public:
+  void notify(int n = 1);
+  /// Until the count reaches `count`; false when kWaitLimit passes first.
+  bool waitFor(int count = 1) const;
+  int count() const;
+
+ private:
+  mutable std::mutex mutex_;
+  mutable std::condition_variable changed_;
+  int count_ = 0;
+};
 
 // Level, function and message of a record.
 using Line = std::tuple<int, std::string, std::string>;
@@ -51,51 +70,25 @@ using Lines = std::vector<Line>;
 // from any thread, while it lives.
 class LogCapture {
  public:
-  explicit LogCapture(std::string category = "", vo::LogLevel level = vo::LogLevel_Debug)
-      : name_("zrtest-capture-" + std::to_string(reinterpret_cast<std::uintptr_t>(this))) {
-    vo::log::addHandler(
-        name_,
-        [state = state_, category = std::move(category)](const vo::log::Record& r) {
-          if (!category.empty() && r.category != category) return;
-          std::lock_guard<std::mutex> lock(state->mutex);
-          state->records.push_back(r);
-        },
-        level);
-  }
-  ~LogCapture() { vo::log::removeHandler(name_); }
+  explicit LogCapture(std::string category = "", vo::LogLevel level = vo::LogLevel_Debug);
+  ~LogCapture();
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
 
-  std::vector<vo::log::Record> records() const {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    return state_->records;
-  }
+  std::vector<vo::log::Record> records() const;
   // The records so far; the capture starts empty again.
-  std::vector<vo::log::Record> take() {
-    std::lock_guard<std::mutex> lock(state_->mutex);
-    return std::exchange(state_->records, {});
-  }
+  std::vector<vo::log::Record> take();
   // take() for records logged without a source location, which it checks.
-  Lines takeLines() {
-    Lines lines;
-    for (const auto& r : take()) {
-      EXPECT_EQ(r.file + std::to_string(r.line), "0") << r.message;
-      lines.emplace_back(r.level, r.function, r.message);
-    }
-    return lines;
-  }
+  Lines takeLines();
   // How many records so far have `part` in their message.
-  int count(const std::string& part) const {
-    int n = 0;
-    for (const auto& r : records()) n += r.message.find(part) != std::string::npos;
-    return n;
-  }
+  int count(const std::string& part) const;
+  // Until `n` records have `part` in their message; false when kWaitLimit passes first.
+  bool waitFor(const std::string& part, int n = 1) const;
 
  private:
-  struct State {
-    std::mutex mutex;
-    std::vector<vo::log::Record> records;
-  };
+  struct State;
   // Shared with the handler: an emitter's snapshot of the handlers may outlive the removal.
-  std::shared_ptr<State> state_ = std::make_shared<State>();
+  std::shared_ptr<State> state_;
   std::string name_;
 };
 
