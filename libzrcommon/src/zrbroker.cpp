@@ -194,11 +194,10 @@ void ZRBroker::shutdown() {
     // goes when that call ends: wait for it, so that its destructor still finds the modules it
     // uses. Not from inside a proxy call, which could be one of those it would wait for.
     if (detail::proxyCallsOnThisThread() == 0) {
-      if (const int inFlight = liveness->callsInFlight(); inFlight > 0) {
+      liveness->waitIdle([&](int inFlight) {
         vo::log::LogStream(vo::LogLevel_Verbose, "", "shutdown", kCategory, 0)
             << "waiting for " << inFlight << " call(s) in flight on \"" << name << "\"";
-      }
-      liveness->waitIdle();
+      });
     }
   }
   std::shared_ptr<PoolHolder> pool;

@@ -6,11 +6,13 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -20,7 +22,6 @@
 
 namespace zrtest {
 
-/// How long a test waits for something that must happen before it calls it a hang.
 inline constexpr std::chrono::seconds kWaitLimit{20};
 
 // The ZRError `f` throws; a test failure when it throws none.
@@ -35,8 +36,8 @@ ZR::ZRError errorOf(F&& f) {
   return ZR::ZRError();
 }
 
-// Until `condition` holds, yielding in between; false when kWaitLimit passes first. For state
-// that nobody signals; where the code under test can be told to signal, prefer Signal.
+// Until `condition` holds, yielding in between; false after `limit`. For state nobody signals;
+// where the code under test can signal, wait on a Signal or a LogCapture instead.
 template <class F>
 bool eventually(F&& condition, std::chrono::milliseconds limit = kWaitLimit) {
   const auto deadline = std::chrono::steady_clock::now() + limit;
@@ -47,14 +48,21 @@ bool eventually(F&& condition, std::chrono::milliseconds limit = kWaitLimit) {
   return true;
 }
 
-/// A count that any thread raises and a test waits on: a latch that counts up, also a gate
-/// (one thread waits for 1, another notifies).
+// A count that any thread raises and a test waits on: a latch counting up, or a gate.
 class Signal {
  public:
-  void notify(int n = 1);
-  /// Until the count reaches `count`; false when kWaitLimit passes first.
-  bool waitFor(int count = 1) const;
-  int count() const;
+  void notify(int n = 1) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      count_ += n;
+    }
+    changed_.notify_all();
+  }
+  // Until the count reaches `count`; false after kWaitLimit.
+  bool waitFor(int count = 1) const {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, kWaitLimit, [&] { return count_ >= count; });
+  }
 
  private:
   mutable std::mutex mutex_;
@@ -70,25 +78,66 @@ using Lines = std::vector<Line>;
 // from any thread, while it lives.
 class LogCapture {
  public:
-  explicit LogCapture(std::string category = "", vo::LogLevel level = vo::LogLevel_Debug);
-  ~LogCapture();
+  explicit LogCapture(std::string category = "", vo::LogLevel level = vo::LogLevel_Debug)
+      : name_("zrtest-capture-" + std::to_string(reinterpret_cast<std::uintptr_t>(this))) {
+    vo::log::addHandler(
+        name_,
+        [state = state_, category = std::move(category)](const vo::log::Record& r) {
+          if (!category.empty() && r.category != category) return;
+          {
+            std::lock_guard<std::mutex> lock(state->mutex);
+            state->records.push_back(r);
+          }
+          state->added.notify_all();
+        },
+        level);
+  }
+  ~LogCapture() { vo::log::removeHandler(name_); }
   LogCapture(const LogCapture&) = delete;
   LogCapture& operator=(const LogCapture&) = delete;
 
-  std::vector<vo::log::Record> records() const;
+  std::vector<vo::log::Record> records() const {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    return state_->records;
+  }
   // The records so far; the capture starts empty again.
-  std::vector<vo::log::Record> take();
+  std::vector<vo::log::Record> take() {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    return std::exchange(state_->records, {});
+  }
   // take() for records logged without a source location, which it checks.
-  Lines takeLines();
+  Lines takeLines() {
+    Lines lines;
+    for (const auto& r : take()) {
+      EXPECT_EQ(r.file + std::to_string(r.line), "0") << r.message;
+      lines.emplace_back(r.level, r.function, r.message);
+    }
+    return lines;
+  }
   // How many records so far have `part` in their message.
-  int count(const std::string& part) const;
-  // Until `n` records have `part` in their message; false when kWaitLimit passes first.
-  bool waitFor(const std::string& part, int n = 1) const;
+  int count(const std::string& part) const {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    return state_->count(part);
+  }
+  // Until `n` records have `part` in their message; false after kWaitLimit.
+  bool waitFor(const std::string& part, int n = 1) const {
+    std::unique_lock<std::mutex> lock(state_->mutex);
+    return state_->added.wait_for(lock, kWaitLimit, [&] { return state_->count(part) >= n; });
+  }
 
  private:
-  struct State;
+  struct State {
+    int count(const std::string& part) const {
+      int n = 0;
+      for (const auto& r : records) n += r.message.find(part) != std::string::npos;
+      return n;
+    }
+    std::mutex mutex;
+    std::condition_variable added;
+    std::vector<vo::log::Record> records;
+  };
   // Shared with the handler: an emitter's snapshot of the handlers may outlive the removal.
-  std::shared_ptr<State> state_;
+  std::shared_ptr<State> state_ = std::make_shared<State>();
   std::string name_;
 };
 

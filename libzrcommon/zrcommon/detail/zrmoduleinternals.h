@@ -45,9 +45,14 @@ class ZRModuleLiveness {
   bool isRetired() const { return retired_.load(); }
   void retire() { retired_.store(true); }
   int callsInFlight() const { return calls_.load(); }
-  /// Blocks until no proxy call runs on the module any more; call after retire(). No time
+  /// Blocks until no proxy call runs on the module any more; call after retire(). When there is
+  /// a call to wait for, `beforeBlocking` learns how many, outside the lock (it may log). No time
   /// limit: a call in flight runs as long as its method does.
-  void waitIdle() {
+  template <class F>
+  void waitIdle(F&& beforeBlocking) {
+    const int inFlight = calls_.load();
+    if (inFlight == 0) return;
+    beforeBlocking(inFlight);
     std::unique_lock<std::mutex> lock(mutex_);
     idle_.wait(lock, [this] { return calls_.load() == 0; });
   }
