@@ -31,7 +31,9 @@ function(zr_warnings target)
 endfunction()
 
 # zr_add_library(name SOURCES ... [PUBLIC_DEPS ...] [PRIVATE_DEPS ...])
-# Public headers live in <folder>/<name>/ and install to include/<name>/.
+# Public headers live in <folder>/<name>/ and install to include/<name>/. Platform internals that
+# other targets of this repository may include live in <folder>/<name>/detail/ (namespace
+# ZR::detail) and are not installed: no installed header may include them.
 function(zr_add_library name)
   cmake_parse_arguments(A "" "" "SOURCES;PUBLIC_DEPS;PRIVATE_DEPS" ${ARGN})
   add_library(${name} ${A_SOURCES})
@@ -47,21 +49,21 @@ function(zr_add_library name)
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
     RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-  install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/${name}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${name})
+  install(DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR}/${name}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${name}
+    PATTERN detail EXCLUDE)
   set(ZR_PKGCONFIG_LIBS "-l${name} ${ZR_PKGCONFIG_LIBS}" CACHE INTERNAL "")
 endfunction()
 
 # zr_add_test(name SOURCES ... DEPS ... [LABELS ...])
-# One GoogleTest program; its cases are registered with ctest one by one. Helpers shared by the
-# test programs are in tests/support.
+# One GoogleTest program; its cases are registered with ctest one by one. It links zrtest, the
+# helpers and test doubles shared by the test programs (tests/support, #include <zrtest.h>).
 function(zr_add_test name)
   if(NOT ZR_BUILD_TESTS)
     return()
   endif()
   cmake_parse_arguments(A "" "" "SOURCES;DEPS;LABELS" ${ARGN})
   add_executable(${name} ${A_SOURCES})
-  target_link_libraries(${name} PRIVATE ${A_DEPS} GTest::gtest GTest::gtest_main GTest::gmock Threads::Threads)
-  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests/support)
+  target_link_libraries(${name} PRIVATE ${A_DEPS} zrtest GTest::gtest GTest::gtest_main GTest::gmock Threads::Threads)
   zr_warnings(${name})
   if(A_LABELS)
     gtest_discover_tests(${name} PROPERTIES LABELS "${A_LABELS}" DISCOVERY_TIMEOUT 60)

@@ -1,6 +1,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -21,6 +22,8 @@ using ::testing::HasSubstr;
 using zrtest::errorOf;
 
 namespace {
+
+const int kWaitMs = static_cast<int>(std::chrono::milliseconds(zrtest::kWaitLimit).count());
 
 // Counts live copies, so that a storage cloned or freed the wrong number of times shows.
 struct Counted {
@@ -56,28 +59,18 @@ ZR::ZRValue callWith(const vo::AnyFunction& f, std::vector<ZR::ZRValue> args) {
 
 }  // namespace
 
-TEST(AnyFunction, StorageIsClonedAndReleasedExactlyOnceAndEmptyHoldsNothing) {
+TEST(AnyFunction, StorageIsClonedAndReleasedOnceAndMembersReachTheMostDerivedOverride) {
   ASSERT_EQ(Counted::live, 0);
   {
     vo::AnyFunction a = vo::makeAnyFunction(std::function<int(int)>(Counted()));
-    EXPECT_EQ(Counted::live, 1);
-    EXPECT_EQ(a.parametersSignature(), "i");
-    EXPECT_EQ(a.resultSignature(), vo::sig::Int);
-    EXPECT_EQ(callWith(a, {ZR::ZRValue(5)}).toInt(), 15);
-
+    EXPECT_EQ(a.parametersSignature() + a.resultSignature(), "ii");
     vo::AnyFunction copy(a);
-    EXPECT_EQ(Counted::live, 2);
     EXPECT_EQ(callWith(copy, {ZR::ZRValue(2)}).toInt(), 6);
-
     vo::AnyFunction moved(std::move(copy));
-    EXPECT_EQ(Counted::live, 2);
     EXPECT_FALSE(copy.isValid());  // NOLINT(bugprone-use-after-move): moved-from holds nothing
-
     vo::AnyFunction assigned;
     assigned = a;
-    EXPECT_EQ(Counted::live, 3);
     assigned = moved;  // the previous storage goes, a clone comes
-    EXPECT_EQ(Counted::live, 3);
     assigned = assigned;
     EXPECT_EQ(Counted::live, 3);
     EXPECT_EQ(callWith(assigned, {ZR::ZRValue(1)}).toInt(), 3);
@@ -85,38 +78,23 @@ TEST(AnyFunction, StorageIsClonedAndReleasedExactlyOnceAndEmptyHoldsNothing) {
     EXPECT_EQ(Counted::live, 2);
   }
   EXPECT_EQ(Counted::live, 0);
-
   vo::AnyFunction empty;
-  EXPECT_FALSE(empty.isValid());
-  EXPECT_EQ(empty.parametersSignature(), "");
-  EXPECT_EQ(empty.resultSignature(), vo::sig::Void);
+  EXPECT_EQ(empty.parametersSignature() + empty.resultSignature(), "v");
   EXPECT_FALSE(vo::AnyFunction(empty).isValid());
   EXPECT_THROW(empty.call(nullptr, 0), ZR::ZRError);
-}
 
-TEST(AnyFunction, BoundMembersReachTheMostDerivedOverride) {
   vo::AnyFunction bare = vo::detail::makeAnyFunctionBare(&Animal::speak);
-  EXPECT_EQ(bare.parametersSignature(), "oi");
-  EXPECT_EQ(bare.resultSignature(), vo::sig::String);
-  // A member function without its object cannot run.
-  EXPECT_THROW(callWith(bare, {ZR::ZRValue(1)}), ZR::ZRError);
-
-  Dog dog;
-  vo::AnyFunction bound = bare;
-  bound.prependArgument(vo::detail::objectFor(&dog, &Animal::speak)).dropFirstArgument();
-  EXPECT_EQ(bound.parametersSignature(), "i");
-  EXPECT_EQ(bare.parametersSignature(), "oi");
-  EXPECT_EQ(callWith(bound, {ZR::ZRValue(3)}).toStringRef(), "www");
-  EXPECT_THROW(callWith(bound, {}), ZR::ZRError);
-  EXPECT_THROW(callWith(bound, {ZR::ZRValue(1), ZR::ZRValue(2)}), ZR::ZRError);
-
-  Bird bird;
-  vo::AnyFunction speak = vo::detail::makeAnyFunctionBare(&Animal::speak);
+  EXPECT_EQ(bare.parametersSignature() + bare.resultSignature(), "ois");
+  EXPECT_THROW(callWith(bare, {ZR::ZRValue(1)}), ZR::ZRError);  // no object to run on
+  Bird bird;  // Animal is not its first base: the object pointer must be adjusted
+  vo::AnyFunction speak = bare;
   speak.prependArgument(vo::detail::objectFor(&bird, &Animal::speak)).dropFirstArgument();
+  EXPECT_EQ(speak.parametersSignature() + bare.parametersSignature(), "ioi");
   EXPECT_EQ(callWith(speak, {ZR::ZRValue(2)}).toStringRef(), "ww");
+  EXPECT_THROW(callWith(speak, {}), ZR::ZRError);
+  EXPECT_THROW(callWith(speak, {ZR::ZRValue(1), ZR::ZRValue(2)}), ZR::ZRError);
   vo::AnyFunction legs = vo::detail::makeAnyFunctionBare(&Animal::legs);
   legs.prependArgument(vo::detail::objectFor(&bird, &Animal::legs)).dropFirstArgument();
-  EXPECT_EQ(legs.parametersSignature(), "");
   EXPECT_EQ(callWith(legs, {}).toInt(), 2);
 }
 
@@ -158,7 +136,7 @@ class Host : public vo::DynamicObject {
 
 }  // namespace
 
-TEST(DynamicObject, OverloadsAreChosenByTheirArguments) {
+TEST(DynamicObject, OverloadsAreChosenByTheirArgumentsAndMisfitsNameThemAll) {
   Host h;
   EXPECT_EQ(h.call("pick", {ZR::ZRValue(1)}).toStringRef(), "int");
   EXPECT_EQ(h.call("pick", {ZR::ZRValue(1.5f)}).toStringRef(), "float");
@@ -168,51 +146,43 @@ TEST(DynamicObject, OverloadsAreChosenByTheirArguments) {
   ZR::ZRValue half = h.call("half", {ZR::ZRValue(3)});
   EXPECT_TRUE(half.isFloat());
   EXPECT_FLOAT_EQ(half.toFloat(), 1.5f);
-  EXPECT_FLOAT_EQ(h.call("half", {ZR::ZRValue(5.0f)}).toFloat(), 2.5f);
   // A ZRValue parameter takes anything, as it is.
   EXPECT_EQ(h.call("kind", {ZR::ZRValue(true)}).toStringRef(), ZR::ZRValue(true).getTypeName());
   EXPECT_EQ(h.call("kind", {ZR::ZRValue()}).toStringRef(), ZR::ZRValue().getTypeName());
   EXPECT_TRUE(h.hasMethod("half"));
   EXPECT_FALSE(h.hasMethod("halve"));
-
   std::vector<std::string> names;
   for (const vo::MetaMethod& m : h.metaMethods()) names.push_back(m.readableSignature());
   EXPECT_THAT(names,
               ElementsAre("pick(float) -> string", "pick(int) -> string", "pick(string) -> string",
                           "pick(int, int) -> string", "half(float) -> float",
                           "kind(ZRValue) -> string", "fail() -> void"));
-}
 
-TEST(DynamicObject, CallsThatFitNothingNameTheMethodAndItsSignatures) {
-  Host h;
+  // Too few, too many, a bool for an int, wrong kinds, nothing at all.
   const std::vector<std::vector<ZR::ZRValue>> misfits = {
-      {},                                                // too few
-      {ZR::ZRValue(1), ZR::ZRValue(2), ZR::ZRValue(3)},  // too many
-      {ZR::ZRValue(true)},                               // a bool is not an int
-      {ZR::ZRValue("a"), ZR::ZRValue(2)},                // wrong kinds
-      {ZR::ZRValue()},                                   // nothing at all
+      {},
+      {ZR::ZRValue(1), ZR::ZRValue(2), ZR::ZRValue(3)},
+      {ZR::ZRValue(true)},
+      {ZR::ZRValue("a"), ZR::ZRValue(2)},
+      {ZR::ZRValue()},
   };
   for (const auto& args : misfits) {
     ZR::ZRError e = errorOf([&] { h.call("pick", args); });
-    EXPECT_EQ(e.getModuleName(), "Host");
-    EXPECT_EQ(e.getMethodName(), "pick");
+    EXPECT_EQ(e.getModuleName() + "/" + e.getMethodName(), "Host/pick");
     for (const char* s : {"pick(float)", "pick(int)", "pick(string)", "pick(int, int)"})
       EXPECT_THAT(e.getDescription(), HasSubstr(s)) << args.size() << " arguments";
   }
   EXPECT_THAT(errorOf([&] { h.call("half", {ZR::ZRValue("x")}); }).getDescription(),
               HasSubstr("half(float)"));
-
   ZR::ZRError unknown = errorOf([&] { h.call("halve", {ZR::ZRValue(1)}); });
   EXPECT_EQ(unknown.getMethodName(), "halve");
   EXPECT_THAT(unknown.getDescription(), HasSubstr("halve"));
-
   // What the method itself throws passes through untouched.
   ZR::ZRError thrown = errorOf([&] { h.call("fail", {}); });
-  EXPECT_EQ(thrown.getModuleName(), "Elsewhere");
-  EXPECT_EQ(thrown.getDescription(), "it broke");
+  EXPECT_EQ(thrown.getModuleName() + thrown.getDescription(), "Elsewhereit broke");
 }
 
-TEST(Session, RegistersAndForgetsServicesByName) {
+TEST(Session, RegistersForgetsAndTellsOfRemovals) {
   vo::Session s;
   auto a = boost::make_shared<vo::DynamicObject>();
   auto b = boost::make_shared<vo::DynamicObject>();
@@ -224,103 +194,63 @@ TEST(Session, RegistersAndForgetsServicesByName) {
   EXPECT_EQ(s.service("a"), a);
   EXPECT_EQ(s.service("z"), nullptr);
 
-  // A taken name is refused and keeps its service.
+  std::vector<std::string> heard;
+  bool stillListed = true;
+  s.connectServiceRemoved([](const std::string&) { throw std::runtime_error("careless"); });
+  const unsigned long id = s.connectServiceRemoved([&](const std::string& name) {
+    stillListed = s.hasService(name);  // outside the session's lock: the session may be used
+    heard.push_back(name);
+  });
+
+  // A taken name is refused and keeps its service; only the object a name designates can take
+  // it away.
   auto intruder = boost::make_shared<vo::DynamicObject>();
   EXPECT_THROW(s.registerService("a", intruder), ZR::ZRError);
-  EXPECT_EQ(s.service("a"), a);
-
-  // Only the object a name designates can take it away.
   EXPECT_FALSE(s.unregisterService("a", intruder.get()));
-  EXPECT_TRUE(s.hasService("a"));
+  EXPECT_EQ(s.service("a"), a);
   EXPECT_TRUE(s.unregisterService("a", a.get()));
   EXPECT_FALSE(s.unregisterService("a"));
-  EXPECT_THAT(s.services(), ElementsAre("c", "b"));
+  EXPECT_THAT(heard, ElementsAre("a"));
+  EXPECT_FALSE(stillListed);
   s.registerService("a", intruder);
   EXPECT_THAT(s.services(), ElementsAre("c", "b", "a"));
 
   // A service that went away is not found, and its name is free again.
   c.reset();
-  EXPECT_EQ(s.service("c"), nullptr);
   EXPECT_FALSE(s.hasService("c"));
   EXPECT_THAT(s.services(), ElementsAre("b", "a"));
   auto c2 = boost::make_shared<vo::DynamicObject>();
   EXPECT_NO_THROW(s.registerService("c", c2));
-  EXPECT_EQ(s.service("c"), c2);
-}
-
-TEST(Session, WaitForServiceCompletesWhenItIsRegistered) {
-  vo::Session s;
-  auto early = boost::make_shared<vo::DynamicObject>();
-  auto late = boost::make_shared<vo::DynamicObject>();
-  s.registerService("early", early);
-  vo::Future<void> ready = s.waitForService("early").async();
-  EXPECT_TRUE(ready.hasValue());
-
-  vo::Future<void> first = s.waitForService("late").async();
-  vo::Future<void> second = s.waitForService("late").async();
-  EXPECT_TRUE(first.isRunning());
-  std::thread registrar([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    s.registerService("late", late);
-  });
-  EXPECT_EQ(first.wait(5000), vo::FutureState::FinishedWithValue);
-  EXPECT_EQ(second.wait(5000), vo::FutureState::FinishedWithValue);
-  registrar.join();
-  EXPECT_EQ(s.service("late"), late);
-
-  // Dropping the wait at once blocks until the service is there.
-  auto third = boost::make_shared<vo::DynamicObject>();
-  std::thread other([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    s.registerService("third", third);
-  });
-  s.waitForService("third");
-  EXPECT_TRUE(s.hasService("third"));
-  other.join();
-}
-
-TEST(Session, CloseFailsPendingWaitsAndRefusesRegistrations) {
-  vo::Session s;
-  auto here = boost::make_shared<vo::DynamicObject>();
-  s.registerService("here", here);
-  vo::Future<void> pending = s.waitForService("never").async();
-  s.close();
-  EXPECT_TRUE(s.isClosed());
-  ASSERT_EQ(pending.wait(5000), vo::FutureState::FinishedWithError);
-  EXPECT_THAT(pending.error(), HasSubstr("never"));
-  EXPECT_THROW(pending.value(), ZR::ZRError);
-
-  EXPECT_TRUE(s.waitForService("gone").async().hasError());
-  EXPECT_TRUE(s.waitForService("here").async().hasValue());
-  auto more = boost::make_shared<vo::DynamicObject>();
-  EXPECT_THROW(s.registerService("more", more), ZR::ZRError);
-  // A closed session still answers lookups.
-  EXPECT_EQ(s.service("here"), here);
-}
-
-TEST(Session, RemovalListenersLearnOfEveryUnregistration) {
-  vo::Session s;
-  auto a = boost::make_shared<vo::DynamicObject>();
-  auto b = boost::make_shared<vo::DynamicObject>();
-  s.registerService("a", a);
-  s.registerService("b", b);
-
-  std::vector<std::string> heard;
-  bool stillListed = true;
-  s.connectServiceRemoved([](const std::string&) { throw std::runtime_error("careless"); });
-  const unsigned long id = s.connectServiceRemoved([&](const std::string& name) {
-    // Called outside the session's lock: the session may be used from here.
-    stillListed = s.hasService(name);
-    heard.push_back(name);
-  });
-
-  EXPECT_TRUE(s.unregisterService("a"));
-  EXPECT_FALSE(s.unregisterService("a"));
-  EXPECT_FALSE(s.unregisterService("b", a.get()));
-  EXPECT_THAT(heard, ElementsAre("a"));
-  EXPECT_FALSE(stillListed);
 
   s.disconnectServiceRemoved(id);
   EXPECT_TRUE(s.unregisterService("b"));
   EXPECT_THAT(heard, ElementsAre("a"));
+}
+
+TEST(Session, WaitsCompleteOnRegistrationAndFailOnClose) {
+  vo::Session s;
+  auto early = boost::make_shared<vo::DynamicObject>();
+  auto late = boost::make_shared<vo::DynamicObject>();
+  s.registerService("early", early);
+  EXPECT_TRUE(s.waitForService("early").async().hasValue());
+
+  vo::Future<void> first = s.waitForService("late").async();
+  vo::Future<void> second = s.waitForService("late").async();
+  vo::Future<void> never = s.waitForService("never").async();
+  EXPECT_TRUE(first.isRunning());
+  std::thread registrar([&] { s.registerService("late", late); });
+  EXPECT_EQ(first.wait(kWaitMs), vo::FutureState::FinishedWithValue);
+  EXPECT_EQ(second.wait(kWaitMs), vo::FutureState::FinishedWithValue);
+  registrar.join();
+  EXPECT_TRUE(never.isRunning());
+
+  s.close();
+  EXPECT_TRUE(s.isClosed());
+  ASSERT_TRUE(never.hasError());
+  EXPECT_THAT(never.error(), HasSubstr("never"));
+  EXPECT_TRUE(s.waitForService("gone").async().hasError());
+  EXPECT_TRUE(s.waitForService("late").async().hasValue());
+  auto more = boost::make_shared<vo::DynamicObject>();
+  EXPECT_THROW(s.registerService("more", more), ZR::ZRError);
+  EXPECT_EQ(s.service("early"), early);  // a closed session still answers lookups
 }

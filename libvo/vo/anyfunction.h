@@ -15,6 +15,8 @@
 namespace vo {
 
 /// Everything the framework knows of one C++ function type. One instance per type, never freed.
+///
+/// Contract: stateless after construction; any thread may use an instance at any time.
 class FunctionTypeInterface {
  public:
   virtual ~FunctionTypeInterface() = default;
@@ -30,6 +32,10 @@ class FunctionTypeInterface {
 
 /// The framework's callable. Copying copies the storage through its function type and
 /// destroying releases it there; a default-constructed one has no type and holds nothing.
+///
+/// Contract: a value type. Binding (prependArgument, dropFirstArgument) and assignment belong to
+/// whoever builds it; once built, call and the signature getters are const and may run on any
+/// number of threads at once. A call blocks for as long as the called function runs.
 class AnyFunction {
  public:
   AnyFunction() noexcept = default;
@@ -79,7 +85,8 @@ ZR::ZRValue invokeAndWrap(F&& f, const ZR::ZRValue* args, std::index_sequence<I.
     f(TypeTraits<std::decay_t<Args>>::get(args[I])...);
     return ZR::ZRValue();
   } else {
-    return ZR::ZRValue(TypeTraits<std::decay_t<R>>::toValue(f(TypeTraits<std::decay_t<Args>>::get(args[I])...)));
+    return ZR::ZRValue(
+        TypeTraits<std::decay_t<R>>::toValue(f(TypeTraits<std::decay_t<Args>>::get(args[I])...)));
   }
 }
 

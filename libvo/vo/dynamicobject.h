@@ -14,8 +14,12 @@
 namespace vo {
 
 /// An object whose methods are published at run time and called by name. Overloads of one name
-/// are told apart by their arguments. Methods are added while the object is being built, before
-/// anyone can call it; after that the table is only read, so calls take no lock.
+/// are told apart by their arguments.
+///
+/// Contract: methods are added (addMethod) on the building thread, before the object is sealed
+/// and reachable; after that the table is only read, so metaCall, metaMethods and hasMethod may
+/// run on any number of threads at once without a lock. A call runs on the caller's thread and
+/// blocks it for as long as the method runs.
 class DynamicObject {
  public:
   DynamicObject();

@@ -7,6 +7,9 @@
 namespace vo {
 
 /// Publishes methods on a DynamicObject.
+///
+/// Contract: used by the object's constructor only, on its thread, like the object it fills;
+/// never blocks.
 class DynamicObjectBuilder {
  public:
   explicit DynamicObjectBuilder(DynamicObject* object) : object_(object) {}

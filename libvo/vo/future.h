@@ -118,6 +118,11 @@ std::string describeException(const std::exception_ptr& e);
 
 /// The result of an operation that may not have finished yet. Copies share one result.
 /// A default-constructed future has no result and never gets one (state None).
+///
+/// Contract: every member may be called from any number of threads at once. wait() and value()
+/// block without a time limit until the result is set; wait(msecs) blocks at most that long and
+/// returns the state it found. Continuations (connect) run in the thread that sets the result,
+/// outside the future's lock.
 template <class T>
 class Future {
  public:
@@ -194,6 +199,10 @@ class Future {
 };
 
 /// The producing side of a Future. Setting a result twice is ignored.
+///
+/// Contract: copies share one result; setValue, setError and setException may race from any
+/// threads, the first wins. Setting never blocks beyond a short lock, then runs the
+/// continuations on the setting thread.
 template <class T>
 class Promise {
  public:
@@ -229,6 +238,9 @@ inline Future<void> makeReadyFuture() {
 /// A future that must be waited for: when it is destroyed without its result having been taken
 /// (value(), wait(), async()), the destructor waits for completion with no time limit and
 /// rethrows a failure. Dropping one at once is how a caller blocks until something is ready.
+///
+/// Contract: owned by one thread (movable, not copyable); hand the result to other threads with
+/// async(). Its destructor blocks without a time limit while the result is pending.
 template <class T>
 class FutureSync {
  public:

@@ -21,7 +21,7 @@ enum LogLevel {
 
 namespace log {
 
-/// One emitted record. `message` has no final end of line.
+/// One emitted record. `message` has no final end of line. Plain data.
 struct Record {
   LogLevel level = LogLevel_Silent;
   std::string category;
@@ -69,6 +69,10 @@ void emit(LogLevel level, const std::string& category, const std::string& functi
 
 /// Collects what is streamed into it and emits one record when destroyed. When no handler wants
 /// its level, streaming into it does nothing at all.
+///
+/// Contract: one stream per statement and thread; any number of threads log at once. Handlers
+/// run synchronously in the emitting thread, outside the registry's lock, so a record costs what
+/// the handlers cost (the console handler: one short lock and one write to stderr).
 class LogStream {
  public:
   LogStream(LogLevel level, const char* file, const char* function, const char* category, int line);

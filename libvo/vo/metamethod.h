@@ -13,7 +13,8 @@ struct MetaMethodParameter {
 };
 
 /// A method as the framework publishes it: its name and documentation, the class that declares
-/// it, and its signature (caller-visible parameter codes and result code).
+/// it, and its signature (caller-visible parameter codes and result code). Plain data: copies
+/// are independent.
 struct MetaMethod {
   unsigned int uid = 0;
   std::string name;
@@ -31,6 +32,9 @@ struct MetaMethod {
 };
 
 /// Fills a MetaMethod step by step; reset() starts a new one.
+///
+/// Contract: not thread-safe; one builder per object under construction, used on its thread.
+/// Never blocks.
 class MetaMethodBuilder {
  public:
   void reset() { method_ = MetaMethod(); }

@@ -17,6 +17,11 @@ namespace vo {
 /// The service directory of a process: services are registered under unique names, found by
 /// name, and waited for. The directory does not own its services; it forgets one that is
 /// unregistered, and a lookup of one that went away finds nothing.
+///
+/// Contract: every member may be called from any thread at once and takes one short lock.
+/// Waiters are released, and removal listeners called, outside that lock on the thread that
+/// registers or unregisters, so they may use the session. Only a dropped waitForService result
+/// blocks (until the service comes or the session closes).
 class Session {
  public:
   Session();

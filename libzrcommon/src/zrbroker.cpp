@@ -1,8 +1,6 @@
 #include "zrcommon/zrbroker.h"
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <mutex>
 #include <thread>
 
@@ -12,12 +10,16 @@
 #include <boost/make_shared.hpp>
 
 #include <vo/log.h>
+#include <zrcommon/detail/zrmoduleinternals.h>
 #include <zrcommon/zrmodulecore.h>
 #include <zrcommon/zrproxy.h>
+#include <zrcommon/zrservicenames.h>
 
 namespace ZR {
 
 namespace {
+const char* const kCategory = "zrcommon.ZRBroker";
+
 // The pool whose thread is running the current task, so that shutdown from inside a task does not
 // wait for itself.
 thread_local const void* tlCurrentPool = nullptr;
@@ -28,10 +30,10 @@ std::function<void()> guarded(const void* pool, std::function<void()> work) {
     try {
       work();
     } catch (const std::exception& e) {
-      vo::log::LogStream(vo::LogLevel_Error, "", "post", "zrcommon.ZRBroker", 0)
+      vo::log::LogStream(vo::LogLevel_Error, "", "post", kCategory, 0)
           << "background task failed: " << e.what() << std::endl;
     } catch (...) {
-      vo::log::LogStream(vo::LogLevel_Error, "", "post", "zrcommon.ZRBroker", 0)
+      vo::log::LogStream(vo::LogLevel_Error, "", "post", kCategory, 0)
           << "background task failed with an unknown exception" << std::endl;
     }
     tlCurrentPool = nullptr;
@@ -87,11 +89,17 @@ boost::shared_ptr<ZRBroker> ZRBroker::createBroker(const std::string& name, int 
   return boost::shared_ptr<ZRBroker>(new ZRBroker(name, threads));
 }
 
-ZRBroker::~ZRBroker() { shutdown(); }
+ZRBroker::~ZRBroker() {
+  shutdown();
+}
 
-const std::string& ZRBroker::getName() const { return impl_->name; }
+const std::string& ZRBroker::getName() const {
+  return impl_->name;
+}
 
-boost::shared_ptr<vo::Session> ZRBroker::session() const { return impl_->session; }
+boost::shared_ptr<vo::Session> ZRBroker::session() const {
+  return impl_->session;
+}
 
 boost::shared_ptr<ZRProxy> ZRBroker::getProxy(const std::string& moduleName, int /*flags*/) {
   boost::weak_ptr<vo::DynamicObject> handle = impl_->session->serviceHandle(moduleName);
@@ -123,8 +131,7 @@ void ZRBroker::registerModule(const boost::shared_ptr<ZRModuleCore>& module) {
   }
   // The session refuses a name that is taken, before the broker takes any ownership.
   module->seal();
-  impl_->session->registerService(module->getName(),
-                                  boost::weak_ptr<vo::DynamicObject>(module));
+  impl_->session->registerService(module->getName(), boost::weak_ptr<vo::DynamicObject>(module));
   impl_->modules.push_back(module);
 }
 
@@ -138,7 +145,7 @@ bool ZRBroker::removeModule(const std::string& moduleName) {
     released = *it;
     impl_->modules.erase(it);
   }
-  released->liveness()->retired.store(true);
+  detail::ZRModuleAccess::liveness(*released)->retire();
   impl_->session->unregisterService(moduleName, released.get());
   // The module may be destroyed here, outside the lock: its destructor may call the broker.
   released.reset();
@@ -149,6 +156,13 @@ void ZRBroker::unregisterModule(const std::string& moduleName, const ZRModuleCor
   impl_->session->unregisterService(moduleName, module);
 }
 
+namespace detail {
+void ZRModuleAccess::unregisterModule(ZRBroker& broker, const std::string& moduleName,
+                                      const ZRModuleCore* module) {
+  broker.unregisterModule(moduleName, module);
+}
+}  // namespace detail
+
 void ZRBroker::shutdown() {
   {
     std::lock_guard<std::mutex> lock(impl_->mutex);
@@ -156,25 +170,34 @@ void ZRBroker::shutdown() {
     impl_->shutdown = true;
   }
   impl_->session->close();
-  // Newest first, one at a time, so that a module's destructor still finds the older modules it
-  // depends on (a sound extractor unsubscribing from the audio device).
+  // One at a time, ordinary modules newest first, then the services by rank, so that a module's
+  // destructor still finds what it uses (a sound extractor unsubscribing from the audio device).
   for (;;) {
     boost::shared_ptr<ZRModuleCore> module;
     {
       std::lock_guard<std::mutex> lock(impl_->mutex);
       if (impl_->modules.empty()) break;
-      module = impl_->modules.back();
-      impl_->modules.pop_back();
+      auto next = impl_->modules.rbegin();
+      for (auto it = impl_->modules.rbegin(); it != impl_->modules.rend(); ++it) {
+        if (serviceShutdownRank((*it)->getName()) < serviceShutdownRank((*next)->getName()))
+          next = it;
+      }
+      module = *next;
+      impl_->modules.erase(std::next(next).base());
     }
-    const std::shared_ptr<ZRModuleLiveness> liveness = module->liveness();
-    liveness->retired.store(true);
+    const std::string name = module->getName();
+    const std::shared_ptr<detail::ZRModuleLiveness> liveness =
+        detail::ZRModuleAccess::liveness(*module);
+    liveness->retire();
     module.reset();
     // A proxy call still running on the module (a delivery on the pool) holds it, and the module
-    // goes when that call ends: wait for it, so that its destructor still finds the older
-    // modules. Not from inside a proxy call, which could be one of those it would wait for.
-    if (ZRProxy::callsOnThisThread() == 0) {
-      while (liveness->calls.load() > 0)
-        std::this_thread::sleep_for(std::chrono::microseconds(100));
+    // goes when that call ends: wait for it, so that its destructor still finds the modules it
+    // uses. Not from inside a proxy call, which could be one of those it would wait for.
+    if (detail::proxyCallsOnThisThread() == 0) {
+      liveness->waitIdle([&](int inFlight) {
+        vo::log::LogStream(vo::LogLevel_Verbose, "", "shutdown", kCategory, 0)
+            << "waiting for " << inFlight << " call(s) in flight on \"" << name << "\"";
+      });
     }
   }
   std::shared_ptr<PoolHolder> pool;
@@ -203,7 +226,8 @@ bool ZRBroker::isShutdown() const {
 
 void ZRBroker::post(std::function<void()> work) {
   std::lock_guard<std::mutex> lock(impl_->mutex);
-  if (!impl_->pool) throw ZRError("ZRBroker", "post", "broker \"" + impl_->name + "\" is shut down");
+  if (!impl_->pool)
+    throw ZRError("ZRBroker", "post", "broker \"" + impl_->name + "\" is shut down");
   boost::asio::post(impl_->pool->pool, guarded(&impl_->pool->pool, std::move(work)));
 }
 
@@ -217,6 +241,8 @@ ZRStrand ZRBroker::makeStrand() {
   return s;
 }
 
-int ZRBroker::threadCount() const { return impl_->threads; }
+int ZRBroker::threadCount() const {
+  return impl_->threads;
+}
 
 }  // namespace ZR

@@ -3,18 +3,22 @@
 #include <algorithm>
 #include <sstream>
 
+#include <zrcommon/detail/zrmoduleinternals.h>
 #include <zrcommon/zrbroker.h>
+#include <zrcommon/zrversion.h>
 
 namespace ZR {
 
-namespace {
-const char* kVersion = "0.1.0";
+namespace detail {
+const std::shared_ptr<ZRModuleLiveness>& ZRModuleAccess::liveness(const ZRModuleCore& module) {
+  return module.state_->liveness;
 }
+}  // namespace detail
 
-ZRModuleCore::ZRModuleCore(boost::shared_ptr<ZRBroker> broker, const std::string& name)
-    : name_(name), broker_(broker), objectBuilder_(this) {
+ZRModuleCore::ZRModuleCore(boost::shared_ptr<ZRBroker> broker, const std::string& name) {
   if (!broker) throw ZRError(name, "ZRModuleCore", "a module needs a broker to host it");
   if (name.empty()) throw ZRError("", "ZRModuleCore", "a module needs a non-empty name");
+  state_ = std::make_unique<detail::ZRModuleCoreState>(this, broker, name);
 
   functionName("getMethodList", "ZRModuleCore", "Lists the names of the module's methods.", 0);
   setReturn("methods", "Method names in registration order.");
@@ -35,22 +39,44 @@ ZRModuleCore::ZRModuleCore(boost::shared_ptr<ZRBroker> broker, const std::string
 }
 
 ZRModuleCore::~ZRModuleCore() {
-  if (boost::shared_ptr<ZRBroker> broker = broker_.lock()) broker->unregisterModule(name_, this);
+  if (boost::shared_ptr<ZRBroker> broker = state_->broker.lock())
+    detail::ZRModuleAccess::unregisterModule(*broker, state_->name, this);
+}
+
+const std::string& ZRModuleCore::getName() const {
+  return state_->name;
+}
+
+std::string ZRModuleCore::objectName() const {
+  return state_->name;
 }
 
 boost::shared_ptr<ZRBroker> ZRModuleCore::getParentBroker() const {
-  boost::shared_ptr<ZRBroker> broker = broker_.lock();
-  if (!broker) throw ZRError(name_, "getParentBroker", "the broker hosting this module is gone");
+  boost::shared_ptr<ZRBroker> broker = state_->broker.lock();
+  if (!broker)
+    throw ZRError(state_->name, "getParentBroker", "the broker hosting this module is gone");
   return broker;
 }
 
-std::string ZRModuleCore::version() { return kVersion; }
-
-void ZRModuleCore::setModuleDescription(const std::string& description) {
-  moduleDescription_ = description;
+std::string ZRModuleCore::version() {
+  return kPlatformVersion;
 }
 
-std::string ZRModuleCore::getModuleDescription() const { return moduleDescription_; }
+void ZRModuleCore::setModuleDescription(const std::string& description) {
+  state_->moduleDescription = description;
+}
+
+std::string ZRModuleCore::getModuleDescription() const {
+  return state_->moduleDescription;
+}
+
+vo::DynamicObjectBuilder& ZRModuleCore::objectBuilder() {
+  return state_->objectBuilder;
+}
+
+vo::MetaMethodBuilder& ZRModuleCore::methodBuilder() {
+  return state_->methodBuilder;
+}
 
 namespace {
 ZRMethodDescription describe(const vo::MetaMethod& m) {
@@ -59,7 +85,8 @@ ZRMethodDescription describe(const vo::MetaMethod& m) {
   d.moduleName = m.className;
   d.description = m.description;
   d.flags = m.flags;
-  for (const auto& p : m.parameters) d.parameters.push_back(ZRMethodParameter{p.name, p.description});
+  for (const auto& p : m.parameters)
+    d.parameters.push_back(ZRMethodParameter{p.name, p.description});
   d.returnName = m.returnName;
   d.returnDocumentation = m.returnDescription;
   d.signature = m.readableSignature();
@@ -97,38 +124,41 @@ std::string ZRModuleCore::getMethodHelp(const std::string& methodName) {
     if (!m.returnName.empty())
       out << "  returns " << m.returnName << ": " << m.returnDescription << '\n';
   }
-  if (!found) throw ZRError(name_, "getMethodHelp", "no method called \"" + methodName + "\"");
+  if (!found)
+    throw ZRError(state_->name, "getMethodHelp", "no method called \"" + methodName + "\"");
   return out.str();
 }
 
-bool ZRModuleCore::ping() { return true; }
+bool ZRModuleCore::ping() {
+  return true;
+}
 
 void ZRModuleCore::functionName(const std::string& methodName, const std::string& className,
                                 const std::string& description, int flags) {
-  methodBuilder_.reset();
-  methodBuilder_.setName(methodName);
-  methodBuilder_.setClassName(className);
-  methodBuilder_.setDescription(description);
-  methodBuilder_.setFlags(flags);
+  state_->methodBuilder.reset();
+  state_->methodBuilder.setName(methodName);
+  state_->methodBuilder.setClassName(className);
+  state_->methodBuilder.setDescription(description);
+  state_->methodBuilder.setFlags(flags);
 }
 
 void ZRModuleCore::addParam(const std::string& name, const std::string& documentation) {
-  methodBuilder_.addParameter(name, documentation);
+  state_->methodBuilder.addParameter(name, documentation);
 }
 
 void ZRModuleCore::setReturn(const std::string& name, const std::string& documentation) {
-  methodBuilder_.setReturnDescription(name, documentation);
+  state_->methodBuilder.setReturnDescription(name, documentation);
 }
 
 ZRMethodDescription ZRModuleCore::getCurrentMethodDescription() const {
-  return describe(methodBuilder_.metaMethod());
+  return describe(state_->methodBuilder.metaMethod());
 }
 
 void ZRModuleCore::bindMethodOverload(const boost::shared_ptr<ZRFunctorBase>& functor) {
-  if (!functor) throw ZRError(name_, "bindMethodOverload", "cannot bind a null functor");
-  methodBuilder_.setSignature(functor->function());
-  objectBuilder_.xAdvertiseMethod(methodBuilder_, functor->function(), 0);
-  functors_.push_back(functor);
+  if (!functor) throw ZRError(state_->name, "bindMethodOverload", "cannot bind a null functor");
+  state_->methodBuilder.setSignature(functor->function());
+  state_->objectBuilder.xAdvertiseMethod(state_->methodBuilder, functor->function(), 0);
+  state_->functors.push_back(functor);
 }
 
 }  // namespace ZR

@@ -2,6 +2,7 @@
 
 #include <boost/shared_ptr.hpp>
 
+#include <zrcommon/detail/zrmoduleinternals.h>
 #include <zrcommon/zrmodulecore.h>
 
 namespace ZR {
@@ -16,36 +17,38 @@ class CallScope {
  public:
   // Sequentially consistent with the broker's retire-then-count: either the broker sees this
   // call counted, or this call sees the module retired.
-  explicit CallScope(ZRModuleLiveness* liveness) : liveness_(liveness) {
-    if (liveness_) liveness_->calls.fetch_add(1);
+  explicit CallScope(detail::ZRModuleLiveness* liveness) : liveness_(liveness) {
+    if (liveness_) liveness_->callStarted();
     ++tlCallDepth;
   }
   ~CallScope() {
     --tlCallDepth;
-    if (liveness_) liveness_->calls.fetch_sub(1);
+    if (liveness_) liveness_->callEnded();
   }
-  bool retired() const { return liveness_ && liveness_->retired.load(); }
+  bool retired() const { return liveness_ && liveness_->isRetired(); }
   CallScope(const CallScope&) = delete;
   CallScope& operator=(const CallScope&) = delete;
 
  private:
-  ZRModuleLiveness* liveness_;
+  detail::ZRModuleLiveness* liveness_;
 };
 }  // namespace
+
+namespace detail {
+int proxyCallsOnThisThread() {
+  return tlCallDepth;
+}
+}  // namespace detail
 
 ZRProxy::ZRProxy(const std::string& moduleName, boost::weak_ptr<vo::DynamicObject> object)
     : moduleName_(moduleName), object_(std::move(object)) {
   if (boost::shared_ptr<vo::DynamicObject> strong = object_.lock()) {
     if (const auto* module = dynamic_cast<const ZRModuleCore*>(strong.get()))
-      liveness_ = module->liveness();
+      liveness_ = detail::ZRModuleAccess::liveness(*module);
   }
 }
 
 ZRProxy::~ZRProxy() = default;
-
-int ZRProxy::callsOnThisThread() {
-  return tlCallDepth;
-}
 
 ZRValue ZRProxy::metaCall(std::string_view method, const ZRValue* args, std::size_t count) {
   // Declared before the strong reference, so that it counts the call out only after that

@@ -16,9 +16,16 @@ namespace ZR {
 class ZRModuleCore;
 class ZRProxy;
 
+namespace detail {
+struct ZRModuleAccess;
+}
+
 /// Runs posted work one task at a time, in posting order, on the broker's pool: one per
 /// subscriber, so that each sees its events in order and a slow one holds up nobody else.
-/// Copies share one strand.
+///
+/// Contract: copies share one strand; post may be called from any thread at once and never
+/// blocks beyond a short lock. Once the broker is shut down, only the pool's own tasks may still
+/// post (ZRError otherwise). A strand keeps the pool's memory alive, not its threads.
 class ZRStrand {
  public:
   ZRStrand();
@@ -33,6 +40,16 @@ class ZRStrand {
 
 /// Hosts modules, owns them, hands out proxies, and runs the platform's background work on one
 /// thread pool.
+///
+/// Contract: every member may be called from any thread at once; lookups, registration, post
+/// and makeStrand take one short lock. removeModule and shutdown destroy modules outside the
+/// lock, on the calling thread, and so block while module destructors run. shutdown also
+/// blocks, without a time limit, until the proxy calls in flight on each module it lets go have
+/// returned (except calls running on the shutting-down thread itself), then joins the pool. It
+/// destroys ordinary modules first, newest first, then the services they use, each after the
+/// services of a lower rank (zrservicenames.h: "ZRAudioDevice" before "ZRMemory", since the
+/// device raises events into the memory service), so that every destructor still reaches what
+/// it uses.
 class ZRBroker : public boost::enable_shared_from_this<ZRBroker> {
  public:
   /// `threads` <= 0: as many as the machine has cores, at least 2.
@@ -56,7 +73,8 @@ class ZRBroker : public boost::enable_shared_from_this<ZRBroker> {
   /// Drops the broker's share of a module; it is destroyed when the last reference goes.
   /// Returns false when there was no such module.
   bool removeModule(const std::string& moduleName);
-  /// Destroys the modules, newest first, then stops the pool. Idempotent.
+  /// Destroys the modules (ordinary modules newest first, then the services by rank), waiting for
+  /// the proxy calls in flight on each, then stops the pool. Idempotent.
   void shutdown();
   bool isShutdown() const;
 
@@ -65,10 +83,10 @@ class ZRBroker : public boost::enable_shared_from_this<ZRBroker> {
   ZRStrand makeStrand();
   int threadCount() const;
 
-  // Called by the module core when a module goes away.
+ private:
+  friend struct detail::ZRModuleAccess;
   void unregisterModule(const std::string& moduleName, const ZRModuleCore* module);
 
- private:
   ZRBroker(const std::string& name, int threads);
   struct Impl;
   std::unique_ptr<Impl> impl_;

@@ -10,6 +10,10 @@ namespace ZR {
 /// A member function bound with its object, for the module core's method table
 /// (ZRModuleCore::bindMethodOverload). All knowledge of parameter and result types lives in the
 /// bound vo::AnyFunction; the functor does no unpacking of its own.
+///
+/// Contract: immutable once built; any thread may hold, copy the reference to or drop a functor
+/// (the shared pointer's counts are atomic). It must not outlive the object it binds. Nothing
+/// blocks; call only logs.
 class ZRFunctorBase {
  public:
   explicit ZRFunctorBase(vo::AnyFunction function);

@@ -10,7 +10,8 @@ struct ZRMethodParameter {
   std::string documentation;
 };
 
-/// A registered method with its documentation, as the module core keeps it.
+/// A registered method with its documentation, as the module core keeps it. Plain data: a copy,
+/// safe to keep and read from any thread.
 struct ZRMethodDescription {
   std::string methodName;
   /// The class that documents the method (not necessarily the module's own name).

@@ -13,6 +13,10 @@ namespace ZR {
 
 /// The base of every module. Create modules with createModule: it constructs the object, then
 /// registers it with the broker under its name, so nobody can reach a half-built module.
+///
+/// Contract: as ZRModuleCore. createModule and exit may be called from any thread; exit returns
+/// at once unless it drops the last reference, in which case the module is destroyed on the
+/// calling thread.
 class ZRModule : public ZRModuleCore {
  public:
   ZRModule(boost::shared_ptr<ZRBroker> broker, const std::string& name);
@@ -24,7 +28,8 @@ class ZRModule : public ZRModuleCore {
   static boost::shared_ptr<T> createModule(boost::shared_ptr<ZRBroker> broker,
                                            const std::string& name, Extra&&... extra) {
     if (!broker) throw ZRError(name, "createModule", "no broker to host the module");
-    boost::shared_ptr<T> module = boost::make_shared<T>(broker, name, std::forward<Extra>(extra)...);
+    boost::shared_ptr<T> module =
+        boost::make_shared<T>(broker, name, std::forward<Extra>(extra)...);
     broker->registerModule(module);
     return module;
   }

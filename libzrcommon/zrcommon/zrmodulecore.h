@@ -1,12 +1,10 @@
 #pragma once
 
-#include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <boost/shared_ptr.hpp>
-#include <boost/weak_ptr.hpp>
 
 #include <vo/dynamicobject.h>
 #include <vo/dynamicobjectbuilder.h>
@@ -20,23 +18,27 @@ namespace ZR {
 
 class ZRBroker;
 
-/// What proxies and the broker share about a module's life: the proxy calls running on it, and
-/// whether its broker has let it go (proxies then refuse new calls). Shared, so that the call
-/// that drops the module's last reference can still count itself out.
-struct ZRModuleLiveness {
-  std::atomic<int> calls{0};
-  std::atomic<bool> retired{false};
-};
+namespace detail {
+struct ZRModuleAccess;
+struct ZRModuleCoreState;
+}  // namespace detail
 
 /// What every module is: a named dynamic object hosted by a broker, whose methods are registered
 /// with documentation and can be called by name. The built-in remote methods "getMethodList",
 /// "getMethodHelp", "version" and "ping" are registered before any of the derived class's.
+///
+/// Contract: methods are registered (functionName, addParam, setReturn, bindMethod,
+/// bindMethodOverload) only in the constructor, on the constructing thread; once the broker has
+/// published the module, the method table is sealed and only read, so any number of calls and
+/// introspections (getMethodDescriptions, getMethodList, getMethodHelp) may run concurrently
+/// without a lock. setModuleDescription is for the constructor too. Nothing here blocks; the
+/// destructor frees the module's name on its broker (a short lock).
 class ZRModuleCore : public vo::DynamicObject {
  public:
   ZRModuleCore(boost::shared_ptr<ZRBroker> broker, const std::string& name);
   ~ZRModuleCore() override;
 
-  const std::string& getName() const { return name_; }
+  const std::string& getName() const;
   /// The hosting broker; throws ZRError once it is gone.
   boost::shared_ptr<ZRBroker> getParentBroker() const;
   virtual std::string version();
@@ -64,32 +66,25 @@ class ZRModuleCore : public vo::DynamicObject {
   /// name; the module core keeps a reference to the functor for its whole life.
   void bindMethodOverload(const boost::shared_ptr<ZRFunctorBase>& functor);
 
-  std::string objectName() const override { return name_; }
-
-  const std::shared_ptr<ZRModuleLiveness>& liveness() const { return liveness_; }
+  std::string objectName() const override;
 
  protected:
-  vo::DynamicObjectBuilder& objectBuilder() { return objectBuilder_; }
-  vo::MetaMethodBuilder& methodBuilder() { return methodBuilder_; }
+  vo::DynamicObjectBuilder& objectBuilder();
+  vo::MetaMethodBuilder& methodBuilder();
 
   /// Publishes `member` of this object under the open description.
   template <class C, class R, class... Args>
   unsigned int bindMethod(R (C::*member)(Args...)) {
-    return objectBuilder_.advertiseMethod(methodBuilder_, static_cast<C*>(this), member, 0);
+    return objectBuilder().advertiseMethod(methodBuilder(), static_cast<C*>(this), member, 0);
   }
   template <class C, class R, class... Args>
   unsigned int bindMethod(R (C::*member)(Args...) const) {
-    return objectBuilder_.advertiseMethod(methodBuilder_, static_cast<const C*>(this), member, 0);
+    return objectBuilder().advertiseMethod(methodBuilder(), static_cast<const C*>(this), member, 0);
   }
 
  private:
-  std::string name_;
-  boost::weak_ptr<ZRBroker> broker_;
-  std::string moduleDescription_;
-  vo::MetaMethodBuilder methodBuilder_;
-  vo::DynamicObjectBuilder objectBuilder_;
-  std::vector<boost::shared_ptr<ZRFunctorBase>> functors_;
-  std::shared_ptr<ZRModuleLiveness> liveness_ = std::make_shared<ZRModuleLiveness>();
+  friend struct detail::ZRModuleAccess;
+  std::unique_ptr<detail::ZRModuleCoreState> state_;
 };
 
 }  // namespace ZR

@@ -16,12 +16,19 @@
 
 namespace ZR {
 
-struct ZRModuleLiveness;
+namespace detail {
+class ZRModuleLiveness;
+}
 
 /// A handle to a named module. Calls are synchronous, by method name, without a time limit; every
 /// failure comes out as a ZRError naming the module and the method: "module destroyed" once the
 /// module is gone, "This object is null" for an empty proxy, otherwise the error the call raised.
-/// An in-process call runs on the caller's thread and keeps the module alive while it runs.
+///
+/// Contract: one proxy may be used by any number of threads at once, and several proxies to one
+/// module too; calls on a module run concurrently unless the module serialises them itself. An
+/// in-process call runs on the caller's thread, blocks it for as long as the method runs, and
+/// keeps the module alive meanwhile: the broker's shutdown waits for it, and once the broker has
+/// let the module go, new calls fail at once with "module destroyed".
 class ZRProxy {
  public:
   ZRProxy() = default;
@@ -51,9 +58,6 @@ class ZRProxy {
     return metaCall(method, args.data(), args.size());
   }
 
-  /// Proxy calls running on the calling thread, nested ones included.
-  static int callsOnThisThread();
-
  private:
   template <class R>
   R convertResult(std::string_view method, const ZRValue& result) {
@@ -68,7 +72,7 @@ class ZRProxy {
   std::string moduleName_;
   boost::weak_ptr<vo::DynamicObject> object_;
   // Null for an object that is no module.
-  std::shared_ptr<ZRModuleLiveness> liveness_;
+  std::shared_ptr<detail::ZRModuleLiveness> liveness_;
 };
 
 }  // namespace ZR

@@ -3,11 +3,23 @@
 // The names under which the platform's own services are published. Module writers and tools
 // reach the services by these names; spelling them once keeps every caller in step.
 
+#include <string_view>
+
 namespace ZR {
 
 inline constexpr const char* kMemoryServiceName = "ZRMemory";
 inline constexpr const char* kAudioDeviceServiceName = "ZRAudioDevice";
 /// Raised through the memory service when a finite source has delivered its last buffer.
 inline constexpr const char* kEndOfStreamEvent = "ZRAudioDevice/EndOfStream";
+
+/// When the broker's shutdown destroys a module: ordinary modules (rank 0) first, then the
+/// services, each after every module of a lower rank, since lower ranks use higher ones. The audio
+/// device raises its events into the memory service, so it goes before it. A new platform
+/// service takes its rank here.
+inline int serviceShutdownRank(std::string_view moduleName) {
+  if (moduleName == kAudioDeviceServiceName) return 1;
+  if (moduleName == kMemoryServiceName) return 2;
+  return 0;
+}
 
 }  // namespace ZR

@@ -8,6 +8,9 @@ namespace ZR {
 /// The one exception type of the platform: who failed (module), doing what (method or
 /// operation), why (description), and where in the source (file, may be empty, and line).
 /// Thrown by value, caught by const reference.
+///
+/// Contract: immutable once built, so any number of threads may read one error at once (a
+/// future hands the same error to every waiter). Nothing blocks.
 class ZRError : public std::exception {
  public:
   ZRError();

@@ -21,6 +21,13 @@ namespace ZR {
 /// that holds one costs a reference count, and GetBinary() on the copy returns the same pointer.
 /// A value can also wrap bytes that someone else owns (a device buffer, a received message)
 /// through a shared owner that keeps them alive, without any copy.
+///
+/// Contract: one value is not thread-safe; give each thread its own copy, or only read it from
+/// several (const members may run concurrently, any non-const member excludes every other call).
+/// Copies are independent, and share only the immutable binary bytes, whose owner count is
+/// atomic. Nothing blocks. Assigning a value from one of its own elements (`v = v[0]`) is safe,
+/// and copying, comparing, printing and destroying walk nested arrays without recursion, so a
+/// hostile depth (arrays of arrays 100 000 deep) costs heap, never the stack.
 class ZRValue {
  public:
   enum Type { TypeInvalid, TypeBool, TypeInt, TypeFloat, TypeString, TypeBinary, TypeArray };
@@ -46,11 +53,11 @@ class ZRValue {
   /// any value refers to them.
   ZRValue(const void* data, std::size_t byteCount, std::shared_ptr<const void> owner);
 
-  ZRValue(const ZRValue&) = default;
+  ZRValue(const ZRValue& other);
   ZRValue(ZRValue&&) noexcept = default;
-  ZRValue& operator=(const ZRValue&) = default;
-  ZRValue& operator=(ZRValue&&) noexcept = default;
-  ~ZRValue() = default;
+  ZRValue& operator=(const ZRValue& other);
+  ZRValue& operator=(ZRValue&& other) noexcept;
+  ~ZRValue();
 
   Type getType() const noexcept { return static_cast<Type>(data_.index()); }
   static const char* typeName(Type t) noexcept;
@@ -138,6 +145,11 @@ class ZRValue {
   [[noreturn]] void conversionError(const char* wanted) const;
   Array& array();
   const Array& array() const;
+  // Whether some element is itself a non-empty array: only then do copy and destruction need
+  // their own work list instead of the plain recursive ones.
+  bool hasNestedArrays() const noexcept;
+  void destroyNested() noexcept;
+  void copyNested(const Array& source);
 
   std::variant<std::monostate, bool, int, float, std::string, Binary, Array> data_;
 };

@@ -1,9 +1,11 @@
 #pragma once
 
-// Helpers shared by the test programs: catching a ZRError, waiting on other threads, capturing
-// log records.
+// What the test programs share: catching a ZRError, waiting for other threads without sleeping,
+// capturing log records. Tests wait on these, never on a fixed sleep, and assert no durations:
+// kWaitLimit only turns a hang into a failure.
 
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -20,6 +22,8 @@
 
 namespace zrtest {
 
+inline constexpr std::chrono::seconds kWaitLimit{20};
+
 // The ZRError `f` throws; a test failure when it throws none.
 template <class F>
 ZR::ZRError errorOf(F&& f) {
@@ -32,16 +36,39 @@ ZR::ZRError errorOf(F&& f) {
   return ZR::ZRError();
 }
 
-// Polls until `condition` holds; false when `timeout` passes first.
+// Until `condition` holds, yielding in between; false after `limit`. For state nobody signals;
+// where the code under test can signal, wait on a Signal or a LogCapture instead.
 template <class F>
-bool eventually(F&& condition, std::chrono::milliseconds timeout = std::chrono::seconds(5)) {
-  const auto deadline = std::chrono::steady_clock::now() + timeout;
+bool eventually(F&& condition, std::chrono::milliseconds limit = kWaitLimit) {
+  const auto deadline = std::chrono::steady_clock::now() + limit;
   while (!condition()) {
     if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::this_thread::yield();
   }
   return true;
 }
+
+// A count that any thread raises and a test waits on: a latch counting up, or a gate.
+class Signal {
+ public:
+  void notify(int n = 1) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      count_ += n;
+    }
+    changed_.notify_all();
+  }
+  // Until the count reaches `count`; false after kWaitLimit.
+  bool waitFor(int count = 1) const {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, kWaitLimit, [&] { return count_ >= count; });
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  mutable std::condition_variable changed_;
+  int count_ = 0;
+};
 
 // Level, function and message of a record.
 using Line = std::tuple<int, std::string, std::string>;
@@ -57,12 +84,17 @@ class LogCapture {
         name_,
         [state = state_, category = std::move(category)](const vo::log::Record& r) {
           if (!category.empty() && r.category != category) return;
-          std::lock_guard<std::mutex> lock(state->mutex);
-          state->records.push_back(r);
+          {
+            std::lock_guard<std::mutex> lock(state->mutex);
+            state->records.push_back(r);
+          }
+          state->added.notify_all();
         },
         level);
   }
   ~LogCapture() { vo::log::removeHandler(name_); }
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
 
   std::vector<vo::log::Record> records() const {
     std::lock_guard<std::mutex> lock(state_->mutex);
@@ -84,14 +116,24 @@ class LogCapture {
   }
   // How many records so far have `part` in their message.
   int count(const std::string& part) const {
-    int n = 0;
-    for (const auto& r : records()) n += r.message.find(part) != std::string::npos;
-    return n;
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    return state_->count(part);
+  }
+  // Until `n` records have `part` in their message; false after kWaitLimit.
+  bool waitFor(const std::string& part, int n = 1) const {
+    std::unique_lock<std::mutex> lock(state_->mutex);
+    return state_->added.wait_for(lock, kWaitLimit, [&] { return state_->count(part) >= n; });
   }
 
  private:
   struct State {
+    int count(const std::string& part) const {
+      int n = 0;
+      for (const auto& r : records) n += r.message.find(part) != std::string::npos;
+      return n;
+    }
     std::mutex mutex;
+    std::condition_variable added;
     std::vector<vo::log::Record> records;
   };
   // Shared with the handler: an emitter's snapshot of the handlers may outlive the removal.
