@@ -12,6 +12,7 @@
 
 #include <vo/log.h>
 #include <zraudiodevice/zraudiodevice.h>
+#include <zrcommon/zrservicenames.h>
 #include <zrextractors/soundlevel.h>
 #include <zrextractors/voiceactivity.h>
 #include <zrextractors/zrextractorregistry.h>
@@ -53,8 +54,9 @@ float field(const ZR::ZRValue& record, const char* name) {
 struct Pipeline {
   explicit Pipeline(const ZR::ZRAudioDeviceOptions& options) {
     broker = ZR::ZRBroker::createBroker("test");
-    memory = ZR::ZRModule::createModule<ZR::ZRMemory>(broker, "ZRMemory", 1 << 20);
-    device = ZR::ZRModule::createModule<ZR::ZRAudioDevice>(broker, "ZRAudioDevice", options);
+    memory = ZR::ZRModule::createModule<ZR::ZRMemory>(broker, ZR::kMemoryServiceName, 1 << 20);
+    device =
+        ZR::ZRModule::createModule<ZR::ZRAudioDevice>(broker, ZR::kAudioDeviceServiceName, options);
     device->hold();
     level = ZR::ZRModule::createModule<ZR::SoundLevel>(broker, "SoundLevel", 100);
     voice = ZR::ZRModule::createModule<ZR::VoiceActivity>(broker, "VoiceActivity");
@@ -68,6 +70,7 @@ struct Pipeline {
   void finish() {
     ASSERT_TRUE(device->waitForEndOfStream(30000));
     voice->flush();
+    level->flush();
     ASSERT_TRUE(memory->waitForDeliveries(std::chrono::seconds(10)));
   }
   ~Pipeline() {
@@ -104,20 +107,21 @@ TEST(StockExtractors, FindTheKnownSegmentsAndMeasureLevelsOnTheSample) {
   Pipeline p(ZR::ZRAudioDeviceOptions::fromInput(ZR_SAMPLE));
   p.finish();
 
-  // Levels, computed here independently over the same 100 ms windows.
+  // Levels, computed here independently over the same 100 ms windows, the last one partial.
   int rate = 0;
   const std::vector<short> samples = readSample(rate);
   const std::size_t window = static_cast<std::size_t>(rate) / 10;
   const auto levels = p.client->of("SoundLevel/Levels");
-  ASSERT_EQ(levels.size(), samples.size() / window);
+  ASSERT_EQ(levels.size(), (samples.size() + window - 1) / window);
   for (std::size_t w = 0; w < levels.size(); ++w) {
     double sum = 0.0;
     int peak = 0;
-    for (std::size_t i = w * window; i < (w + 1) * window; ++i) {
+    const std::size_t end = std::min(samples.size(), (w + 1) * window);
+    for (std::size_t i = w * window; i < end; ++i) {
       sum += double(samples[i]) * samples[i];
       peak = std::max(peak, std::abs(int(samples[i])));
     }
-    const double rms = 20 * std::log10(std::sqrt(sum / window) / 32768.0);
+    const double rms = 20 * std::log10(std::sqrt(sum / double(end - w * window)) / 32768.0);
     EXPECT_NEAR(field(levels[w], "time"), w * 0.1, 1e-4);
     EXPECT_NEAR((*ZR::recordField(levels[w], "rms"))[0].toFloat(), rms, 0.01) << "window " << w;
     EXPECT_NEAR((*ZR::recordField(levels[w], "peak"))[0].toFloat(), 20 * std::log10(peak / 32768.0),
@@ -198,10 +202,39 @@ TEST(StockExtractors, SoundLevelTakesANewPeriodAtTheNextWindow) {
   p.finish();
   std::vector<float> times;
   for (const ZR::ZRValue& l : p.client->of("SoundLevel/Levels")) times.push_back(field(l, "time"));
-  ASSERT_EQ(times.size(), 3u);  // 0.10, 0.14, 0.18; the last 20 ms are no full window
-  EXPECT_NEAR(times[0], 0.0f, 1e-4);
-  EXPECT_NEAR(times[1], 0.10f, 1e-4);
-  EXPECT_NEAR(times[2], 0.14f, 1e-4);
+  ASSERT_EQ(times.size(), 4u);  // the last 20 ms are a partial window, published at the end
+  for (std::size_t i = 0; i < times.size(); ++i)
+    EXPECT_NEAR(times[i], std::vector<float>({0.0f, 0.10f, 0.14f, 0.18f})[i], 1e-4);
+}
+
+TEST(StockExtractors, SoundLevelReadsNoBufferItsCountsDoNotFit) {
+  vo::log::setLogLevel(vo::LogLevel_Error);
+  ZR::ZRAudioDeviceOptions o;
+  o.source = ZR::ZRAudioDeviceOptions::Source::Host;
+  o.sampleRate = 16000;
+  Pipeline p(o);
+  // Counts past the binary, zero, negative, overflowing; an empty, missing or non-binary value.
+  const std::vector<std::int16_t> pcm(160, 1000);
+  const ZR::ZRValue binary(pcm.data(), pcm.size() * sizeof(std::int16_t)), none;
+  const ZR::ZRValue empty(pcm.data(), 0), number(5);
+  ZR::ZRValue ts;
+  ts.arraySetSize(2);
+  ts[0] = ts[1] = 0;
+  const struct {
+    int channels, samples;
+    const ZR::ZRValue& buffer;
+  } bad[] = {{1, 161, binary}, {2, 100, binary},   {0, 160, binary},
+             {1, 0, binary},   {-1, -160, binary}, {65536, 65536, binary},
+             {1, 160, empty},  {1, 160, none},     {1, 160, number}};
+  auto proxy = p.broker->getProxy("SoundLevel", 0);
+  for (const auto& b : bad) proxy->call<void>("processRemote", b.channels, b.samples, ts, b.buffer);
+  EXPECT_EQ(p.level->ignoredBuffers(), 9);
+  proxy->call<void>("processRemote", 1, 160, ts, binary);
+  p.device->endStream();
+  p.finish();
+  const auto levels = p.client->of("SoundLevel/Levels");
+  ASSERT_EQ(levels.size(), 1u);  // the good buffer, as a partial window
+  EXPECT_NEAR((*ZR::recordField(levels[0], "peak"))[0].toFloat(), -30.31f, 0.01);
 }
 
 TEST(StockExtractors, RegistryCreatesStockTypesAndRejectsUnknownOnes) {
