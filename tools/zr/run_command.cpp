@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -31,11 +32,12 @@ extern "C" void onInterrupt(int) {
 /// closing error line. Restores the console handler when it goes.
 class RunLog {
  public:
-  explicit RunLog(vo::LogLevel level) {
+  explicit RunLog(vo::LogLevel level) : level_(level) {
     vo::log::setLogLevel(level);
     vo::log::removeHandler(vo::log::kConsoleHandlerName);
+    // Errors are wanted even when the user silenced the log: they decide the exit status.
     vo::log::addHandler(
-        kName, [this](const vo::log::Record& r) { print(r); }, level);
+        kName, [this](const vo::log::Record& r) { print(r); }, std::max(level, vo::LogLevel_Error));
   }
   ~RunLog() {
     vo::log::removeHandler(kName);
@@ -53,10 +55,12 @@ class RunLog {
       firstError_ = r.message.empty() ? r.category + " failed" : r.message;
       return;
     }
+    if (r.level > level_) return;
     std::fprintf(stderr, "[%s] %s: %s\n", vo::log::logLevelName(r.level), r.category.c_str(),
                  r.message.c_str());
   }
   static constexpr const char* kName = "zr-run";
+  const vo::LogLevel level_;
   std::mutex mutex_;
   std::string firstError_;
 };

@@ -160,7 +160,7 @@ TEST(ZrRun, BadInputsFailWithOneClearLine) {
       {"run " + kSample + " -o /dev/full", "cannot write /dev/full: No space left on device"},
       {"run " + kSample + " > /dev/full", "cannot write standard output: No space left"},
       {"run " + dir + "/fifo", "not a regular file"},
-      {"run " + dir + "/bad.flac -e SoundLevel -o " + dir + "/kept", "cannot read the sound file"},
+      {"run " + dir + "/bad.flac --log-level silent -o " + dir + "/kept", "cannot read the sound"},
       {"run" + plugin + " -e Thrower", "creating \"Thrower\" failed"},
       {"list" + plugin, "entry point failed", "ZR_TEST_THROW_AT_LOAD=1"},
       {"frobnicate", "unknown command \"frobnicate\""},
