@@ -7,6 +7,7 @@
 
 #include <vo/log.h>
 #include <zrcommon/zrbroker.h>
+#include <zrcommon/zrsamples.h>
 #include <zrproxies/zrmemoryproxy.h>
 
 #include "extractorutil.h"
@@ -20,13 +21,20 @@ SoundLevel::SoundLevel(boost::shared_ptr<ZRBroker> broker, const std::string& na
       memory_(boost::make_shared<ZRMemoryProxy>(broker)),
       defaultPeriodMs_(defaultPeriodMs > 0 ? defaultPeriodMs : 100),
       periodMs_(defaultPeriodMs_) {
-  setModuleDescription("Per-channel RMS and peak levels in dBFS over windows of the current period.");
+  setModuleDescription(
+      "Per-channel RMS and peak levels in dBFS over windows of the current period.");
   functionName("setThreshold", "SoundLevel",
                "Sets the RMS level at which a channel counts as loud, and how far below it the "
-               "level must fall to count as quiet again.", 0);
+               "level must fall to count as quiet again.",
+               0);
   addParam("thresholdDb", "Threshold in dBFS (default -30).");
   addParam("hysteresisDb", "Hysteresis in dB, non-negative (default 6).");
   bindMethod(&SoundLevel::setThreshold);
+  functionName("flush", "SoundLevel",
+               "Publishes the window still open, shorter than the period, as at the end of a "
+               "stream.",
+               0);
+  bindMethod(&SoundLevel::flush);
 
   declareEvent(levelsEvent());
   declareEvent(thresholdEvent());
@@ -42,7 +50,8 @@ float SoundLevel::toDb(double amplitude) {
 
 void SoundLevel::setThreshold(const float& thresholdDb, const float& hysteresisDb) {
   if (!(hysteresisDb >= 0.0f) || !std::isfinite(thresholdDb))
-    throw ZRError(getName(), "setThreshold", "the threshold must be finite and the hysteresis >= 0");
+    throw ZRError(getName(), "setThreshold",
+                  "the threshold must be finite and the hysteresis >= 0");
   thresholdDb_ = thresholdDb;
   hysteresisDb_ = hysteresisDb;
 }
@@ -59,7 +68,18 @@ void SoundLevel::xUpdateParameters(int period, float /*precision*/) {
 
 void SoundLevel::process(const int& nbOfChannels, const int& nbOfSamplesByChannel,
                          const short* buffer, const ZRValue& timestamp) {
-  if (!buffer || nbOfChannels <= 0 || nbOfSamplesByChannel <= 0) return;
+  if (!samplesFit(nbOfChannels, nbOfSamplesByChannel, buffer)) {
+    // Counts come from the sender unchecked; reading by them could run past the block.
+    const std::int64_t n = ++ignored_;
+    std::int64_t p = 1;
+    while (p < n) p *= 10;
+    if (p == n)
+      vo::log::LogStream(vo::LogLevel_Warning, "", "process", "extractors.SoundLevel", 0)
+          << getName() << ": ignored a buffer of " << nbOfChannels << " x " << nbOfSamplesByChannel
+          << " samples that its data does not hold (" << n << " so far)";
+    return;
+  }
+  std::lock_guard<std::mutex> lock(mutex_);
   const int rate = sampleRate_.load();
   const double bufferTime = timestampSeconds(timestamp);
   if (nbOfChannels != channels_) {
@@ -74,7 +94,8 @@ void SoundLevel::process(const int& nbOfChannels, const int& nbOfSamplesByChanne
     if (filled_ == 0) {
       windowStart_ = bufferTime + static_cast<double>(i) / rate;
       // A new period takes effect at the next window.
-      windowSamples_ = std::max<long long>(1, std::llround(static_cast<double>(rate) * periodMs_.load() / 1000.0));
+      windowSamples_ = std::max<long long>(
+          1, std::llround(static_cast<double>(rate) * periodMs_.load() / 1000.0));
     }
     const short* frame = buffer + static_cast<std::size_t>(i) * channels_;
     for (int c = 0; c < channels_; ++c) {
@@ -85,6 +106,11 @@ void SoundLevel::process(const int& nbOfChannels, const int& nbOfSamplesByChanne
     }
     if (++filled_ == windowSamples_) emitWindow();
   }
+}
+
+void SoundLevel::flush() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (filled_ > 0) emitWindow();
 }
 
 void SoundLevel::emitWindow() {
@@ -100,8 +126,10 @@ void SoundLevel::emitWindow() {
   const float threshold = thresholdDb_.load(), hysteresis = hysteresisDb_.load();
   for (int c = 0; c < channels_; ++c) {
     const bool wasLoud = loud_[c];
-    if (!wasLoud && rms[c] >= threshold) loud_[c] = true;
-    else if (wasLoud && rms[c] < threshold - hysteresis) loud_[c] = false;
+    if (!wasLoud && rms[c] >= threshold)
+      loud_[c] = true;
+    else if (wasLoud && rms[c] < threshold - hysteresis)
+      loud_[c] = false;
     if (loud_[c] != wasLoud) {
       crossings.push_back(makeRecord({{"time", ZRValue(static_cast<float>(windowStart_))},
                                       {"channel", ZRValue(c)},

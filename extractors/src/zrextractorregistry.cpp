@@ -2,10 +2,26 @@
 
 #include <dlfcn.h>
 
-#include "zrextractors/soundlevel.h"
-#include "zrextractors/voiceactivity.h"
+#include <exception>
 
 namespace ZR {
+
+namespace {
+
+// What a plugin threw, as text: plugins may throw anything, and a host must not abort on it.
+std::string describeCurrentException() {
+  try {
+    throw;
+  } catch (const ZRError& e) {
+    return e.what();
+  } catch (const std::exception& e) {
+    return e.what();
+  } catch (...) {
+    return "an exception that is no std::exception";
+  }
+}
+
+}  // namespace
 
 void ZRExtractorRegistry::add(const std::string& typeName, Factory factory,
                               const std::string& description) {
@@ -26,28 +42,20 @@ boost::shared_ptr<ZRModuleCore> ZRExtractorRegistry::create(const std::string& t
                                                             boost::shared_ptr<ZRBroker> broker,
                                                             const std::string& moduleName) const {
   require(typeName);
-  return entries_.at(typeName).factory(broker, moduleName);
+  try {
+    return entries_.at(typeName).factory(broker, moduleName);
+  } catch (const ZRError&) {
+    throw;
+  } catch (...) {
+    throw ZRError("ZRExtractorRegistry", "create",
+                  "creating \"" + typeName + "\" failed: " + describeCurrentException());
+  }
 }
 
 std::vector<ZRExtractorRegistry::Entry> ZRExtractorRegistry::entries() const {
   std::vector<Entry> out;
   for (const auto& [name, e] : entries_) out.push_back(e);
   return out;
-}
-
-ZRExtractorRegistry ZRExtractorRegistry::withStockExtractors(int defaultPeriodMs) {
-  ZRExtractorRegistry r;
-  r.add(
-      "SoundLevel",
-      [defaultPeriodMs](boost::shared_ptr<ZRBroker> broker, const std::string& moduleName) {
-        return boost::shared_ptr<ZRModuleCore>(
-            ZRModule::createModule<SoundLevel>(broker, moduleName, defaultPeriodMs));
-      },
-      "Per-channel RMS and peak level in dBFS over windows of the current period, with an "
-      "event when a level crosses a threshold.");
-  r.add<VoiceActivity>("VoiceActivity",
-                       "Speech segments from energy against an adaptive noise floor.");
-  return r;
 }
 
 void ZRExtractorRegistry::loadPlugin(const std::string& path) {
@@ -67,7 +75,14 @@ void ZRExtractorRegistry::loadPlugin(const std::string& path) {
                   path + " is no extractor plugin: it defines no " ZR_EXTRACTOR_PLUGIN_SYMBOL
                          " (use ZR_EXTRACTOR_PLUGIN)");
   }
-  entry(*this);
+  try {
+    entry(*this);
+  } catch (const ZRError&) {
+    throw;
+  } catch (...) {
+    throw ZRError("ZRExtractorRegistry", "loadPlugin",
+                  path + ": the plugin's entry point failed: " + describeCurrentException());
+  }
 }
 
 }  // namespace ZR

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -21,7 +22,14 @@ namespace ZR {
 /// - event "N/ThresholdCrossed", raised when a channel's RMS level rises to the threshold or falls
 ///   below threshold - hysteresis: [["time", s], ["channel", c], ["state", "loud"|"quiet"],
 ///   ["rms", dB]].
-/// Levels are floored at -120 dBFS, so that silence has a finite level.
+/// Levels are floored at -120 dBFS, so that silence has a finite level. The remote "flush"
+/// publishes the window still open (shorter than the period) at the end of a stream.
+///
+/// Concurrency: buffers, "flush" and "setThreshold" may arrive on any threads at once; buffers
+/// and "flush" are serialised by one mutex, held for the samples of one buffer (no call out of
+/// the module waits under it except raising events, which the memory service only queues).
+/// A buffer whose counts do not fit its samples (see samplesFit) is ignored and counted, with a
+/// warning at the 1st, 10th, 100th... such buffer.
 class SoundLevel : public ZRSoundExtractor {
  public:
   static constexpr float kFloorDb = -120.0f;
@@ -38,8 +46,12 @@ class SoundLevel : public ZRSoundExtractor {
 
   /// Remote: the crossing threshold and hysteresis, both in dB.
   void setThreshold(const float& thresholdDb, const float& hysteresisDb);
+  /// Remote: publishes the partial window, if any, as the end of a stream would.
+  void flush();
   std::string levelsEvent() const { return getName() + "/Levels"; }
   std::string thresholdEvent() const { return getName() + "/ThresholdCrossed"; }
+  /// Buffers ignored because their counts did not fit their samples.
+  std::int64_t ignoredBuffers() const { return ignored_.load(); }
 
   /// dBFS of a linear full-scale-relative amplitude, floored.
   static float toDb(double amplitude);
@@ -53,8 +65,10 @@ class SoundLevel : public ZRSoundExtractor {
   std::atomic<int> sampleRate_{16000};
   std::atomic<float> thresholdDb_{-30.0f};
   std::atomic<float> hysteresisDb_{6.0f};
+  std::atomic<std::int64_t> ignored_{0};
 
-  // Delivery state: buffers of one subscriber arrive one at a time, in order.
+  // Window state: buffers of one subscriber arrive in order; flush may come from anywhere.
+  std::mutex mutex_;
   int channels_ = 0;
   long long windowSamples_ = 0;
   long long filled_ = 0;

@@ -22,7 +22,14 @@ namespace ZR {
 ///   }
 ///
 /// `zr run --load libmy.so --extractor MyExtractor` then creates it like a stock extractor: the
-/// type is constructed as T(broker, moduleName) and registered under moduleName.
+/// type is constructed as T(broker, moduleName) and registered under moduleName. A plugin links
+/// `ZRAudio::zrextractorregistry` (this registry and the records of zrrecord.h) and what its
+/// extractor uses, not the stock extractors.
+///
+/// Concurrency: a plain value. Filling it (add, loadPlugin) is not thread-safe; once filled,
+/// its const members may be called from any threads at once. loadPlugin blocks for the dlopen
+/// and the plugin's entry point; create for the type's constructor (an extractor's waits for
+/// "ZRMemory"). Whatever a plugin throws, even what is no std::exception, comes out as ZRError.
 class ZRExtractorRegistry {
  public:
   using Factory = std::function<boost::shared_ptr<ZRModuleCore>(boost::shared_ptr<ZRBroker>,
@@ -55,7 +62,7 @@ class ZRExtractorRegistry {
   std::vector<Entry> entries() const;
 
   /// A registry holding the stock extractors ("SoundLevel", "VoiceActivity"), created with
-  /// `defaultPeriodMs` as their default period.
+  /// `defaultPeriodMs` as their default period. Defined in zrextractors, which holds them.
   static ZRExtractorRegistry withStockExtractors(int defaultPeriodMs = 100);
   /// Loads a plugin library and lets it add its types; ZRError naming the library and the cause
   /// when it cannot be loaded or has no entry point. The library stays loaded for the process.
@@ -70,6 +77,6 @@ class ZRExtractorRegistry {
 /// The entry point's C name, looked up by loadPlugin.
 #define ZR_EXTRACTOR_PLUGIN_SYMBOL "zrRegisterExtractors"
 
-#define ZR_EXTRACTOR_PLUGIN(registryName)                                                   \
-  extern "C" __attribute__((visibility("default"))) void zrRegisterExtractors(             \
+#define ZR_EXTRACTOR_PLUGIN(registryName)                                      \
+  extern "C" __attribute__((visibility("default"))) void zrRegisterExtractors( \
       ZR::ZRExtractorRegistry& registryName)

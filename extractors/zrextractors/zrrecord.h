@@ -10,7 +10,8 @@ namespace ZR {
 
 /// The shape of the results stock extractors publish: an array of [field name, value] pairs,
 /// e.g. [["time", 1.5], ["rms", [-20.1, -19.8]]]. Tools render it as an object without knowing
-/// the extractor; plugin extractors that use it are rendered the same way.
+/// the extractor; plugin extractors that use it are rendered the same way. The functions below
+/// are pure: safe from any thread, they never block.
 ZRValue makeRecord(std::initializer_list<std::pair<const char*, ZRValue>> fields);
 
 /// True when `v` has the shape above (possibly empty).

@@ -2,9 +2,7 @@
 
 #include <cstdio>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <vector>
 
 #include <zrvalue/zrvalue.h>
 
@@ -18,32 +16,30 @@ struct Result {
 };
 
 /// Renders results as they come: an aligned table for people, CSV or JSON lines for programs.
+/// Not thread-safe (the caller serialises calls); each call blocks for its write to `out`.
 class ResultWriter {
  public:
+  explicit ResultWriter(std::FILE* out) : out_(out) {}
   virtual ~ResultWriter() = default;
   virtual void begin() {}
   virtual void write(const Result& r) = 0;
   virtual void end() {}
+  /// False once a write to the output has failed (a full disk, say); call it after each call
+  /// above, so that error() is the failed write's errno. What was written before stays written.
+  bool check();
+  /// Pushes what is buffered to the output, then check().
+  bool flush();
+  /// errno of the first failed write, 0 while none failed.
+  int error() const { return error_; }
 
   /// "table", "csv" or "jsonl"; `out` stays owned by the caller.
   static std::unique_ptr<ResultWriter> create(const std::string& format, std::FILE* out);
-};
 
-/// What --plot needs, gathered while results stream.
-class PlotData {
- public:
-  void add(const Result& r);
-  /// Writes a PNG or SVG (by extension) through gnuplot; throws std::runtime_error on failure.
-  void render(const std::string& path, const std::string& title) const;
-  bool empty() const { return levels_.empty() && segments_.empty(); }
+ protected:
+  std::FILE* out_;
 
  private:
-  struct Level {
-    double time;
-    std::vector<float> rms;
-  };
-  std::vector<Level> levels_;
-  std::vector<std::pair<double, double>> segments_;
+  int error_ = 0;
 };
 
 }  // namespace zr

@@ -1,0 +1,26 @@
+#pragma once
+
+#include <memory>
+
+#include <CLI/CLI.hpp>
+
+namespace zr {
+
+/// One subcommand of the tool ("run", "describe", "list"; later "host", "call"...). main adds
+/// every command to the command line, parses it, then runs the one the user chose. A command
+/// runs on main's thread and blocks until it is done; it reports failures by throwing
+/// (CLI::Error for a bad command line, anything else for a failed run) and returns the exit
+/// status otherwise.
+class Command {
+ public:
+  virtual ~Command() = default;
+  /// Adds the subcommand and its options to `app`; returns the subcommand.
+  virtual CLI::App* define(CLI::App& app) = 0;
+  virtual int run() = 0;
+};
+
+std::unique_ptr<Command> makeRunCommand();
+std::unique_ptr<Command> makeDescribeCommand();
+std::unique_ptr<Command> makeListCommand();
+
+}  // namespace zr

@@ -1,0 +1,139 @@
+#include "pipeline.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+
+#include <zrcommon/zrmodule.h>
+#include <zrcommon/zrservicenames.h>
+#include <zrproxies/zrmemoryproxy.h>
+
+namespace zr {
+
+namespace {
+
+/// The tool's own module: the client every extractor serves. ZRMemory calls onEvent for each
+/// event it subscribed to, from the broker's pool.
+class RunClient : public ZR::ZRModule {
+ public:
+  using Receiver = std::function<void(const std::string& event, const ZR::ZRValue& value)>;
+  RunClient(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name, Receiver receiver)
+      : ZRModule(broker, name), receiver_(std::move(receiver)) {
+    setModuleDescription("The zr tool: receives the results it prints.");
+    functionName("onEvent", "RunClient", "Receives one event from ZRMemory.", 0);
+    addParam("eventName", "Name of the event.");
+    addParam("value", "Value raised with it.");
+    addParam("subscriberIdentifier", "Name of the subscriber.");
+    bindMethod(&RunClient::onEvent);
+  }
+  void onEvent(const std::string& eventName, const ZR::ZRValue& value, const std::string&) {
+    receiver_(eventName, value);
+  }
+
+ private:
+  Receiver receiver_;
+};
+
+std::string shortEventName(const std::string& event, const std::string& extractor) {
+  const std::string prefix = extractor + "/";
+  return event.compare(0, prefix.size(), prefix) == 0 ? event.substr(prefix.size()) : event;
+}
+
+const std::string kClientName = "zr";
+
+}  // namespace
+
+RunPipeline::RunPipeline(const PipelineConfig& config, const ZR::ZRExtractorRegistry& registry,
+                         Sink sink)
+    : sink_(std::move(sink)) {
+  for (const std::string& e : config.extractors)  // each runs once, however often it is named
+    if (std::find(extractors_.begin(), extractors_.end(), e) == extractors_.end())
+      extractors_.push_back(e);
+  for (const std::string& e : extractors_) registry.require(e);
+
+  broker_ = ZR::ZRBroker::createBroker("zr");
+  memory_ = ZR::ZRModule::createModule<ZR::ZRMemory>(broker_, ZR::kMemoryServiceName, 1 << 20);
+  device_ = ZR::ZRModule::createModule<ZR::ZRAudioDevice>(broker_, ZR::kAudioDeviceServiceName,
+                                                          config.device);
+  device_->hold();
+  for (const std::string& e : extractors_) registry.create(e, broker_, e);
+  ZR::ZRMemoryProxy memory(broker_);
+  for (const std::string& e : extractors_)
+    for (const std::string& ev : memory.getExtractorEvent(e)) producerOf_[ev] = e;
+
+  client_ = ZR::ZRModule::createModule<RunClient>(
+      broker_, kClientName, [this](const std::string& event, const ZR::ZRValue& value) {
+        auto it = producerOf_.find(event);
+        const std::string extractor =
+            it == producerOf_.end() ? event.substr(0, event.find('/')) : it->second;
+        const Result r{extractor, shortEventName(event, extractor), value};
+        std::lock_guard<std::mutex> lock(sinkMutex_);
+        if (sink_) sink_(r);
+      });
+
+  // Subscribing to its events subscribes the tool to each extractor, which starts it (with its
+  // default period and precision); the device is held until all of them listen.
+  for (const std::string& e : extractors_) {
+    const std::vector<std::string> events = memory.getExtractorEvent(e);
+    if (events.empty())
+      std::fprintf(stderr, "zr: %s declares no events: it runs, but has nothing to show\n",
+                   e.c_str());
+    for (const std::string& ev : events) {
+      memory.subscribeToEvent(ev, kClientName, "onEvent");
+      subscribed_.push_back(ev);
+    }
+    boost::shared_ptr<ZR::ZRProxy> extractor = broker_->getProxy(e, 0);
+    if (events.empty()) extractor->call<void>("subscribe", kClientName);
+    if (config.period) extractor->call<void>("updatePeriod", kClientName, *config.period);
+    if (config.precision) extractor->call<void>("updatePrecision", kClientName, *config.precision);
+  }
+}
+
+RunPipeline::~RunPipeline() {
+  {
+    std::lock_guard<std::mutex> lock(sinkMutex_);
+    sink_ = nullptr;  // a result still in flight must not reach a writer that is gone
+  }
+  client_.reset();
+  device_.reset();
+  memory_.reset();
+  broker_->shutdown();
+}
+
+void RunPipeline::start() {
+  device_->release();
+}
+
+bool RunPipeline::waitForEnd(int timeoutMs) {
+  return device_->waitForEndOfStream(timeoutMs);
+}
+
+double RunPipeline::audioSeconds(double cap) {
+  const double rate = device_->getSampleRate();
+  std::int64_t delivered = 0;
+  for (const std::string& e : extractors_) {
+    try {
+      delivered = std::max(delivered, device_->getDeliveryStats(e).delivered);
+    } catch (const ZR::ZRError&) {
+      // An extractor that does not listen to the device.
+    }
+  }
+  const double seconds =
+      rate > 0 ? static_cast<double>(delivered) * device_->getSamplesPerBuffer() / rate : 0.0;
+  return cap > 0 ? std::min(seconds, cap) : seconds;  // the last buffer may be short
+}
+
+void RunPipeline::finish() {
+  device_->waitUntilIdle(5000);
+  for (const std::string& e : extractors_) {
+    auto p = broker_->getProxy(e, 0);
+    const auto methods = p->call<std::vector<std::string>>("getMethodList");
+    if (std::find(methods.begin(), methods.end(), "flush") != methods.end()) p->call<void>("flush");
+  }
+  memory_->waitForDeliveries(std::chrono::seconds(10));
+  ZR::ZRMemoryProxy memory(broker_);
+  for (const std::string& ev : subscribed_) memory.unsubscribeToEvent(ev, kClientName);
+  memory_->waitForDeliveries(std::chrono::seconds(10));
+}
+
+}  // namespace zr

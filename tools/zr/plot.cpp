@@ -1,0 +1,156 @@
+#include "plot.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <stdexcept>
+
+#include <zrextractors/zrrecord.h>
+
+extern char** environ;
+
+namespace zr {
+
+std::string plotTerminal(const std::string& path) {
+  const auto dot = path.rfind('.');
+  const std::string ext = dot == std::string::npos ? "" : path.substr(dot + 1);
+  if (ext == "png") return "pngcairo size 1200,500";
+  if (ext == "svg") return "svg size 1200,500";
+  return "";
+}
+
+std::string gnuplotQuoted(const std::string& text) {
+  // In single quotes gnuplot expands no backquote and no macro; '' is a quote. A line break
+  // would end the command, so control characters become spaces.
+  std::string q = "'";
+  for (char c : text) {
+    if (c == '\'')
+      q += "''";
+    else
+      q += static_cast<unsigned char>(c) < 0x20 || c == 0x7f ? ' ' : c;
+  }
+  return q + "'";
+}
+
+void PlotData::add(const Result& r) {
+  const ZR::ZRValue* rms = ZR::recordField(r.value, "rms");
+  const ZR::ZRValue* time = ZR::recordField(r.value, "time");
+  const ZR::ZRValue* start = ZR::recordField(r.value, "start");
+  const ZR::ZRValue* end = ZR::recordField(r.value, "end");
+  if (rms && time && rms->isArray() && ZR::recordField(r.value, "peak")) {
+    Level l{time->toFloat(), {}};
+    for (const ZR::ZRValue& v : rms->arrayElements()) l.rms.push_back(v.toFloat());
+    levels_.push_back(std::move(l));
+  } else if (start && end && start->isFloat() && end->isFloat()) {
+    segments_.emplace_back(start->toFloat(), end->toFloat());
+  }
+}
+
+namespace {
+
+// A temporary directory for the data and the script, removed with what is in it.
+class TempDir {
+ public:
+  TempDir() {
+    if (!mkdtemp(path_))
+      throw std::runtime_error("cannot create a temporary directory for the plot");
+  }
+  ~TempDir() {
+    for (const std::string& f : files_) std::remove(f.c_str());
+    rmdir(path_);
+  }
+  std::string file(const std::string& name) {
+    files_.push_back(std::string(path_) + "/" + name);
+    return files_.back();
+  }
+
+ private:
+  char path_[20] = "/tmp/zrplotXXXXXX";
+  std::vector<std::string> files_;
+};
+
+}  // namespace
+
+void PlotData::render(const std::string& path, const std::string& title) const {
+  const std::string terminal = plotTerminal(path);
+  if (terminal.empty()) throw std::runtime_error("--plot wants a .png or .svg file, not " + path);
+  TempDir dir;
+  const std::string data = dir.file("levels.dat"), script = dir.file("plot.gp");
+  std::size_t channels = 0;
+  {
+    std::ofstream d(data);
+    for (const Level& l : levels_) {
+      d << l.time;
+      for (float v : l.rms) d << ' ' << v;
+      d << '\n';
+      channels = std::max(channels, l.rms.size());
+    }
+  }
+  {
+    std::ofstream g(script);
+    g << "set terminal " << terminal << "\n"
+      << "set output\n"  // standard output, which is the user's file
+      << "set title " << gnuplotQuoted(title) << " noenhanced\n"
+      << "set xlabel \"time (s)\"\nset ylabel \"RMS level (dBFS)\"\nset grid\n"
+      << "set key outside right\n";
+    int n = 1;
+    for (const auto& [s, e] : segments_)
+      g << "set object " << n++ << " rect from " << s << ", graph 0 to " << e
+        << ", graph 1 behind fillcolor rgb \"#cce5ff\" fillstyle solid 0.6 noborder\n";
+    if (channels == 0) {
+      g << "set xrange [0:1]\nset yrange [-120:0]\nplot NaN title \"no levels\"\n";
+    } else {
+      g << "plot ";
+      for (std::size_t c = 0; c < channels; ++c)
+        g << (c ? ", " : "") << gnuplotQuoted(data) << " using 1:" << c + 2
+          << " with lines title \"channel " << c << "\"";
+      g << "\n";
+    }
+  }
+
+  const int out = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  if (out < 0) throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
+  int messages[2];
+  if (::pipe2(messages, O_CLOEXEC) != 0) {
+    ::close(out);
+    throw std::runtime_error(std::string("cannot run gnuplot: ") + std::strerror(errno));
+  }
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
+  posix_spawn_file_actions_adddup2(&actions, messages[1], STDERR_FILENO);
+  std::string program = "gnuplot";
+  char* argv[] = {program.data(), const_cast<char*>(script.c_str()), nullptr};
+  pid_t pid = -1;
+  const int spawned = posix_spawnp(&pid, "gnuplot", &actions, nullptr, argv, environ);
+  posix_spawn_file_actions_destroy(&actions);
+  ::close(out);
+  ::close(messages[1]);
+  std::string text;
+  if (spawned == 0) {
+    char buf[256];
+    for (ssize_t n; (n = ::read(messages[0], buf, sizeof buf)) != 0;) {
+      if (n > 0)
+        text.append(buf, static_cast<std::size_t>(n));
+      else if (errno != EINTR)
+        break;
+    }
+  }
+  ::close(messages[0]);
+  if (spawned != 0)
+    throw std::runtime_error(std::string("cannot run gnuplot (install gnuplot-nox): ") +
+                             std::strerror(spawned));
+  int status = 0;
+  while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+  }
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+    throw std::runtime_error("gnuplot failed to draw " + path + (text.empty() ? "" : ": " + text));
+}
+
+}  // namespace zr

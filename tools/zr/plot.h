@@ -1,0 +1,38 @@
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "output.h"
+
+namespace zr {
+
+/// gnuplot's terminal for a plot file, chosen by its extension (.png or .svg); empty for any
+/// other name, which the command line refuses before the run.
+std::string plotTerminal(const std::string& path);
+
+/// Text as one gnuplot single-quoted string: nothing in it is substituted or run.
+std::string gnuplotQuoted(const std::string& text);
+
+/// What --plot needs, gathered while results stream. Not thread-safe: the caller serialises add.
+class PlotData {
+ public:
+  void add(const Result& r);
+  /// Writes a PNG or SVG (by extension) through gnuplot, run without a shell: the data go
+  /// through a file of ours, the picture comes back on gnuplot's standard output, and the title
+  /// is quoted, so that no name from the user reaches a shell or gnuplot's substitutions.
+  /// Blocks until gnuplot is done; throws std::runtime_error on failure.
+  void render(const std::string& path, const std::string& title) const;
+  bool empty() const { return levels_.empty() && segments_.empty(); }
+
+ private:
+  struct Level {
+    double time;
+    std::vector<float> rms;
+  };
+  std::vector<Level> levels_;
+  std::vector<std::pair<double, double>> segments_;
+};
+
+}  // namespace zr
