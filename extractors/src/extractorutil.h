@@ -3,6 +3,7 @@
 #include <zrcommon/zrbroker.h>
 #include <zrcommon/zrmodulecore.h>
 #include <zrcommon/zrproxy.h>
+#include <zrcommon/zrservicenames.h>
 #include <zrvalue/zrvalue.h>
 
 namespace ZR {
@@ -16,7 +17,7 @@ inline double timestampSeconds(const ZRValue& ts) {
 /// The audio device's sample rate, or `fallback` when the device cannot tell.
 inline int deviceSampleRate(ZRModuleCore& self, int fallback) {
   try {
-    const int rate = self.getParentBroker()->getProxy("ZRAudioDevice", 0)->call<int>("getSampleRate");
+    const int rate = self.getParentBroker()->getProxy(ZR::kAudioDeviceServiceName, 0)->call<int>("getSampleRate");
     return rate > 0 ? rate : fallback;
   } catch (const ZRError&) {
     // No device yet: subscribing will fail with a clearer error right after.

@@ -6,12 +6,14 @@
 #include <utility>
 #include <vector>
 
+#include <zrcommon/zrversion.h>
+
 #include "command.h"
 
 int main(int argc, char** argv) {
   CLI::App app{"zr: run sound extractors on a file, a microphone or a synthetic signal."};
   app.require_subcommand(1);
-  app.set_version_flag("--version", "zr 0.1.0");
+  app.set_version_flag("--version", std::string("zr ") + ZR::kPlatformVersion);
 
   std::vector<std::pair<CLI::App*, std::unique_ptr<zr::Command>>> commands;
   for (auto make : {zr::makeRunCommand, zr::makeDescribeCommand, zr::makeListCommand}) {
