@@ -177,6 +177,18 @@ class ZRDeliveryLine : public std::enable_shared_from_this<ZRDeliveryLine<Item>>
     return n;
   }
 
+  /// Waits until no item of `name` that `which` matches (any, when empty) runs in a sink on
+  /// another thread. Call it holding no lock that a sink may take.
+  void awaitCurrent(const std::string& name, const Match& which) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    settled_.wait(lock, [&] {
+      for (const Current& c : current_)
+        if (c.name == name && c.thread != std::this_thread::get_id() && (!which || which(*c.item)))
+          return false;
+      return true;
+    });
+  }
+
   /// Removes every subscriber; with `forGood`, refuses new ones from now on.
   void clear(bool forGood = false) {
     {
@@ -407,16 +419,6 @@ class ZRDeliveryLine : public std::enable_shared_from_this<ZRDeliveryLine<Item>>
     for (const auto& entry : subscribers_)
       if (!entry.second->queue.empty()) return false;
     return true;
-  }
-
-  void awaitCurrent(const std::string& name, const Match& which) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    settled_.wait(lock, [&] {
-      for (const Current& c : current_)
-        if (c.name == name && c.thread != std::this_thread::get_id() && (!which || which(*c.item)))
-          return false;
-      return true;
-    });
   }
 
   void drain(const std::shared_ptr<Subscriber>& sub) {
