@@ -91,6 +91,7 @@ TEST(ZRDeliveryLine, LosslessBoundsItsQueueAndTheProducerWaitsUntilRoomOrLeave) 
 
   // Full: the producer waits, and goes on once the queue is down to resumeAt (1).
   auto producer = std::async(std::launch::async, [&] { return line->publish(3); });
+  ASSERT_TRUE(line->waitUntilProducerWaits(10s));
   run.runOne();
   run.runOne();
   ASSERT_EQ(producer.wait_for(10s), std::future_status::ready);
@@ -106,6 +107,7 @@ TEST(ZRDeliveryLine, LosslessBoundsItsQueueAndTheProducerWaitsUntilRoomOrLeave) 
   for (int i = 0; i < 3; ++i) line->tryPublish(i);
   std::atomic<bool> stop{false};
   auto blocked = std::async(std::launch::async, [&] { return line->publish(7, &stop); });
+  ASSERT_TRUE(line->waitUntilProducerWaits(10s));
   line->remove("a");
   if (blocked.wait_for(10s) != std::future_status::ready) {
     stop = true;  // lets the test end
@@ -118,6 +120,7 @@ TEST(ZRDeliveryLine, LosslessBoundsItsQueueAndTheProducerWaitsUntilRoomOrLeave) 
   ASSERT_TRUE(line->add("b", run.post(), seen.sink()));
   for (int i = 0; i < 3; ++i) line->tryPublish(i);
   auto stopped = std::async(std::launch::async, [&] { return line->publish(8, &stop); });
+  ASSERT_TRUE(line->waitUntilProducerWaits(10s));
   stop = true;
   line->wake();
   ASSERT_EQ(stopped.wait_for(10s), std::future_status::ready);

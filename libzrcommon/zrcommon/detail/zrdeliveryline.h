@@ -285,6 +285,13 @@ class ZRDeliveryLine : public std::enable_shared_from_this<ZRDeliveryLine<Item>>
     return idleLocked();
   }
 
+  /// Waits until a producer waits for room (Lossless), or until `timeout` passed. For hosts that
+  /// want to know their stream is held back by a subscriber.
+  bool waitUntilProducerWaits(std::chrono::milliseconds timeout) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return settled_.wait_for(lock, timeout, [&] { return waiting_ > 0; });
+  }
+
   std::vector<std::string> subscribers() const {
     std::lock_guard<std::mutex> lock(mutex_);
     std::vector<std::string> names;
@@ -361,6 +368,7 @@ class ZRDeliveryLine : public std::enable_shared_from_this<ZRDeliveryLine<Item>>
                          const std::atomic<bool>* stop) {
     if (options_.policy == ZRDeliveryPolicy::Lossless && anyFullLocked(only)) {
       ++waiting_;
+      settled_.notify_all();  // for waitUntilProducerWaits
       room_.wait(lock, [&] { return (stop && *stop) || !anyAboveLocked(only, options_.resumeAt); });
       --waiting_;
     }

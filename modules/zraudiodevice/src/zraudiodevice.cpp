@@ -283,6 +283,19 @@ bool ZRAudioDevice::isCapturing() {
   return core_->capturing;
 }
 
+bool ZRAudioDevice::waitUntilHeldBack(int timeoutMs) {
+  return core_->line->waitUntilProducerWaits(std::chrono::milliseconds(timeoutMs));
+}
+
+bool ZRAudioDevice::waitUntilStopped(int timeoutMs) {
+  std::unique_lock<std::mutex> lock(core_->mutex);
+  auto stopped = [&] { return !core_->capturing; };
+  if (timeoutMs >= 0)
+    return core_->changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), stopped);
+  core_->changed.wait(lock, stopped);
+  return true;
+}
+
 bool ZRAudioDevice::waitUntilIdle(int timeoutMs) {
   return core_->line->waitUntilIdle(std::chrono::milliseconds(timeoutMs));
 }

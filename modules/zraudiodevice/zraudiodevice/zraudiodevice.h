@@ -137,6 +137,12 @@ class ZRAudioDevice : public ZRModule {
   ZRAudioDeliveryStats getDeliveryStats(const std::string& module);
   /// True while the capture thread runs.
   bool isCapturing();
+  /// Waits until the producer (capture thread or deliver) is held back by a subscriber's full
+  /// queue, which only a non-live source does; false when `timeoutMs` passed first.
+  bool waitUntilHeldBack(int timeoutMs);
+  /// Waits until the capture thread has ended (at once when none runs); timeoutMs < 0 waits
+  /// forever. True when it has.
+  bool waitUntilStopped(int timeoutMs);
   /// Waits until no buffer is waiting for or inside a subscriber; timeoutMs < 0 waits forever.
   bool waitUntilIdle(int timeoutMs);
   /// Waits until the source has ended, "ZRAudioDevice/EndOfStream" has been raised and every
