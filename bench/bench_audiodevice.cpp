@@ -46,6 +46,7 @@ struct Rig {
     }
   }
   ~Rig() {
+    unsubscribeAll();  // a device that goes away with subscribers warns about each
     sinks.clear();
     device.reset();
     broker->shutdown();

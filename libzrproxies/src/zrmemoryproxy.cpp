@@ -1,10 +1,13 @@
 #include "zrproxies/zrmemoryproxy.h"
 
+#include <zrcommon/zrservicenames.h>
+
 namespace ZR {
 
 ZRMemoryProxy::ZRMemoryProxy(boost::shared_ptr<ZRBroker> broker) {
-  if (!broker) throw ZRError("ZRMemory", "ZRMemoryProxy", "no broker to find the memory service on");
-  proxy_ = broker->getProxy("ZRMemory", 0);
+  if (!broker)
+    throw ZRError(kMemoryServiceName, "ZRMemoryProxy", "no broker to find the memory service on");
+  proxy_ = broker->getProxy(kMemoryServiceName, 0);
 }
 
 void ZRMemoryProxy::insertData(const std::string& key, const ZRValue& value) {
@@ -46,6 +49,10 @@ std::vector<std::string> ZRMemoryProxy::getExtractorEvent(const std::string& pro
 
 std::vector<std::string> ZRMemoryProxy::getSubscribers(const std::string& eventName) {
   return proxy_->call<std::vector<std::string>>("getSubscribers", eventName);
+}
+
+int ZRMemoryProxy::getDroppedEventCount(const std::string& moduleName) {
+  return proxy_->call<int>("getDroppedEventCount", moduleName);
 }
 
 }  // namespace ZR

@@ -12,7 +12,14 @@
 namespace ZR {
 
 /// Typed access to the memory service "ZRMemory": one method per remote method, with the same
-/// names, arguments and errors.
+/// names, arguments and errors (every failure a ZRError).
+///
+/// Concurrency: a proxy holds no state of its own beyond its target, so one may be shared by any
+/// threads, and every method may run concurrently with any other. Each call is synchronous and
+/// runs on the caller's thread without a time limit; only subscribeToEvent and
+/// unsubscribeToEvent can block for long: they call the event's producer ("subscribe",
+/// "unsubscribe"), and unsubscribeToEvent waits for a callback of that event already running for
+/// that module on another thread.
 class ZRMemoryProxy {
  public:
   /// Throws ZRError when the broker hosts no "ZRMemory".
@@ -35,6 +42,8 @@ class ZRMemoryProxy {
   /// The events `producerName` declared, in declaration order.
   std::vector<std::string> getExtractorEvent(const std::string& producerName);
   std::vector<std::string> getSubscribers(const std::string& eventName);
+  /// Events dropped for `moduleName` because it did not keep up, since the service started.
+  int getDroppedEventCount(const std::string& moduleName);
 
   /// The generic proxy underneath, for methods this class does not wrap.
   const boost::shared_ptr<ZRProxy>& getGenericProxy() const { return proxy_; }

@@ -1,469 +1,27 @@
+// The audio device module: its remote methods, subscriptions and host-side API. The capture
+// loop, the fan-out, the block pool and the recorder live beside it.
+
 #include "zraudiodevice/zraudiodevice.h"
 
-#include <sndfile.h>
-
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <climits>
-#include <condition_variable>
-#include <deque>
-#include <map>
-#include <thread>
 
 #include <vo/log.h>
 #include <zrcommon/zrproxy.h>
-#include <zrproxies/zrmemoryproxy.h>
 
-#include "zraudiosource.h"
+#include "zraudiodevicecore.h"
 
 namespace ZR {
 
 namespace {
 
-const char* kCategory = "zraudiodevice";
-const char* kClassName = "ZRAudioDevice";
-const char* kEndOfStreamEvent = "ZRAudioDevice/EndOfStream";
-const int kMaxChannels = 32;
-
-using Clock = std::chrono::steady_clock;
-
 int clampToInt(std::int64_t v) {
   return static_cast<int>(std::min<std::int64_t>(v, INT_MAX));
 }
 
-// A slow or failing subscriber would otherwise flood the log with one line per buffer.
-class WarningLimiter {
- public:
-  /// True when a warning may go out now; `heldBack` is how many were suppressed since the last.
-  bool allow(std::int64_t& heldBack) {
-    const Clock::time_point now = Clock::now();
-    if (used_ && now - last_ < std::chrono::seconds(1)) {
-      ++heldBack_;
-      return false;
-    }
-    used_ = true;
-    last_ = now;
-    heldBack = heldBack_;
-    heldBack_ = 0;
-    return true;
-  }
-
- private:
-  bool used_ = false;
-  Clock::time_point last_;
-  std::int64_t heldBack_ = 0;
-};
-
-// Blocks are recycled, so that a running source does not allocate one per buffer. A block goes
-// back to the pool when the last value sharing it is gone, possibly after the device itself.
-class BlockPool {
- public:
-  using Block = std::vector<std::int16_t>;
-
-  std::shared_ptr<Block> acquire(std::size_t samples) {
-    Block* block = nullptr;
-    {
-      std::lock_guard<std::mutex> lock(state_->mutex);
-      if (!state_->free.empty()) {
-        block = state_->free.back().release();
-        state_->free.pop_back();
-      }
-    }
-    std::unique_ptr<Block> owned(block ? block : new Block);
-    owned->resize(samples);
-    std::weak_ptr<State> pool = state_;
-    return std::shared_ptr<Block>(owned.release(), [pool](Block* b) {
-      if (std::shared_ptr<State> s = pool.lock()) {
-        std::lock_guard<std::mutex> lock(s->mutex);
-        if (s->free.size() < kKept) {
-          s->free.emplace_back(b);  // reserved: cannot throw
-          return;
-        }
-      }
-      delete b;
-    });
-  }
-
- private:
-  static constexpr std::size_t kKept = 64;
-  struct State {
-    State() { free.reserve(kKept); }
-    std::mutex mutex;
-    std::vector<std::unique_ptr<Block>> free;
-  };
-  std::shared_ptr<State> state_ = std::make_shared<State>();
-};
-
-struct Counters {
-  std::atomic<std::int64_t> delivered{0}, dropped{0}, failed{0};
-};
-
-struct Pending {
-  int channels = 0;
-  int samplesPerChannel = 0;
-  ZRValue timestamp;
-  ZRValue buffer;
-};
-
-struct Subscriber {
-  std::string name;
-  boost::shared_ptr<ZRProxy> proxy;
-  ZRStrand strand;
-  std::shared_ptr<Counters> counters;
-  // Guarded by Core::mutex.
-  std::deque<Pending> queue;
-  bool scheduled = false;  // a delivery task is posted on its strand
-  bool inFlight = false;   // its "processRemote" is running
-  bool active = true;
-  WarningLimiter dropWarnings, failureWarnings;
-};
-
-void warn(const char* function, const std::string& message) {
-  vo::log::LogStream(vo::LogLevel_Warning, "", function, kCategory, 0) << message;
-}
-
-}  // namespace
-
-// Shared by the device, its capture thread and the delivery tasks, so that none of them needs the
-// device object itself: the last reference to the device may be dropped on any of those threads.
-struct ZRAudioDevice::Core : std::enable_shared_from_this<ZRAudioDevice::Core> {
-  std::string name;
-  boost::weak_ptr<ZRBroker> broker;
-  ZRAudioDeviceOptions options;
-  bool live = false;
-
-  std::mutex mutex;
-  // Two conditions, so that a delivery wakes only who can go on: the producer waits for room
-  // (and for release, its pace and stop), hosts wait for idle, the end, or stop.
-  std::condition_variable room;
-  std::condition_variable settled;
-  bool producerWaiting = false;
-  ZRAudioFormat format;  // zero until known
-  int samplesPerBuffer = 0;
-  std::map<std::string, std::shared_ptr<Subscriber>> subscribers;
-  std::map<std::string, std::shared_ptr<Counters>> counters;  // every module that ever subscribed
-  bool capturing = false;
-  bool ended = false;
-  bool held = false;
-  std::atomic<bool> stop{false};
-  std::thread thread;  // touched only under the device's control mutex
-
-  // Stream position; touched only by the one producer (capture thread, or a host under
-  // producerMutex).
-  std::mutex producerMutex;
-  std::int64_t position = 0;
-  BlockPool blocks;
-
-  std::mutex recordingMutex;
-  SNDFILE* recording = nullptr;
-  std::int64_t recordedFrames = 0;
-
-  void setFormat(const ZRAudioFormat& f) {
-    format = f;
-    samplesPerBuffer = options.samplesPerBuffer.value_or(std::max(1, f.sampleRate / 10));
-  }
-
-  bool anyQueueAbove(std::size_t size) const {
-    for (const auto& entry : subscribers)
-      if (entry.second->queue.size() > size) return true;
-    return false;
-  }
-
-  bool idleLocked() const {
-    for (const auto& entry : subscribers)
-      if (!entry.second->queue.empty() || entry.second->inFlight) return false;
-    return true;
-  }
-
-  // Timestamps come from the cumulative sample index, so rounding never accumulates.
-  ZRValue timestampOf(std::int64_t index) const {
-    const std::int64_t us = index * 1000000 / format.sampleRate;
-    ZRValue t;
-    t.arraySetSize(2);
-    t[0] = clampToInt(us / 1000000);
-    t[1] = static_cast<int>(us % 1000000);
-    return t;
-  }
-
-  void record(const ZRValue& buffer, std::size_t frames) {
-    std::lock_guard<std::mutex> lock(recordingMutex);
-    if (!recording) return;
-    const auto* samples = static_cast<const short*>(buffer.GetBinary());
-    const sf_count_t written = sf_writef_short(recording, samples, static_cast<sf_count_t>(frames));
-    recordedFrames += written;
-    if (written != static_cast<sf_count_t>(frames))
-      warn("record", name + ": recording lost samples: " + sf_strerror(recording));
-  }
-
-  // Must hold `mutex`. False when the strand refused the task (the broker is shut down).
-  bool schedule(const std::shared_ptr<Subscriber>& sub) {
-    sub->scheduled = true;
-    try {
-      sub->strand.post([core = shared_from_this(), sub] { core->deliverNext(sub); });
-      return true;
-    } catch (const ZRError&) {
-      sub->scheduled = false;
-      sub->active = false;
-      sub->queue.clear();
-      return false;
-    }
-  }
-
-  void removeLocked(const std::shared_ptr<Subscriber>& sub) {
-    auto it = subscribers.find(sub->name);
-    if (it != subscribers.end() && it->second == sub) subscribers.erase(it);
-  }
-
-  /// Queues one buffer for every subscriber. Returns false when nobody is subscribed any more or
-  /// the device is stopping.
-  bool publish(const ZRValue& buffer, std::size_t frames) {
-    const ZRValue timestamp = timestampOf(position);
-    position += static_cast<std::int64_t>(frames);
-    record(buffer, frames);
-
-    std::vector<std::string> warnings;
-    bool anyone = true;
-    {
-      std::unique_lock<std::mutex> lock(mutex);
-      const std::size_t capacity = static_cast<std::size_t>(options.queueCapacity);
-      if (!live && anyQueueAbove(capacity - 1)) {
-        // Resume only once the slowest is half way down: one wake-up per half queue, not one
-        // per buffer.
-        producerWaiting = true;
-        room.wait(lock, [&] { return stop || !anyQueueAbove(capacity / 2); });
-        producerWaiting = false;
-      }
-      if (stop) return false;
-      std::vector<std::shared_ptr<Subscriber>> refused;
-      for (auto& entry : subscribers) {
-        const std::shared_ptr<Subscriber>& sub = entry.second;
-        if (live && sub->queue.size() >= capacity) {
-          sub->queue.pop_front();
-          const std::int64_t dropped = ++sub->counters->dropped;
-          std::int64_t heldBack = 0;
-          if (sub->dropWarnings.allow(heldBack)) {
-            warnings.push_back(name + ": subscriber \"" + sub->name +
-                               "\" does not keep up: its oldest buffer was dropped (" +
-                               std::to_string(dropped) + " dropped so far, " +
-                               std::to_string(heldBack) + " warnings held back)");
-          }
-        }
-        sub->queue.push_back(Pending{format.channels, static_cast<int>(frames), timestamp, buffer});
-        if (!sub->scheduled && !schedule(sub)) refused.push_back(sub);
-      }
-      for (const auto& sub : refused) {
-        removeLocked(sub);
-        warnings.push_back(name + ": cannot deliver to \"" + sub->name +
-                           "\": the broker is shut down");
-      }
-      anyone = !subscribers.empty();
-      if (!refused.empty()) settled.notify_all();
-    }
-    for (const std::string& w : warnings) warn("publish", w);
-    return anyone;
-  }
-
-  void deliverNext(const std::shared_ptr<Subscriber>& sub) {
-    Pending item;
-    {
-      std::lock_guard<std::mutex> lock(mutex);
-      if (!sub->active || sub->queue.empty()) {
-        sub->scheduled = false;
-        settled.notify_all();
-        return;
-      }
-      item = std::move(sub->queue.front());
-      sub->queue.pop_front();
-      sub->inFlight = true;
-      if (producerWaiting &&
-          sub->queue.size() <= static_cast<std::size_t>(options.queueCapacity / 2))
-        room.notify_one();
-    }
-
-    std::string failure;
-    try {
-      const ZRValue args[4] = {ZRValue(item.channels), ZRValue(item.samplesPerChannel),
-                               item.timestamp, item.buffer};
-      sub->proxy->metaCall("processRemote", args, 4);
-    } catch (const std::exception& e) {
-      failure = e.what();
-    } catch (...) {
-      failure = "unknown exception";
-    }
-    item = Pending();  // the block goes back before anyone is told the delivery is over
-    const bool gone = !failure.empty() && !sub->proxy->isValid();
-
-    if (!failure.empty()) {
-      // Warned about before the delivery counts as over, so that whoever waits for idle sees it.
-      std::string warning;
-      {
-        std::lock_guard<std::mutex> lock(mutex);
-        ++sub->counters->failed;
-        std::int64_t heldBack = 0;
-        if (gone) {
-          warning = name + ": subscriber \"" + sub->name + "\" is gone; it is unsubscribed";
-        } else if (sub->failureWarnings.allow(heldBack)) {
-          warning = name + ": \"processRemote\" of \"" + sub->name + "\" failed: " + failure +
-                    " (" + std::to_string(heldBack) + " warnings held back)";
-        }
-      }
-      if (!warning.empty()) warn("deliver", warning);
-    }
-    bool nowIdle = false;
-    {
-      std::lock_guard<std::mutex> lock(mutex);
-      sub->inFlight = false;
-      if (failure.empty()) ++sub->counters->delivered;
-      if (gone) {
-        sub->active = false;
-        sub->queue.clear();
-        removeLocked(sub);
-      }
-      if (!sub->active || sub->queue.empty()) {
-        sub->scheduled = false;
-      } else if (!schedule(sub)) {
-        removeLocked(sub);
-      }
-      if (gone && producerWaiting) room.notify_one();  // it may be the one waited for
-      nowIdle = idleLocked();
-    }
-    if (nowIdle) settled.notify_all();
-  }
-
-  void markEnded() {
-    {
-      std::lock_guard<std::mutex> lock(mutex);
-      ended = true;
-    }
-    settled.notify_all();
-  }
-
-  void raiseEndOfStream(float seconds) {
-    try {
-      boost::shared_ptr<ZRBroker> b = broker.lock();
-      if (b && b->hasModule("ZRMemory")) ZRMemoryProxy(b).raiseEvent(kEndOfStreamEvent, seconds);
-    } catch (const ZRError& e) {
-      warn("endOfStream", name + ": cannot raise \"" + kEndOfStreamEvent + "\": " + e.what());
-    }
-    markEnded();
-  }
-
-  /// Once every buffer is processed, raises the end of the stream. The event is raised from the
-  /// broker's pool, never from the producer, so that whoever reacts to it may unsubscribe (and
-  /// so join the capture thread) without waiting for itself.
-  void finishStream() {
-    {
-      std::unique_lock<std::mutex> lock(mutex);
-      settled.wait(lock, [&] { return stop || idleLocked(); });
-      if (stop) return;
-    }
-    const float seconds = static_cast<float>(static_cast<double>(position) / format.sampleRate);
-    vo::log::LogStream(vo::LogLevel_Info, "", "finishStream", kCategory, 0)
-        << name << ": end of " << options.describe() << " after " << seconds << " s";
-    try {
-      boost::shared_ptr<ZRBroker> b = broker.lock();
-      if (!b) throw ZRError(name, "finishStream", "no broker");
-      b->post([core = shared_from_this(), seconds] { core->raiseEndOfStream(seconds); });
-    } catch (const ZRError&) {
-      markEnded();
-    }
-  }
-
-  void run(std::unique_ptr<ZRAudioSource> source) {
-    {
-      std::unique_lock<std::mutex> lock(mutex);
-      room.wait(lock, [&] { return stop || !held; });
-    }
-    const bool hardware = source->isHardware();
-    const bool paced = options.realtime && !hardware;
-    const Clock::time_point clockStart = Clock::now();
-    position = 0;
-    const std::size_t spb = static_cast<std::size_t>(samplesPerBuffer);
-    const int channels = format.channels;
-    bool finished = false;
-    try {
-      for (;;) {
-        std::shared_ptr<BlockPool::Block> block = blocks.acquire(spb * channels);
-        const std::size_t frames = source->read(block->data(), spb, stop);
-        if (stop) break;
-        if (frames == 0) {
-          finished = true;
-          break;
-        }
-        if (paced) {
-          const auto due = clockStart + std::chrono::microseconds(
-                                            (position + static_cast<std::int64_t>(frames)) *
-                                            1000000 / format.sampleRate);
-          std::unique_lock<std::mutex> lock(mutex);
-          if (room.wait_until(lock, due, [&] { return stop.load(); })) break;
-        }
-        const ZRValue buffer(block->data(), frames * channels * sizeof(std::int16_t), block);
-        block.reset();
-        if (!publish(buffer, frames)) break;
-      }
-    } catch (const std::exception& e) {
-      vo::log::LogStream(vo::LogLevel_Error, "", "run", kCategory, 0)
-          << name << ": " << options.describe() << " failed, the stream ends: " << e.what();
-      finished = true;
-    }
-    source.reset();  // the file or microphone is free before anyone may open it again
-    if (finished) finishStream();
-    {
-      std::lock_guard<std::mutex> lock(mutex);
-      capturing = false;
-    }
-    settled.notify_all();
-  }
-
-  void requestStop() {
-    {
-      std::lock_guard<std::mutex> lock(mutex);
-      stop = true;
-    }
-    room.notify_all();
-    settled.notify_all();
-  }
-};
-
-namespace {
-
-void validate(const ZRAudioDeviceOptions& o, const std::string& name) {
-  using S = ZRAudioDeviceOptions::Source;
-  auto fail = [&](const std::string& why) { throw ZRError(name, kClassName, why); };
-  if (o.sampleRate && *o.sampleRate <= 0)
-    fail("the sample rate must be positive, not " + std::to_string(*o.sampleRate));
-  if (o.channelCount && (*o.channelCount <= 0 || *o.channelCount > kMaxChannels))
-    fail("the channel count must be between 1 and " + std::to_string(kMaxChannels) + ", not " +
-         std::to_string(*o.channelCount));
-  if (o.samplesPerBuffer && *o.samplesPerBuffer <= 0)
-    fail("the samples per buffer must be positive, not " + std::to_string(*o.samplesPerBuffer));
-  if (o.queueCapacity < 1)
-    fail("the queue capacity must be at least 1, not " + std::to_string(o.queueCapacity));
-  if (o.durationSeconds && !(*o.durationSeconds > 0))
-    fail("the duration must be positive, not " + std::to_string(*o.durationSeconds));
-  if (o.source == S::File && o.path.empty()) fail("a file source needs a path");
-  if (o.source == S::Tone || o.source == S::Noise) {
-    if (!(o.amplitude >= 0 && o.amplitude <= 1))
-      fail("the amplitude must be between 0 and 1, not " + std::to_string(o.amplitude));
-  }
-  if (o.source == S::Tone) {
-    const int rate = o.sampleRate.value_or(16000);
-    if (!(o.frequency > 0 && o.frequency < rate / 2.0))
-      fail("the tone frequency must be above 0 and below half the sample rate (" +
-           std::to_string(rate / 2) + " Hz), not " + std::to_string(o.frequency));
-  }
-  switch (o.source) {
-    case S::File:
-    case S::Microphone:
-    case S::Tone:
-    case S::Noise:
-    case S::Silence:
-    case S::RawPcm:
-    case S::Host:
-      return;
-  }
-  fail("unknown source kind " + std::to_string(static_cast<int>(o.source)));
+void info(const char* function, const std::string& message) {
+  vo::log::LogStream(vo::LogLevel_Info, "", function, kAudioDeviceCategory, 0) << message;
 }
 
 }  // namespace
@@ -471,11 +29,11 @@ void validate(const ZRAudioDeviceOptions& o, const std::string& name) {
 ZRAudioDevice::ZRAudioDevice(boost::shared_ptr<ZRBroker> broker, const std::string& name,
                              const ZRAudioDeviceOptions& options)
     : ZRModule(broker, name), options_(options), core_(std::make_shared<Core>()) {
-  validate(options_, name);
+  validateAudioDeviceOptions(options_, name);
   core_->name = name;
   core_->broker = broker;
   core_->options = options_;
-  core_->live = options_.isLive();
+  core_->line = makeAudioLine(name, options_);
   if (options_.source == ZRAudioDeviceOptions::Source::File) {
     // Known now when the file is there; otherwise when a subscribe first opens it.
     ZRAudioFormat f;
@@ -486,17 +44,17 @@ ZRAudioDevice::ZRAudioDevice(boost::shared_ptr<ZRBroker> broker, const std::stri
   } else {
     core_->setFormat({options_.sampleRate.value_or(16000), options_.channelCount.value_or(1)});
   }
-  if (core_->format.channels > kMaxChannels)
-    throw ZRError(name, kClassName,
+  if (core_->format.channels > kMaxAudioChannels)
+    throw ZRError(name, kAudioDeviceClassName,
                   "\"" + options_.path + "\" has " + std::to_string(core_->format.channels) +
-                      " channels; at most " + std::to_string(kMaxChannels) + " are supported");
+                      " channels; at most " + std::to_string(kMaxAudioChannels) + " are supported");
   setModuleDescription("Audio device: delivers the sound of " + options_.describe() +
                        " to its subscribers' \"processRemote\".");
   registerMethods();
 }
 
 void ZRAudioDevice::registerMethods() {
-  functionName("subscribe", kClassName,
+  functionName("subscribe", kAudioDeviceClassName,
                "Starts delivering audio buffers to a module's \"processRemote\"(nbOfChannels, "
                "nbOfSamplesByChannel, timestamp [seconds, microseconds], buffer of interleaved "
                "16-bit samples). The first subscriber starts the source; a source that cannot "
@@ -505,54 +63,55 @@ void ZRAudioDevice::registerMethods() {
   addParam("module", "Name of the subscribing module, which must exist on the broker.");
   bindMethod(&ZRAudioDevice::subscribe);
 
-  functionName("unsubscribe", kClassName,
+  functionName("unsubscribe", kAudioDeviceClassName,
                "Stops delivering to a module and discards its pending buffers. The last one to "
                "leave stops the source. A module that is not subscribed is ignored.",
                0);
   addParam("module", "Name of the module.");
   bindMethod(&ZRAudioDevice::unsubscribe);
 
-  functionName("hold", kClassName,
+  functionName("hold", kAudioDeviceClassName,
                "Holds the next start of the source (or the current one, before its first buffer) "
                "until release, so that several subscribers all get the stream from its start.",
                0);
   bindMethod(&ZRAudioDevice::hold);
 
-  functionName("release", kClassName,
+  functionName("release", kAudioDeviceClassName,
                "Lets a held source deliver. A device created held holds every new start of its "
                "source, each until released; releasing one that is not held does nothing.",
                0);
   bindMethod(&ZRAudioDevice::release);
 
-  functionName("getSubscribers", kClassName, "Lists the subscribed modules.", 0);
+  functionName("getSubscribers", kAudioDeviceClassName, "Lists the subscribed modules.", 0);
   setReturn("modules", "Names of the subscribed modules, sorted.");
   bindMethod(&ZRAudioDevice::getSubscribers);
 
-  functionName("getSampleRate", kClassName, "Gives the sample rate of the delivered buffers.", 0);
+  functionName("getSampleRate", kAudioDeviceClassName,
+               "Gives the sample rate of the delivered buffers.", 0);
   setReturn("rate", "Samples per second and channel; 0 while a file not opened yet decides it.");
   bindMethod(&ZRAudioDevice::getSampleRate);
 
-  functionName("getChannelCount", kClassName, "Gives the channel count of the delivered buffers.",
-               0);
+  functionName("getChannelCount", kAudioDeviceClassName,
+               "Gives the channel count of the delivered buffers.", 0);
   setReturn("channels",
             "Interleaved channels per buffer; 0 while a file not opened yet decides it.");
   bindMethod(&ZRAudioDevice::getChannelCount);
 
-  functionName("getSamplesPerBuffer", kClassName,
+  functionName("getSamplesPerBuffer", kAudioDeviceClassName,
                "Gives how many samples per channel a full buffer holds (the last buffer of a "
                "stream may hold fewer).",
                0);
   setReturn("samples", "Samples per channel in a full buffer.");
   bindMethod(&ZRAudioDevice::getSamplesPerBuffer);
 
-  functionName("getDeliveredBufferCount", kClassName,
+  functionName("getDeliveredBufferCount", kAudioDeviceClassName,
                "Gives how many buffers a module's \"processRemote\" has processed without error.",
                0);
   addParam("module", "Name of a module that has subscribed at least once.");
   setReturn("count", "Buffers delivered since the device was created.");
   bindMethod(&ZRAudioDevice::getDeliveredBufferCount);
 
-  functionName("getDroppedBufferCount", kClassName,
+  functionName("getDroppedBufferCount", kAudioDeviceClassName,
                "Gives how many buffers a live source dropped for a module because it did not keep "
                "up.",
                0);
@@ -560,41 +119,39 @@ void ZRAudioDevice::registerMethods() {
   setReturn("count", "Buffers dropped since the device was created.");
   bindMethod(&ZRAudioDevice::getDroppedBufferCount);
 
-  functionName("isEndOfStream", kClassName,
+  functionName("isEndOfStream", kAudioDeviceClassName,
                "Tells whether the source has ended and \"ZRAudioDevice/EndOfStream\" was raised.",
                0);
   setReturn("ended", "True once the stream has ended; a new first subscriber restarts it.");
   bindMethod(&ZRAudioDevice::isEndOfStream);
 
-  functionName("getSourceDescription", kClassName, "Describes the device's source.", 0);
+  functionName("getSourceDescription", kAudioDeviceClassName, "Describes the device's source.", 0);
   setReturn("description", "For example: tone 440 Hz, paced at real time.");
   bindMethod(&ZRAudioDevice::getSourceDescription);
 
-  functionName("startRecording", kClassName,
+  functionName("startRecording", kAudioDeviceClassName,
                "Writes every buffer delivered from now on to a 16-bit WAV file.", 0);
   addParam("path", "The WAV file to create or overwrite.");
   bindMethod(&ZRAudioDevice::startRecording);
 
-  functionName("stopRecording", kClassName, "Closes the recording started by startRecording.", 0);
+  functionName("stopRecording", kAudioDeviceClassName,
+               "Closes the recording started by startRecording.", 0);
   setReturn("samples", "Samples per channel written; 0 when nothing was being recorded.");
   bindMethod(&ZRAudioDevice::stopRecording);
 }
 
 ZRAudioDevice::~ZRAudioDevice() {
   std::unique_lock<std::mutex> control(controlMutex_);
-  core_->requestStop();
   stopCapture(control);
-  {
-    std::lock_guard<std::mutex> lock(core_->mutex);
-    for (auto& entry : core_->subscribers) {
-      entry.second->active = false;
-      entry.second->queue.clear();
-    }
-    core_->subscribers.clear();
+  // A module still subscribed will call "unsubscribe" on a device that is gone; say so now, while
+  // both names are known, before whatever the module does about it.
+  for (const std::string& module : core_->line->subscribers()) {
+    vo::log::LogStream(vo::LogLevel_Warning, "", "~ZRAudioDevice", kAudioDeviceCategory, 0)
+        << getName() << ": going away while \"" << module << "\" is still subscribed; its later "
+        << "unsubscribe from \"" << getName() << "\" will fail";
   }
-  core_->room.notify_all();
-  core_->settled.notify_all();
-  stopRecording();
+  core_->line->clear(true);
+  core_->recorder.stop();
 }
 
 void ZRAudioDevice::stopCapture(std::unique_lock<std::mutex>&) {
@@ -620,12 +177,9 @@ void ZRAudioDevice::subscribe(const std::string& module) {
     throw ZRError(getName(), "subscribe",
                   "module \"" + module + "\" has no \"processRemote\" method to receive buffers");
 
-  bool first = false;
-  {
-    std::lock_guard<std::mutex> lock(core_->mutex);
-    if (core_->subscribers.count(module)) return;
-    first = core_->subscribers.empty();
-  }
+  // Subscribing twice does nothing: one stream per module, its counts kept.
+  if (core_->line->has(module)) return;
+  const bool first = core_->line->subscribers().empty();
 
   std::unique_ptr<ZRAudioSource> source;
   if (first && options_.source != ZRAudioDeviceOptions::Source::Host) {
@@ -634,67 +188,54 @@ void ZRAudioDevice::subscribe(const std::string& module) {
       ZRAudioFormat f;
       std::lock_guard<std::mutex> lock(core_->mutex);
       if (core_->format.sampleRate == 0 && probeFileFormat(options_, f)) {
-        if (f.channels > kMaxChannels)
+        if (f.channels > kMaxAudioChannels)
           throw ZRError(getName(), "subscribe",
                         "\"" + options_.path + "\" has " + std::to_string(f.channels) +
-                            " channels; at most " + std::to_string(kMaxChannels) +
+                            " channels; at most " + std::to_string(kMaxAudioChannels) +
                             " are supported");
         core_->setFormat(f);
       }
     }
-    source = openAudioSource(options_, core_->format, getName(), "subscribe");
+    ZRAudioFormat format;
+    {
+      std::lock_guard<std::mutex> lock(core_->mutex);
+      format = core_->format;
+    }
+    source = openAudioSource(options_, format, getName(), "subscribe");
   }
 
-  auto sub = std::make_shared<Subscriber>();
-  sub->name = module;
-  sub->proxy = proxy;
-  sub->strand = broker->makeStrand();
+  ZRStrand strand = broker->makeStrand();
+  core_->line->add(
+      module, [strand](std::function<void()> work) { strand.post(std::move(work)); },
+      [proxy](ZRAudioItem& item) {
+        const ZRValue args[4] = {ZRValue(item.channels), ZRValue(item.samplesPerChannel),
+                                 item.timestamp, item.buffer};
+        proxy->metaCall("processRemote", args, 4);
+      },
+      [proxy] { return !proxy->isValid(); });
+  if (!source) return;
   {
     std::lock_guard<std::mutex> lock(core_->mutex);
-    std::shared_ptr<Counters>& counters = core_->counters[module];
-    if (!counters) counters = std::make_shared<Counters>();
-    sub->counters = counters;
-    core_->subscribers[module] = sub;
-    if (source) {
-      core_->stop = false;
-      core_->ended = false;
-      core_->held = core_->held || options_.held;  // a hold() before the start stands
-      core_->capturing = true;
-    }
+    core_->stop = false;
+    core_->ended = false;
+    core_->held = core_->held || options_.held;  // a hold() before the start stands
+    core_->capturing = true;
   }
-  if (source) {
-    vo::log::LogStream(vo::LogLevel_Info, "", "subscribe", kCategory, 0)
-        << getName() << ": starting " << options_.describe() << " for \"" << module << "\"";
-    core_->thread = std::thread(&Core::run, core_, std::move(source));
-  }
+  info("subscribe", getName() + ": starting " + options_.describe() + " for \"" + module + "\"");
+  core_->thread = std::thread(&Core::run, core_, std::move(source));
 }
 
 void ZRAudioDevice::unsubscribe(const std::string& module) {
   std::unique_lock<std::mutex> control(controlMutex_);
-  bool last = false;
-  {
-    std::lock_guard<std::mutex> lock(core_->mutex);
-    auto it = core_->subscribers.find(module);
-    if (it == core_->subscribers.end()) return;
-    it->second->active = false;
-    it->second->queue.clear();
-    core_->subscribers.erase(it);
-    last = core_->subscribers.empty();
-  }
-  core_->room.notify_all();
-  core_->settled.notify_all();
-  if (last && options_.source != ZRAudioDeviceOptions::Source::Host) {
+  if (!core_->line->remove(module)) return;
+  if (core_->line->subscribers().empty() && options_.source != ZRAudioDeviceOptions::Source::Host) {
     stopCapture(control);
-    vo::log::LogStream(vo::LogLevel_Info, "", "unsubscribe", kCategory, 0)
-        << getName() << ": stopped " << options_.describe();
+    info("unsubscribe", getName() + ": stopped " + options_.describe());
   }
 }
 
 std::vector<std::string> ZRAudioDevice::getSubscribers() {
-  std::lock_guard<std::mutex> lock(core_->mutex);
-  std::vector<std::string> names;
-  for (const auto& entry : core_->subscribers) names.push_back(entry.first);
-  return names;
+  return core_->line->subscribers();
 }
 
 int ZRAudioDevice::getSampleRate() {
@@ -713,12 +254,11 @@ int ZRAudioDevice::getSamplesPerBuffer() {
 }
 
 ZRAudioDeliveryStats ZRAudioDevice::getDeliveryStats(const std::string& module) {
-  std::lock_guard<std::mutex> lock(core_->mutex);
-  auto it = core_->counters.find(module);
-  if (it == core_->counters.end())
+  detail::ZRDeliveryCounts c;
+  if (!core_->line->counts(module, c))
     throw ZRError(getName(), "getDeliveryStats",
                   "module \"" + module + "\" never subscribed to this device");
-  return {it->second->delivered, it->second->dropped, it->second->failed};
+  return {c.delivered, c.dropped, c.failed, c.mostQueued};
 }
 
 int ZRAudioDevice::getDeliveredBufferCount(const std::string& module) {
@@ -743,27 +283,38 @@ bool ZRAudioDevice::isCapturing() {
   return core_->capturing;
 }
 
-namespace {
-template <class Predicate>
-bool waitFor(std::condition_variable& cv, std::unique_lock<std::mutex>& lock, int timeoutMs,
-             Predicate done) {
-  if (timeoutMs < 0) {
-    cv.wait(lock, done);
-    return true;
-  }
-  return cv.wait_for(lock, std::chrono::milliseconds(timeoutMs), done);
+bool ZRAudioDevice::waitUntilHeldBack(int timeoutMs) {
+  return core_->line->waitUntilProducerWaits(std::chrono::milliseconds(timeoutMs));
 }
-}  // namespace
+
+bool ZRAudioDevice::waitUntilStopped(int timeoutMs) {
+  std::unique_lock<std::mutex> lock(core_->mutex);
+  auto stopped = [&] { return !core_->capturing; };
+  if (timeoutMs >= 0)
+    return core_->changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), stopped);
+  core_->changed.wait(lock, stopped);
+  return true;
+}
 
 bool ZRAudioDevice::waitUntilIdle(int timeoutMs) {
-  std::unique_lock<std::mutex> lock(core_->mutex);
-  return waitFor(core_->settled, lock, timeoutMs, [&] { return core_->idleLocked(); });
+  return core_->line->waitUntilIdle(std::chrono::milliseconds(timeoutMs));
 }
 
 bool ZRAudioDevice::waitForEndOfStream(int timeoutMs) {
-  std::unique_lock<std::mutex> lock(core_->mutex);
-  return waitFor(core_->settled, lock, timeoutMs,
-                 [&] { return core_->ended && core_->idleLocked(); });
+  const auto start = std::chrono::steady_clock::now();
+  {
+    std::unique_lock<std::mutex> lock(core_->mutex);
+    auto ended = [&] { return core_->ended; };
+    if (timeoutMs < 0)
+      core_->changed.wait(lock, ended);
+    else if (!core_->changed.wait_for(lock, std::chrono::milliseconds(timeoutMs), ended))
+      return false;
+  }
+  if (timeoutMs < 0) return core_->line->waitUntilIdle();
+  const auto spent = std::chrono::duration_cast<std::chrono::milliseconds>(
+      std::chrono::steady_clock::now() - start);
+  return core_->line->waitUntilIdle(
+      std::max(std::chrono::milliseconds(0), std::chrono::milliseconds(timeoutMs) - spent));
 }
 
 void ZRAudioDevice::startRecording(const std::string& path) {
@@ -775,27 +326,11 @@ void ZRAudioDevice::startRecording(const std::string& path) {
   if (f.sampleRate == 0)
     throw ZRError(getName(), "startRecording",
                   "the format is not known yet: " + options_.describe() + " could not be opened");
-  std::lock_guard<std::mutex> lock(core_->recordingMutex);
-  if (core_->recording)
-    throw ZRError(getName(), "startRecording", "already recording; call stopRecording first");
-  SF_INFO info{};
-  info.samplerate = f.sampleRate;
-  info.channels = f.channels;
-  info.format = SF_FORMAT_WAV | SF_FORMAT_PCM_16;
-  SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
-  if (!file)
-    throw ZRError(getName(), "startRecording",
-                  "cannot create \"" + path + "\": " + sf_strerror(nullptr));
-  core_->recording = file;
-  core_->recordedFrames = 0;
+  core_->recorder.start(path, f, getName());
 }
 
 int ZRAudioDevice::stopRecording() {
-  std::lock_guard<std::mutex> lock(core_->recordingMutex);
-  if (!core_->recording) return 0;
-  sf_close(core_->recording);
-  core_->recording = nullptr;
-  return clampToInt(core_->recordedFrames);
+  return clampToInt(core_->recorder.stop());
 }
 
 void ZRAudioDevice::hold() {
@@ -808,7 +343,7 @@ void ZRAudioDevice::release() {
     std::lock_guard<std::mutex> lock(core_->mutex);
     core_->held = false;
   }
-  core_->room.notify_all();
+  core_->changed.notify_all();
 }
 
 ZRValue ZRAudioDevice::deliver(const std::int16_t* interleaved, int samplesPerChannel) {
@@ -820,7 +355,7 @@ ZRValue ZRAudioDevice::deliver(const std::int16_t* interleaved, int samplesPerCh
   if (!interleaved || samplesPerChannel <= 0)
     throw ZRError(getName(), "deliver", "a buffer needs samples");
   const std::size_t count = static_cast<std::size_t>(samplesPerChannel) * channels;
-  std::shared_ptr<BlockPool::Block> block = core_->blocks.acquire(count);
+  std::shared_ptr<ZRAudioBlockPool::Block> block = core_->blocks.acquire(count);
   std::copy(interleaved, interleaved + count, block->data());
   ZRValue buffer(block->data(), count * sizeof(std::int16_t), block);
   deliver(buffer, samplesPerChannel);

@@ -2,6 +2,9 @@
 #include <sstream>
 
 #include <zraudiodevice/zraudiodevice.h>
+#include <zrcommon/zrservicenames.h>
+
+#include "zraudiodevicecore.h"
 
 namespace ZR {
 
@@ -17,7 +20,7 @@ T parseNumber(const std::string& text, const std::string& input, const char* wha
   std::istringstream in(text);
   T value{};
   if (!(in >> value) || !in.eof())
-    throw ZRError("ZRAudioDevice", "fromInput",
+    throw ZRError(kAudioDeviceServiceName, "fromInput",
                   "\"" + input + "\": \"" + text + "\" is not a valid " + what);
   return value;
 }
@@ -28,7 +31,7 @@ ZRAudioDeviceOptions ZRAudioDeviceOptions::fromInput(const std::string& input) {
   using S = Source;
   ZRAudioDeviceOptions o;
   if (input.empty())
-    throw ZRError("ZRAudioDevice", "fromInput",
+    throw ZRError(kAudioDeviceServiceName, "fromInput",
                   "empty input: give a sound file, \"mic\", \"tone:440\", \"noise\", \"silence\" "
                   "or \"-\"");
   if (input == "tone") {
@@ -56,7 +59,8 @@ ZRAudioDeviceOptions ZRAudioDeviceOptions::fromInput(const std::string& input) {
     o.source = S::RawPcm;
     o.fileDescriptor = parseNumber<int>(input.substr(3), input, "file descriptor");
     if (o.fileDescriptor < 0)
-      throw ZRError("ZRAudioDevice", "fromInput", "\"" + input + "\": negative file descriptor");
+      throw ZRError(kAudioDeviceServiceName, "fromInput",
+                    "\"" + input + "\": negative file descriptor");
   } else {
     o.source = S::File;
     o.path = input;
@@ -96,6 +100,44 @@ std::string ZRAudioDeviceOptions::describe() const {
   }
   if (realtime) out << ", paced at real time";
   return out.str();
+}
+
+void validateAudioDeviceOptions(const ZRAudioDeviceOptions& o, const std::string& name) {
+  using S = ZRAudioDeviceOptions::Source;
+  auto fail = [&](const std::string& why) { throw ZRError(name, kAudioDeviceClassName, why); };
+  if (o.sampleRate && *o.sampleRate <= 0)
+    fail("the sample rate must be positive, not " + std::to_string(*o.sampleRate));
+  if (o.channelCount && (*o.channelCount <= 0 || *o.channelCount > kMaxAudioChannels))
+    fail("the channel count must be between 1 and " + std::to_string(kMaxAudioChannels) + ", not " +
+         std::to_string(*o.channelCount));
+  if (o.samplesPerBuffer && *o.samplesPerBuffer <= 0)
+    fail("the samples per buffer must be positive, not " + std::to_string(*o.samplesPerBuffer));
+  if (o.queueCapacity < 1)
+    fail("the queue capacity must be at least 1, not " + std::to_string(o.queueCapacity));
+  if (o.durationSeconds && !(*o.durationSeconds > 0))
+    fail("the duration must be positive, not " + std::to_string(*o.durationSeconds));
+  if (o.source == S::File && o.path.empty()) fail("a file source needs a path");
+  if (o.source == S::Tone || o.source == S::Noise) {
+    if (!(o.amplitude >= 0 && o.amplitude <= 1))
+      fail("the amplitude must be between 0 and 1, not " + std::to_string(o.amplitude));
+  }
+  if (o.source == S::Tone) {
+    const int rate = o.sampleRate.value_or(16000);
+    if (!(o.frequency > 0 && o.frequency < rate / 2.0))
+      fail("the tone frequency must be above 0 and below half the sample rate (" +
+           std::to_string(rate / 2) + " Hz), not " + std::to_string(o.frequency));
+  }
+  switch (o.source) {
+    case S::File:
+    case S::Microphone:
+    case S::Tone:
+    case S::Noise:
+    case S::Silence:
+    case S::RawPcm:
+    case S::Host:
+      return;
+  }
+  fail("unknown source kind " + std::to_string(static_cast<int>(o.source)));
 }
 
 }  // namespace ZR

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include <vo/log.h>
+#include <zrcommon/zrservicenames.h>
 #include <zrerror/zrerror.h>
 
 namespace ZR {
@@ -118,7 +119,7 @@ class FileSource : public ZRAudioSource {
       data.end_of_input = endOfFile_ ? 1 : 0;
       data.src_ratio = ratio_;
       if (int error = src_process(resampler_, &data))
-        throw ZRError("ZRAudioDevice", "read",
+        throw ZRError(kAudioDeviceServiceName, "read",
                       std::string("resampling failed: ") + src_strerror(error));
       pendingOffset_ += static_cast<std::size_t>(data.input_frames_used);
       pendingFrames_ -= static_cast<std::size_t>(data.input_frames_used);
@@ -136,7 +137,7 @@ class FileSource : public ZRAudioSource {
 
   std::size_t checked(sf_count_t count) {
     if (count < 0 || sf_error(file_) != SF_ERR_NO_ERROR)
-      throw ZRError("ZRAudioDevice", "read",
+      throw ZRError(kAudioDeviceServiceName, "read",
                     std::string("cannot read the sound file: ") + sf_strerror(file_));
     return static_cast<std::size_t>(count);
   }
@@ -231,7 +232,8 @@ class RawSource : public ZRAudioSource {
       pollfd p{fd_, POLLIN, 0};
       const int ready = ::poll(&p, 1, 50);
       if (ready < 0 && errno != EINTR)
-        throw ZRError("ZRAudioDevice", "read", std::string("poll failed: ") + std::strerror(errno));
+        throw ZRError(kAudioDeviceServiceName, "read",
+                      std::string("poll failed: ") + std::strerror(errno));
       if (ready <= 0) continue;
       const ssize_t n = ::read(fd_, bytes + have, wanted - have);
       if (n > 0) {
@@ -239,7 +241,7 @@ class RawSource : public ZRAudioSource {
       } else if (n == 0) {
         endOfInput_ = true;
       } else if (errno != EINTR && errno != EAGAIN) {
-        throw ZRError("ZRAudioDevice", "read",
+        throw ZRError(kAudioDeviceServiceName, "read",
                       std::string("cannot read raw PCM input: ") + std::strerror(errno));
       }
     }
@@ -300,7 +302,7 @@ class AlsaSource : public ZRAudioSource {
       if (n == -EAGAIN) continue;
       const int err = snd_pcm_recover(pcm_, static_cast<int>(n), 1);
       if (err < 0)
-        throw ZRError("ZRAudioDevice", "read",
+        throw ZRError(kAudioDeviceServiceName, "read",
                       "microphone \"" + name_ + "\" failed: " + snd_strerror(err));
       vo::log::LogStream(vo::LogLevel_Warning, "", "read", kCategory, 0)
           << "microphone \"" << name_ << "\" overran: samples were lost (" << snd_strerror(n)

@@ -69,9 +69,10 @@ struct ZRAudioDeviceOptions {
 
 /// One subscriber's delivery counts, kept after it unsubscribes.
 struct ZRAudioDeliveryStats {
-  std::int64_t delivered = 0;  ///< buffers handed to its "processRemote"
-  std::int64_t dropped = 0;    ///< buffers dropped because its queue was full (live sources)
-  std::int64_t failed = 0;     ///< deliveries whose "processRemote" threw
+  std::int64_t delivered = 0;   ///< buffers handed to its "processRemote"
+  std::int64_t dropped = 0;     ///< buffers dropped because its queue was full (live sources)
+  std::int64_t failed = 0;      ///< deliveries whose "processRemote" threw (not delivered)
+  std::int64_t mostQueued = 0;  ///< the most buffers that waited for it at once
 };
 
 /// The audio device module, registered as "ZRAudioDevice". It captures from its source on a
@@ -85,8 +86,16 @@ struct ZRAudioDeliveryStats {
 ///
 /// A live source never waits: each subscriber has a bounded queue whose oldest buffer is dropped
 /// (counted, and warned about) when it overflows. Other sources wait for the slowest subscriber
-/// and lose nothing. A subscriber whose "processRemote" throws keeps receiving; one that was
-/// destroyed is unsubscribed.
+/// and lose nothing; none of them lets a queue grow past `queueCapacity`. A subscriber whose
+/// "processRemote" throws keeps receiving; one that was destroyed is unsubscribed. A device
+/// destroyed while modules are still subscribed logs one warning per module.
+///
+/// Concurrency: every method may be called from any thread, a subscriber's own "processRemote"
+/// included. subscribe and unsubscribe serialise with each other and with the destructor; the
+/// first subscribe opens the source (a file, a microphone) on the caller's thread, and the last
+/// unsubscribe joins the capture thread, which stops within one read of the source. deliver waits
+/// for the slowest subscriber (non-live host source only); waitUntilIdle and waitForEndOfStream
+/// wait as long as they are told; every other method returns at once.
 class ZRAudioDevice : public ZRModule {
  public:
   /// Throws ZRError for invalid options. A file that cannot be opened is not an error yet: the
@@ -128,6 +137,12 @@ class ZRAudioDevice : public ZRModule {
   ZRAudioDeliveryStats getDeliveryStats(const std::string& module);
   /// True while the capture thread runs.
   bool isCapturing();
+  /// Waits until the producer (capture thread or deliver) is held back by a subscriber's full
+  /// queue, which only a non-live source does; false when `timeoutMs` passed first.
+  bool waitUntilHeldBack(int timeoutMs);
+  /// Waits until the capture thread has ended (at once when none runs); timeoutMs < 0 waits
+  /// forever. True when it has.
+  bool waitUntilStopped(int timeoutMs);
   /// Waits until no buffer is waiting for or inside a subscriber; timeoutMs < 0 waits forever.
   bool waitUntilIdle(int timeoutMs);
   /// Waits until the source has ended, "ZRAudioDevice/EndOfStream" has been raised and every

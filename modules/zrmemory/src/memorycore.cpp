@@ -11,7 +11,7 @@ namespace ZR {
 namespace detail {
 
 namespace {
-const std::chrono::seconds kWarningInterval(1);
+const char* kCategory = "zrmemory";
 // Events one drain task delivers before it lets other work onto the pool.
 const int kDrainBatch = 64;
 
@@ -24,23 +24,37 @@ std::string quoted(const std::string& s) {
   return "\"" + s + "\"";
 }
 
-std::string heldBack(int suppressed) {
+std::string heldBack(std::int64_t suppressed) {
   return suppressed > 0 ? " (" + std::to_string(suppressed) + " similar warnings held back)" : "";
 }
-}  // namespace
 
-bool RateLimiter::allow(int& suppressed) {
-  const auto now = std::chrono::steady_clock::now();
-  if (started_ && now - last_ < kWarningInterval) {
-    ++held_;
-    return false;
-  }
-  started_ = true;
-  last_ = now;
-  suppressed = held_;
-  held_ = 0;
-  return true;
+std::shared_ptr<EventLine> makeEventLine(const std::string& name, int capacity) {
+  EventLine::Options o;
+  o.policy = ZRDeliveryPolicy::DropOldest;  // raiseEvent never waits for a subscriber
+  o.capacity = static_cast<std::size_t>(capacity);
+  o.batch = kDrainBatch;
+  o.removeWhenRefused = false;
+  o.category = kCategory;
+  o.publishFunction = "raiseEvent";
+  o.deliverFunction = "deliver";
+  o.texts.dropped = [name, capacity](const std::string& sub, std::int64_t total,
+                                     std::int64_t suppressed) {
+    return name + ": " + quoted(sub) + " does not keep up with its events: its " +
+           std::to_string(capacity) + " pending events are full, the oldest is dropped (" +
+           std::to_string(total) + " dropped so far)" + heldBack(suppressed);
+  };
+  o.texts.failed = [name](const std::string& sub, const PendingEvent& pending,
+                          const std::string& failure, std::int64_t suppressed) {
+    return name + ": delivering event " + quoted(pending.event) + " to " + quoted(sub) +
+           " through " + quoted(pending.callback) + " failed: " + failure + heldBack(suppressed);
+  };
+  o.texts.refused = [name](const std::string& sub, const std::string& why,
+                           std::int64_t suppressed) {
+    return name + ": events for " + quoted(sub) + " are dropped: " + why + heldBack(suppressed);
+  };
+  return std::make_shared<EventLine>(std::move(o));
 }
+}  // namespace
 
 // Serialises subscribe, unsubscribe and removal for one (subscriber, producer) pair across the
 // call to the producer. Refuses a thread that already holds the pair: that thread is inside the
@@ -85,15 +99,19 @@ class MemoryCore::LinkGuard {
 
 MemoryCore::MemoryCore(const std::string& name, const boost::shared_ptr<ZRBroker>& broker,
                        int queueCapacity)
-    : name_(name), broker_(broker), session_(broker->session()), capacity_(queueCapacity) {}
+    : name_(name),
+      broker_(broker),
+      session_(broker->session()),
+      capacity_(queueCapacity),
+      restarts_(broker->makeStrand()),
+      line_(makeEventLine(name, queueCapacity)) {}
 
 void MemoryCore::fail(const char* operation, const std::string& description) const {
   throw ZRError(name_, operation, description);
 }
 
 void MemoryCore::warn(const char* function, const std::string& message) const {
-  vo::log::LogStream(vo::LogLevel_Warning, "", function, "zrmemory", 0)
-      << name_ << ": " << message << std::endl;
+  zrDeliveryWarn(kCategory, function, name_ + ": " + message);
 }
 
 void MemoryCore::requireName(const char* operation, const char* what,
@@ -149,37 +167,16 @@ void MemoryCore::declareEvent(const std::string& event, const std::string& produ
 
 void MemoryCore::raiseEvent(const std::string& event, const ZRValue& value) {
   requireName("raiseEvent", "the event name", event);
-  std::vector<boost::shared_ptr<MemorySubscriber>> wake;
   std::vector<std::string> warnings;
   {
+    // Queued under the lock, so that an unsubscription either sees the event queued (and
+    // discards it) or happens before it is raised.
     std::lock_guard<std::mutex> lock(mutex_);
     data_[event] = value;
-    for (const Subscription& s : events_[event].subscriptions) {
-      auto it = subscribers_.find(s.subscriber);
-      if (it == subscribers_.end()) continue;
-      MemorySubscriber& sub = *it->second;
-      sub.queue.push_back(PendingEvent{event, value, s.callback});
-      ++outstanding_;
-      if (static_cast<int>(sub.queue.size()) > capacity_) {
-        sub.queue.pop_front();
-        --outstanding_;
-        const long long total = ++dropped_[sub.name];
-        int suppressed = 0;
-        if (sub.dropWarnings.allow(suppressed)) {
-          warnings.push_back(quoted(sub.name) + " does not keep up with its events: its " +
-                             std::to_string(capacity_) +
-                             " pending events are full, the oldest is " + "dropped (" +
-                             std::to_string(total) + " dropped so far)" + heldBack(suppressed));
-        }
-      }
-      if (!sub.scheduled) {
-        sub.scheduled = true;
-        wake.push_back(it->second);
-      }
-    }
+    for (const Subscription& s : events_[event].subscriptions)
+      line_->push(s.subscriber, PendingEvent{event, value, s.callback}, nullptr, &warnings);
   }
-  for (const auto& s : wake) schedule(s);
-  for (const auto& w : warnings) warn("raiseEvent", w);
+  for (const auto& w : warnings) zrDeliveryWarn(kCategory, "raiseEvent", w);
 }
 
 std::vector<std::string> MemoryCore::getEventList() {
@@ -206,9 +203,9 @@ std::vector<std::string> MemoryCore::getSubscribers(const std::string& event) {
 }
 
 int MemoryCore::getDroppedEventCount(const std::string& module) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  auto it = dropped_.find(module);
-  return it == dropped_.end() ? 0 : static_cast<int>(std::min<long long>(it->second, INT_MAX));
+  ZRDeliveryCounts counts;
+  if (!line_->counts(module, counts)) return 0;
+  return static_cast<int>(std::min<std::int64_t>(counts.dropped, INT_MAX));
 }
 
 // ---- Subscriptions ----
@@ -235,11 +232,16 @@ Subscription* MemoryCore::findLocked(const std::string& event, const std::string
 
 void MemoryCore::recordLocked(const std::string& event, const std::string& module,
                               const std::string& callback, const std::string& producer,
-                              const boost::shared_ptr<MemorySubscriber>& fresh) {
+                              const Delivery& delivery) {
   events_[event].subscriptions.push_back(Subscription{module, callback, producer});
-  boost::shared_ptr<MemorySubscriber>& sub = subscribers_[module];
-  if (!sub) sub = fresh;
-  ++sub->subscriptions;
+  if (++subscriptionCounts_[module] > 1) return;
+  const ZRStrand strand = delivery.strand;
+  const boost::shared_ptr<ZRProxy> proxy = delivery.proxy;
+  line_->add(
+      module, [strand](std::function<void()> work) { strand.post(std::move(work)); },
+      [proxy, module](PendingEvent& p) {
+        proxy->call<void>(p.callback, p.event, p.value, module);
+      });
 }
 
 bool MemoryCore::removeLocked(const std::string& event, const std::string& module) {
@@ -250,28 +252,15 @@ bool MemoryCore::removeLocked(const std::string& event, const std::string& modul
                         [&](const Subscription& x) { return x.subscriber == module; });
   if (s == subs.end()) return false;
   subs.erase(s);
-  auto sit = subscribers_.find(module);
-  if (sit == subscribers_.end()) return true;
-  MemorySubscriber& sub = *sit->second;
-  // Nothing of this event starts after the unsubscription returns.
-  const std::size_t before = sub.queue.size();
-  sub.queue.erase(std::remove_if(sub.queue.begin(), sub.queue.end(),
-                                 [&](const PendingEvent& p) { return p.event == event; }),
-                  sub.queue.end());
-  outstanding_ -= static_cast<long>(before - sub.queue.size());
-  if (--sub.subscriptions == 0) {
-    closeSubscriberLocked(sub);
-    subscribers_.erase(sit);
+  // Nothing of this event starts after the unsubscription returns (the caller waits for one
+  // already running, once it holds no lock).
+  line_->discard(module, [&](const PendingEvent& p) { return p.event == event; });
+  auto count = subscriptionCounts_.find(module);
+  if (count != subscriptionCounts_.end() && --count->second == 0) {
+    subscriptionCounts_.erase(count);
+    line_->remove(module);
   }
-  if (outstanding_ == 0) idle_.notify_all();
   return true;
-}
-
-void MemoryCore::closeSubscriberLocked(MemorySubscriber& subscriber) {
-  subscriber.closed = true;
-  outstanding_ -= static_cast<long>(subscriber.queue.size());
-  subscriber.queue.clear();
-  if (outstanding_ == 0) idle_.notify_all();
 }
 
 void MemoryCore::dropLinkRecordsLocked(const std::string& module, const std::string& producer) {
@@ -308,13 +297,12 @@ void MemoryCore::subscribeToEvent(const std::string& event, const std::string& m
                    " to receive event " + quoted(event));
     }
   }
-  boost::shared_ptr<MemorySubscriber> fresh = boost::make_shared<MemorySubscriber>();
-  fresh->name = module;
-  fresh->proxy = boost::make_shared<ZRProxy>(module, handle);
+  Delivery fresh;
+  fresh.proxy = boost::make_shared<ZRProxy>(module, handle);
   boost::shared_ptr<ZRBroker> broker = broker_.lock();
   if (!broker) fail(op, "the broker hosting this service is gone");
   try {
-    fresh->strand = broker->makeStrand();
+    fresh.strand = broker->makeStrand();
   } catch (const ZRError& e) {
     fail(op, e.what());
   }
@@ -404,7 +392,7 @@ void MemoryCore::unsubscribeToEvent(const std::string& event, const std::string&
       if (!s) fail(op, notSubscribed);
       if (s->producer.empty()) {
         removeLocked(event, module);
-        return;
+        break;
       }
       producer = s->producer;
     }
@@ -428,12 +416,15 @@ void MemoryCore::unsubscribeToEvent(const std::string& event, const std::string&
     std::lock_guard<std::mutex> lock(mutex_);
     ProducerLink& link = guard.link();
     if (removeLocked(event, module) && --link.count == 0) link.subscribedAt.reset();
-    return;
+    break;
   }
+  // Outside every lock: the running callback may call this service.
+  line_->awaitCurrent(module, [&](const PendingEvent& p) { return p.event == event; });
 }
 
 void MemoryCore::moduleRemoved(const std::string& module) {
   const char* fn = "moduleRemoved";
+  producerRemoved(module);
   for (;;) {
     std::string producer;
     {
@@ -488,88 +479,86 @@ void MemoryCore::moduleRemoved(const std::string& module) {
   }
 }
 
-void MemoryCore::close() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  closed_ = true;
-  for (auto& entry : subscribers_) closeSubscriberLocked(*entry.second);
-  subscribers_.clear();
-  idle_.notify_all();
+// A producer that goes away while modules are subscribed to its events forgets them with its
+// state. The record of which instance was told "subscribe" is retired now, and the next module
+// registered under that name is told "subscribe" for each of them, so that it serves them again.
+void MemoryCore::producerRemoved(const std::string& producer) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (closed_) return;
+    bool served = false;
+    for (auto& [key, link] : links_) {
+      if (key.second != producer || link->count == 0) continue;
+      link->subscribedAt.reset();
+      served = true;
+    }
+    if (!served || !awaitedProducers_.insert(producer).second) return;
+  }
+  std::weak_ptr<MemoryCore> weak = shared_from_this();
+  // The continuation runs in the thread that registers the new module, under the broker's lock:
+  // it only posts.
+  session_->waitForService(producer).async().connect([weak, producer](const vo::Future<void>& f) {
+    std::shared_ptr<MemoryCore> self = weak.lock();
+    if (!self) return;
+    if (f.hasError()) {  // the session closed: nobody comes back
+      std::lock_guard<std::mutex> lock(self->mutex_);
+      self->awaitedProducers_.erase(producer);
+      return;
+    }
+    try {
+      self->restarts_.post([weak, producer] {
+        if (std::shared_ptr<MemoryCore> core = weak.lock()) core->restartProducer(producer);
+      });
+    } catch (const ZRError& e) {
+      self->warn("moduleRemoved", "cannot restart " + quoted(producer) + ": " + e.what());
+      std::lock_guard<std::mutex> lock(self->mutex_);
+      self->awaitedProducers_.erase(producer);
+    }
+  });
 }
 
-// ---- Delivery ----
-
-void MemoryCore::schedule(const boost::shared_ptr<MemorySubscriber>& subscriber) {
-  try {
-    subscriber->strand.post([self = shared_from_this(), subscriber] { self->drain(subscriber); });
-    return;
-  } catch (const ZRError& e) {
-    // The broker is shut down: nothing will run these events, so they must not count as pending.
-    int suppressed = 0;
-    bool report = false;
-    {
+void MemoryCore::restartProducer(const std::string& producer) {
+  const char* fn = "restartProducer";
+  const boost::weak_ptr<vo::DynamicObject> handle = session_->serviceHandle(producer);
+  std::vector<std::string> subscribers;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    awaitedProducers_.erase(producer);
+    if (closed_) return;
+    for (const auto& [key, link] : links_)
+      if (key.second == producer && link->count > 0) subscribers.push_back(key.first);
+  }
+  for (const std::string& module : subscribers) {
+    try {
+      LinkGuard guard(*this, module, producer, fn);
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        // Settled meanwhile: unsubscribed, or subscribed again by a subscribeToEvent.
+        if (guard.link().count == 0 || sameObject(guard.link().subscribedAt, handle)) continue;
+      }
+      if (handle.expired()) return;  // gone again: its removal waits for the next one
+      ZRProxy(producer, handle).call<void>("subscribe", module);
       std::lock_guard<std::mutex> lock(mutex_);
-      subscriber->scheduled = false;
-      outstanding_ -= static_cast<long>(subscriber->queue.size());
-      subscriber->queue.clear();
-      if (outstanding_ == 0) idle_.notify_all();
-      report = subscriber->dropWarnings.allow(suppressed);
-    }
-    if (report) {
-      warn("raiseEvent", "events for " + quoted(subscriber->name) + " are dropped: " + e.what() +
-                             heldBack(suppressed));
+      if (guard.link().count > 0) guard.link().subscribedAt = handle;
+    } catch (const ZRError& e) {
+      warn(fn, "could not subscribe " + quoted(module) + " again to " + quoted(producer) +
+                   ", which came back: " + e.what());
     }
   }
 }
 
-void MemoryCore::drain(const boost::shared_ptr<MemorySubscriber>& subscriber) {
-  std::unique_lock<std::mutex> lock(mutex_);
-  for (int n = 0;; ++n) {
-    if (subscriber->closed || subscriber->queue.empty()) {
-      subscriber->scheduled = false;
-      return;
-    }
-    if (n == kDrainBatch) {
-      // Still scheduled: the repost continues where this task stops.
-      lock.unlock();
-      schedule(subscriber);
-      return;
-    }
-    {
-      PendingEvent pending = std::move(subscriber->queue.front());
-      subscriber->queue.pop_front();
-      lock.unlock();
-      deliver(*subscriber, pending);
-    }
-    lock.lock();
-    if (--outstanding_ == 0) idle_.notify_all();
+void MemoryCore::close() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    closed_ = true;
+    subscriptionCounts_.clear();
   }
-}
-
-void MemoryCore::deliver(MemorySubscriber& subscriber, const PendingEvent& pending) {
-  std::string failure;
-  try {
-    subscriber.proxy->call<void>(pending.callback, pending.event, pending.value, subscriber.name);
-    return;
-  } catch (const std::exception& e) {
-    failure = e.what();
-  } catch (...) {
-    failure = "unknown exception";
-  }
-  int suppressed = 0;
-  if (!subscriber.failureWarnings.allow(suppressed)) return;
-  warn("deliver", "delivering event " + quoted(pending.event) + " to " + quoted(subscriber.name) +
-                      " through " + quoted(pending.callback) + " failed: " + failure +
-                      heldBack(suppressed));
+  line_->clear(true);
 }
 
 bool MemoryCore::waitForDeliveries(std::chrono::milliseconds timeout) {
-  std::unique_lock<std::mutex> lock(mutex_);
-  auto done = [this] { return outstanding_ == 0; };
-  if (timeout == std::chrono::milliseconds::max()) {
-    idle_.wait(lock, done);
-    return true;
-  }
-  return idle_.wait_for(lock, timeout, done);
+  if (timeout == std::chrono::milliseconds::max()) timeout = std::chrono::milliseconds(-1);
+  return line_->waitUntilIdle(timeout);
 }
 
 }  // namespace detail

@@ -4,6 +4,7 @@
 #include <condition_variable>
 #include <deque>
 #include <map>
+#include <set>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -15,6 +16,7 @@
 #include <boost/weak_ptr.hpp>
 
 #include <vo/session.h>
+#include <zrcommon/detail/zrdeliveryline.h>
 #include <zrcommon/zrbroker.h>
 #include <zrcommon/zrproxy.h>
 #include <zrvalue/zrvalue.h>
@@ -22,37 +24,14 @@
 namespace ZR {
 namespace detail {
 
-/// Lets a repeated warning out at most once a second, and says how many were held back.
-class RateLimiter {
- public:
-  bool allow(int& suppressed);
-
- private:
-  std::chrono::steady_clock::time_point last_;
-  bool started_ = false;
-  int held_ = 0;
-};
-
+/// One event on its way to one subscriber's callback.
 struct PendingEvent {
   std::string event;
   ZRValue value;
   std::string callback;
 };
 
-/// One subscriber module's delivery line. Exists while the module has at least one subscription.
-struct MemorySubscriber {
-  std::string name;
-  ZRStrand strand;
-  boost::shared_ptr<ZRProxy> proxy;
-  // Guarded by MemoryCore::mutex_.
-  std::deque<PendingEvent> queue;
-  bool scheduled = false;  // a drain task is posted or running
-  bool closed = false;
-  int subscriptions = 0;
-  RateLimiter dropWarnings;
-  // Only touched by the drain, which the strand serialises.
-  RateLimiter failureWarnings;
-};
+using EventLine = ZRDeliveryLine<PendingEvent>;
 
 struct Subscription {
   std::string subscriber;
@@ -101,7 +80,9 @@ class MemoryCore : public std::enable_shared_from_this<MemoryCore> {
 
   int queueCapacity() const { return capacity_; }
   bool waitForDeliveries(std::chrono::milliseconds timeout);
-  /// A module left the session: drop its subscriptions, unsubscribing it from its producers.
+  /// A module left the session: drop its subscriptions, unsubscribing it from its producers; if
+  /// it was a producer that modules are subscribed to, tell it "subscribe" again for each of them
+  /// when a module of that name comes back.
   void moduleRemoved(const std::string& module);
   /// The service is going away: stop delivering and ignore further removals.
   void close();
@@ -115,16 +96,17 @@ class MemoryCore : public std::enable_shared_from_this<MemoryCore> {
   void requireName(const char* operation, const char* what, const std::string& value) const;
 
   Subscription* findLocked(const std::string& event, const std::string& module);
+  struct Delivery {
+    ZRStrand strand;
+    boost::shared_ptr<ZRProxy> proxy;
+  };
   void recordLocked(const std::string& event, const std::string& module,
                     const std::string& callback, const std::string& producer,
-                    const boost::shared_ptr<MemorySubscriber>& fresh);
+                    const Delivery& delivery);
   bool removeLocked(const std::string& event, const std::string& module);
   void dropLinkRecordsLocked(const std::string& module, const std::string& producer);
-  void closeSubscriberLocked(MemorySubscriber& subscriber);
-
-  void schedule(const boost::shared_ptr<MemorySubscriber>& subscriber);
-  void drain(const boost::shared_ptr<MemorySubscriber>& subscriber);
-  void deliver(MemorySubscriber& subscriber, const PendingEvent& pending);
+  void producerRemoved(const std::string& producer);
+  void restartProducer(const std::string& producer);
 
   const std::string name_;
   const boost::weak_ptr<ZRBroker> broker_;
@@ -134,15 +116,17 @@ class MemoryCore : public std::enable_shared_from_this<MemoryCore> {
 
   // Never held while calling another module or logging.
   std::mutex mutex_;
-  std::condition_variable idle_;
   bool closed_ = false;
   std::map<std::string, ZRValue> data_;
   std::map<std::string, EventRecord> events_;
   std::map<std::string, std::vector<std::string>> producerEvents_;
-  std::map<std::string, boost::shared_ptr<MemorySubscriber>> subscribers_;
+  std::map<std::string, int> subscriptionCounts_;  // per subscriber module, while it has any
   std::map<LinkKey, std::shared_ptr<ProducerLink>> links_;
-  std::map<std::string, long long> dropped_;
-  long outstanding_ = 0;  // events queued or being delivered, over all subscribers
+  std::set<std::string> awaitedProducers_;  // gone producers whose return restarts them
+  // Serialises those restarts on the pool, away from the thread that registers the producer.
+  ZRStrand restarts_;
+  // The callbacks' queues; its lock nests inside mutex_.
+  const std::shared_ptr<EventLine> line_;
 };
 
 }  // namespace detail

@@ -4,10 +4,15 @@
 
 namespace ZR {
 
+namespace {
+// The declaring class of the remote methods below.
+const char* kClassName = "ZRMemory";
+}  // namespace
+
 ZRMemory::ZRMemory(boost::shared_ptr<ZRBroker> broker, const std::string& name, int queueCapacity)
     : ZRModule(broker, name) {
   if (queueCapacity < 1) {
-    throw ZRError(name, "ZRMemory",
+    throw ZRError(name, kClassName,
                   "the queue capacity must be at least 1, not " + std::to_string(queueCapacity));
   }
   core_ = std::make_shared<detail::MemoryCore>(name, broker, queueCapacity);
@@ -19,38 +24,38 @@ ZRMemory::ZRMemory(boost::shared_ptr<ZRBroker> broker, const std::string& name, 
     if (std::shared_ptr<detail::MemoryCore> core = weak.lock()) core->moduleRemoved(module);
   });
 
-  functionName("insertData", "ZRMemory", "Stores a value under a key, replacing any value there.",
+  functionName("insertData", kClassName, "Stores a value under a key, replacing any value there.",
                0);
   addParam("key", "Name of the data.");
   addParam("value", "Value to store.");
   bindMethod(&ZRMemory::insertData);
 
-  functionName("getData", "ZRMemory", "Gives the value stored under a key.", 0);
+  functionName("getData", kClassName, "Gives the value stored under a key.", 0);
   addParam("key", "Name of the data; an error when nothing is stored under it.");
   setReturn("value", "The stored value.");
   bindMethod(&ZRMemory::getData);
 
-  functionName("getDataListName", "ZRMemory", "Lists the keys that hold a value.", 0);
+  functionName("getDataListName", kClassName, "Lists the keys that hold a value.", 0);
   setReturn("keys", "Keys in alphabetical order, including the names of raised events.");
   bindMethod(&ZRMemory::getDataListName);
 
-  functionName("removeData", "ZRMemory", "Removes a key and its value.", 0);
+  functionName("removeData", kClassName, "Removes a key and its value.", 0);
   addParam("key", "Name of the data; an error when nothing is stored under it.");
   bindMethod(&ZRMemory::removeData);
 
-  functionName("declareEvent", "ZRMemory", "Declares an event and the module that raises it.", 0);
+  functionName("declareEvent", kClassName, "Declares an event and the module that raises it.", 0);
   addParam("event", "Name of the event.");
   addParam("producer",
            "Name of the module that raises the event; empty when no module produces it.");
   bindMethod(&ZRMemory::declareEvent);
 
-  functionName("raiseEvent", "ZRMemory",
+  functionName("raiseEvent", kClassName,
                "Stores a value under an event's name and sends it to the event's subscribers.", 0);
   addParam("event", "Name of the event; an undeclared event becomes known without a producer.");
   addParam("value", "Value of the event.");
   bindMethod(&ZRMemory::raiseEvent);
 
-  functionName("subscribeToEvent", "ZRMemory",
+  functionName("subscribeToEvent", kClassName,
                "Subscribes a module to an event, and to the event's producer on its first event "
                "of that producer.",
                0);
@@ -61,7 +66,7 @@ ZRMemory::ZRMemory(boost::shared_ptr<ZRBroker> broker, const std::string& name, 
            "subscriberIdentifier) for each raised event.");
   bindMethod(&ZRMemory::subscribeToEvent);
 
-  functionName("unsubscribeToEvent", "ZRMemory",
+  functionName("unsubscribeToEvent", kClassName,
                "Unsubscribes a module from an event, and from the event's producer after its last "
                "event of that producer.",
                0);
@@ -69,21 +74,21 @@ ZRMemory::ZRMemory(boost::shared_ptr<ZRBroker> broker, const std::string& name, 
   addParam("module", "Name of the subscribed module; an error when it is not subscribed.");
   bindMethod(&ZRMemory::unsubscribeToEvent);
 
-  functionName("getEventList", "ZRMemory", "Lists the known events.", 0);
+  functionName("getEventList", kClassName, "Lists the known events.", 0);
   setReturn("events", "Event names in alphabetical order.");
   bindMethod(&ZRMemory::getEventList);
 
-  functionName("getExtractorEvent", "ZRMemory", "Lists the events that a module produces.", 0);
+  functionName("getExtractorEvent", kClassName, "Lists the events that a module produces.", 0);
   addParam("producer", "Name of the producing module.");
   setReturn("events", "The events it declared, in declaration order; empty when none.");
   bindMethod(&ZRMemory::getExtractorEvent);
 
-  functionName("getSubscribers", "ZRMemory", "Lists the modules subscribed to an event.", 0);
+  functionName("getSubscribers", kClassName, "Lists the modules subscribed to an event.", 0);
   addParam("event", "Name of the event.");
   setReturn("subscribers", "Module names in subscription order; empty for an unknown event.");
   bindMethod(&ZRMemory::getSubscribers);
 
-  functionName("getDroppedEventCount", "ZRMemory",
+  functionName("getDroppedEventCount", kClassName,
                "Gives how many events a subscriber lost because it did not keep up.", 0);
   addParam("module", "Name of the subscriber module.");
   setReturn("dropped", "Events dropped for it since the service started.");

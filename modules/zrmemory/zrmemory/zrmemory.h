@@ -28,7 +28,17 @@ class MemoryCore;
 /// Subscribing a module to an event that a producer module declared also subscribes it to that
 /// producer (its one-argument remote "subscribe") when it is the module's first event of that
 /// producer; unsubscribing from its last one calls the producer's "unsubscribe". When a
-/// subscriber module goes away, its subscriptions are dropped the same way.
+/// subscriber module goes away, its subscriptions are dropped the same way. When a producer goes
+/// away and a module comes back under its name, that module is told "subscribe" for every module
+/// still subscribed to its events.
+///
+/// Concurrency: every method may be called from any thread, callbacks included. Data and event
+/// lists take one short lock. raiseEvent never blocks on a subscriber. subscribeToEvent and
+/// unsubscribeToEvent call the producer synchronously (changes of one subscriber and producer
+/// pair are serialised across that call; nothing is locked while it runs); once
+/// unsubscribeToEvent returns, no callback of that event queued before reaches the module, as it
+/// also waits for one already running on another thread. waitForDeliveries blocks until the
+/// last queued callback has returned.
 class ZRMemory : public ZRModule {
  public:
   static constexpr int kDefaultQueueCapacity = 1024;

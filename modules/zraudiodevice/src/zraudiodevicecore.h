@@ -1,0 +1,92 @@
+#pragma once
+
+// The parts of the audio device that its capture thread and the delivery tasks share with it.
+// The device object itself may go away on any of those threads, so they hold this instead.
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include <boost/weak_ptr.hpp>
+
+#include <zraudiodevice/zraudiodevice.h>
+#include <zrcommon/detail/zrdeliveryline.h>
+
+#include "zraudioblockpool.h"
+#include "zraudiorecorder.h"
+#include "zraudiosource.h"
+
+namespace ZR {
+
+inline constexpr const char* kAudioDeviceCategory = "zraudiodevice";
+inline constexpr int kMaxAudioChannels = 32;
+/// The declaring class of the device's remote methods, and the operation its constructor names.
+inline constexpr const char* kAudioDeviceClassName = "ZRAudioDevice";
+
+/// One buffer on its way to one subscriber's "processRemote".
+struct ZRAudioItem {
+  int channels = 0;
+  int samplesPerChannel = 0;
+  ZRValue timestamp;
+  ZRValue buffer;
+};
+
+using ZRAudioLine = detail::ZRDeliveryLine<ZRAudioItem>;
+
+/// Throws ZRError (module `name`) for options no source can run with.
+void validateAudioDeviceOptions(const ZRAudioDeviceOptions& options, const std::string& name);
+
+/// The fan-out of buffers to the subscribers: a live source drops the oldest buffer of a
+/// subscriber that does not keep up, any other waits for the slowest and loses nothing.
+std::shared_ptr<ZRAudioLine> makeAudioLine(const std::string& deviceName,
+                                           const ZRAudioDeviceOptions& options);
+
+struct ZRAudioDevice::Core : std::enable_shared_from_this<ZRAudioDevice::Core> {
+  std::string name;
+  boost::weak_ptr<ZRBroker> broker;
+  ZRAudioDeviceOptions options;
+  std::shared_ptr<ZRAudioLine> line;
+
+  // Guards what follows, up to `thread`; `changed` tells the capture thread about release and
+  // stop, and hosts about the end of the stream and of the capture.
+  std::mutex mutex;
+  std::condition_variable changed;
+  ZRAudioFormat format;  // zero until known
+  int samplesPerBuffer = 0;
+  bool capturing = false;
+  bool ended = false;
+  bool held = false;
+  std::atomic<bool> stop{false};
+  std::thread thread;  // touched only under the device's control mutex
+
+  // The one producer (capture thread, or a host under producerMutex) owns the position.
+  std::mutex producerMutex;
+  std::int64_t position = 0;
+  ZRAudioBlockPool blocks;
+  ZRAudioRecorder recorder;
+
+  void setFormat(const ZRAudioFormat& f);
+  /// [seconds, microseconds] of sample `index`, from the cumulative index so that rounding never
+  /// accumulates.
+  ZRValue timestampOf(std::int64_t index) const;
+
+  /// Records and queues one buffer for every subscriber. False when nobody is subscribed any
+  /// more or the device is stopping.
+  bool publish(const ZRValue& buffer, std::size_t frames);
+  /// The capture thread: reads the source until it ends or the device stops.
+  void run(std::unique_ptr<ZRAudioSource> source);
+  /// Once every buffer is processed, raises the end of the stream from the broker's pool.
+  void finishStream();
+  void requestStop();
+  bool isLive() const { return options.isLive(); }
+
+ private:
+  void raiseEndOfStream(float seconds);
+  void markEnded();
+};
+
+}  // namespace ZR

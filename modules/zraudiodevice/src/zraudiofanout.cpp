@@ -1,0 +1,69 @@
+// The fan-out: every buffer goes to every subscriber's "processRemote", in order, through the
+// shared delivery line, with the device's own warnings.
+
+#include <algorithm>
+#include <climits>
+
+#include <zrcommon/zrproxy.h>
+
+#include "zraudiodevicecore.h"
+
+namespace ZR {
+
+std::shared_ptr<ZRAudioLine> makeAudioLine(const std::string& deviceName,
+                                           const ZRAudioDeviceOptions& options) {
+  ZRAudioLine::Options o;
+  o.policy =
+      options.isLive() ? detail::ZRDeliveryPolicy::DropOldest : detail::ZRDeliveryPolicy::Lossless;
+  o.capacity = static_cast<std::size_t>(options.queueCapacity);
+  o.resumeAt = o.capacity / 2;
+  o.category = kAudioDeviceCategory;
+  o.publishFunction = "publish";
+  o.deliverFunction = "deliver";
+  const std::string name = deviceName;
+  o.texts.dropped = [name](const std::string& sub, std::int64_t dropped, std::int64_t heldBack) {
+    return name + ": subscriber \"" + sub + "\" does not keep up: its oldest buffer was dropped (" +
+           std::to_string(dropped) + " dropped so far, " + std::to_string(heldBack) +
+           " warnings held back)";
+  };
+  o.texts.failed = [name](const std::string& sub, const ZRAudioItem&, const std::string& failure,
+                          std::int64_t heldBack) {
+    return name + ": \"processRemote\" of \"" + sub + "\" failed: " + failure + " (" +
+           std::to_string(heldBack) + " warnings held back)";
+  };
+  o.texts.gone = [name](const std::string& sub) {
+    return name + ": subscriber \"" + sub + "\" is gone; it is unsubscribed";
+  };
+  o.texts.refused = [name](const std::string& sub, const std::string&, std::int64_t) {
+    return name + ": cannot deliver to \"" + sub + "\": the broker is shut down";
+  };
+  return std::make_shared<ZRAudioLine>(std::move(o));
+}
+
+void ZRAudioDevice::Core::setFormat(const ZRAudioFormat& f) {
+  format = f;
+  samplesPerBuffer = options.samplesPerBuffer.value_or(std::max(1, f.sampleRate / 10));
+}
+
+ZRValue ZRAudioDevice::Core::timestampOf(std::int64_t index) const {
+  const std::int64_t us = index * 1000000 / format.sampleRate;
+  ZRValue t;
+  t.arraySetSize(2);
+  t[0] = static_cast<int>(std::min<std::int64_t>(us / 1000000, INT_MAX));
+  t[1] = static_cast<int>(us % 1000000);
+  return t;
+}
+
+bool ZRAudioDevice::Core::publish(const ZRValue& buffer, std::size_t frames) {
+  int channels = 0;
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    channels = format.channels;
+  }
+  const ZRValue timestamp = timestampOf(position);
+  position += static_cast<std::int64_t>(frames);
+  recorder.record(buffer, frames, name);
+  return line->publish(ZRAudioItem{channels, static_cast<int>(frames), timestamp, buffer}, &stop);
+}
+
+}  // namespace ZR
