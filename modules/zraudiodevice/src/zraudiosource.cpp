@@ -246,8 +246,15 @@ class RawSource : public ZRAudioSource {
       }
     }
     const std::size_t whole = have / frameBytes_;
-    // A frame split across reads waits for its end; at the end of input it is dropped.
-    if (!endOfInput_) carry_.assign(bytes + whole * frameBytes_, bytes + have);
+    const std::size_t partial = have - whole * frameBytes_;
+    // A frame split across reads waits for its end; at the end of input it is dropped, said once.
+    if (!endOfInput_) {
+      carry_.assign(bytes + whole * frameBytes_, bytes + have);
+    } else if (partial) {
+      vo::log::LogStream(vo::LogLevel_Warning, "", "read", kCategory, 0)
+          << "raw PCM input ended with " << partial << " byte(s) that make no whole frame of "
+          << frameBytes_ / sizeof(std::int16_t) << " 16-bit sample(s); they were dropped";
+    }
     return whole;
   }
 
