@@ -24,7 +24,7 @@ endfunction()
 set(ZR_PKGCONFIG_LIBS "" CACHE INTERNAL "")
 
 function(zr_warnings target)
-  target_compile_options(${target} PRIVATE -Wall -Wextra)
+  target_compile_options(${target} PRIVATE -Wall -Wextra ${ZR_EXTRA_WARNINGS})
   if(ZR_WARNINGS_AS_ERRORS)
     target_compile_options(${target} PRIVATE -Werror)
   endif()
