@@ -42,6 +42,17 @@ constexpr float kTonal = 0.7f;
 // A candidate with no active frame for this long before it is confirmed is forgotten.
 constexpr double kCandidateGapSeconds = 0.2;
 
+// Babble and other fluctuating backgrounds push the score up even where nobody near speaks. The
+// score's background is its short-term mean (each frame capped, so loud speech cannot hold it
+// up), at its lowest over the last 2.5-5 s: longer than any pause inside a phrase, so
+// continuous babble keeps it high while ordinary pauses bring it to near zero. Above what
+// stationary noise reaches, it raises the thresholds by these factors.
+constexpr float kScoreSmoothing = 0.96f;
+constexpr float kScoreCap = 3.0f;
+constexpr int kScoreBlockFrames = 250;
+constexpr float kStationaryScore = 0.15f;
+constexpr float kOnPerBackground = 4.0f, kOffPerBackground = 3.0f;
+
 // ln(1 + x) for x >= 0, to about 1e-4: the exact one would be a third of the detector's time.
 inline float lnOnePlus(float x) {
   const float y = 1.0f + x;
@@ -234,8 +245,23 @@ void SpeechDetector::analyse(double windowEnd) {
 
   const double centre = windowEnd - 0.5 * size_ / rate_;
   const double half = 0.5 * hop_ / rate_;
-  const float threshold = state_ == State::Speech ? offThreshold_ : onThreshold_;
-  const bool active = audible && score > threshold;
+  scoreMean_ += (1.0f - kScoreSmoothing) * (std::min(score, kScoreCap) - scoreMean_);
+  scoreMin_ = std::min(scoreMin_, scoreMean_);
+  scoreBlockMin_ = std::min(scoreBlockMin_, scoreMean_);
+  if (framesAnalysed_ % kScoreBlockFrames == 0) {
+    scoreMin_ = std::min(scoreBlockMin_, scoreMean_);
+    scoreBlockMin_ = scoreMean_;
+  }
+  const float background = std::max(scoreMin_ - kStationaryScore, 0.0f);
+  const float threshold = state_ == State::Speech ? offThreshold_ + kOffPerBackground * background
+                                                  : onThreshold_ + kOnPerBackground * background;
+  // The median of the last three scores: a lone peak of a babbling voice is not speech, a
+  // syllable lasts longer.
+  const float a = lastScores_[0], b = lastScores_[1];
+  lastScores_[0] = b;
+  lastScores_[1] = score;
+  const float median = std::max(std::min(a, b), std::min(std::max(a, b), score));
+  const bool active = audible && median > threshold;
 
   // Voicing only decides whether a candidate becomes speech.
   bool voiced = false;
