@@ -46,7 +46,8 @@ constexpr double kCandidateGapSeconds = 0.2;
 // score's background is its short-term mean (each frame capped, so loud speech cannot hold it
 // up), at its lowest over the last 2.5-5 s: longer than any pause inside a phrase, so
 // continuous babble keeps it high while ordinary pauses bring it to near zero. Above what
-// stationary noise reaches, it raises the thresholds by these factors.
+// stationary noise reaches, it raises the thresholds by these factors (onsets more than
+// continuations, which keep the quieter ends of phrases).
 constexpr float kScoreSmoothing = 0.96f;
 constexpr float kScoreCap = 3.0f;
 constexpr int kScoreBlockFrames = 250;
@@ -243,7 +244,8 @@ void SpeechDetector::analyse(double windowEnd) {
   for (int j = 0; j < bins; ++j) llr += llrBins[j];
   const float score = llr / static_cast<float>(bins);
 
-  const double centre = windowEnd - 0.5 * size_ / rate_;
+  // The median below speaks for the middle of the last three frames.
+  const double centre = windowEnd - 0.5 * size_ / rate_ - static_cast<double>(hop_) / rate_;
   const double half = 0.5 * hop_ / rate_;
   scoreMean_ += (1.0f - kScoreSmoothing) * (std::min(score, kScoreCap) - scoreMean_);
   scoreMin_ = std::min(scoreMin_, scoreMean_);
@@ -265,7 +267,7 @@ void SpeechDetector::analyse(double windowEnd) {
 
   // Voicing only decides whether a candidate becomes speech.
   bool voiced = false;
-  if (active && state_ != State::Speech) {
+  if (active && score > threshold && state_ != State::Speech) {
     // Autocorrelation of the noise-free band (magnitudes compressed, which steadies the pitch
     // peak against strong formants), and how much one spectral peak dominates.
     double total = 0.0, peak = 0.0;
