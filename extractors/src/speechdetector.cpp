@@ -247,6 +247,8 @@ void SpeechDetector::analyse(double windowEnd) {
   // The median below speaks for the middle of the last three frames.
   const double centre = windowEnd - 0.5 * size_ / rate_ - static_cast<double>(hop_) / rate_;
   const double half = 0.5 * hop_ / rate_;
+  // It starts high, not from zero, so that sound that opens in babble need not wait seconds.
+  if (framesAnalysed_ == kLearnFrames + 1) scoreMean_ = scoreMin_ = scoreBlockMin_ = kScoreCap;
   scoreMean_ += (1.0f - kScoreSmoothing) * (std::min(score, kScoreCap) - scoreMean_);
   scoreMin_ = std::min(scoreMin_, scoreMean_);
   scoreBlockMin_ = std::min(scoreBlockMin_, scoreMean_);
