@@ -267,7 +267,8 @@ void SpeechDetector::analyse(double windowEnd) {
   const float median = std::max(std::min(a, b), std::min(std::max(a, b), score));
   const bool active = audible && median > threshold;
 
-  // Voicing only decides whether a candidate becomes speech.
+  // Voicing only decides whether a candidate becomes speech, and is asked only of frames active
+  // by themselves: the median carries activity one frame past a buzz or a bell.
   bool voiced = false;
   if (active && score > threshold && state_ != State::Speech) {
     // Autocorrelation of the noise-free band (magnitudes compressed, which steadies the pitch
