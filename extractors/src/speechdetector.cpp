@@ -44,15 +44,15 @@ constexpr double kCandidateGapSeconds = 0.2;
 
 // Babble and other fluctuating backgrounds push the score up even where nobody near speaks. The
 // score's background is its short-term mean (each frame capped, so loud speech cannot hold it
-// up), at its lowest over the last 2.5-5 s: longer than any pause inside a phrase, so
-// continuous babble keeps it high while ordinary pauses bring it to near zero. Above what
-// stationary noise reaches, it raises the thresholds by these factors (onsets more than
-// continuations, which keep the quieter ends of phrases).
+// up), at its lowest over the last 5-10 s: longer than phrases, so continuous babble keeps it
+// high while the pauses between phrases bring it to near zero. Above what stationary noise
+// reaches, it raises the thresholds by these factors (onsets more than continuations, which keep
+// the quieter ends of phrases).
 constexpr float kScoreSmoothing = 0.96f;
 constexpr float kScoreCap = 3.0f;
-constexpr int kScoreBlockFrames = 250;
+constexpr int kScoreBlockFrames = 500;
 constexpr float kStationaryScore = 0.15f;
-constexpr float kOnPerBackground = 4.0f, kOffPerBackground = 3.0f;
+constexpr float kOnPerBackground = 6.0f, kOffPerBackground = 3.0f;
 
 // ln(1 + x) for x >= 0, to about 1e-4: the exact one would be a third of the detector's time.
 inline float lnOnePlus(float x) {
