@@ -244,8 +244,7 @@ void SpeechDetector::analyse(double windowEnd) {
   for (int j = 0; j < bins; ++j) llr += llrBins[j];
   const float score = llr / static_cast<float>(bins);
 
-  // The median below speaks for the middle of the last three frames.
-  const double centre = windowEnd - 0.5 * size_ / rate_ - static_cast<double>(hop_) / rate_;
+  const double centre = windowEnd - 0.5 * size_ / rate_;
   const double half = 0.5 * hop_ / rate_;
   // It starts high, not from zero, so that sound that opens in babble need not wait seconds.
   if (framesAnalysed_ == kLearnFrames + 1) scoreMean_ = scoreMin_ = scoreBlockMin_ = kScoreCap;
@@ -259,18 +258,11 @@ void SpeechDetector::analyse(double windowEnd) {
   const float background = std::max(scoreMin_ - kStationaryScore, 0.0f);
   const float threshold = state_ == State::Speech ? offThreshold_ + kOffPerBackground * background
                                                   : onThreshold_ + kOnPerBackground * background;
-  // The median of the last three scores: a lone peak of a babbling voice is not speech, a
-  // syllable lasts longer.
-  const float a = lastScores_[0], b = lastScores_[1];
-  lastScores_[0] = b;
-  lastScores_[1] = score;
-  const float median = std::max(std::min(a, b), std::min(std::max(a, b), score));
-  const bool active = audible && median > threshold;
+  const bool active = audible && score > threshold;
 
-  // Voicing only decides whether a candidate becomes speech, and is asked only of frames active
-  // by themselves: the median carries activity one frame past a buzz or a bell.
+  // Voicing only decides whether a candidate becomes speech.
   bool voiced = false;
-  if (active && score > threshold && state_ != State::Speech) {
+  if (active && state_ != State::Speech) {
     // Autocorrelation of the noise-free band (magnitudes compressed, which steadies the pitch
     // peak against strong formants), and how much one spectral peak dominates.
     double total = 0.0, peak = 0.0;
