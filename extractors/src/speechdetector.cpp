@@ -42,6 +42,18 @@ constexpr float kTonal = 0.7f;
 // A candidate with no active frame for this long before it is confirmed is forgotten.
 constexpr double kCandidateGapSeconds = 0.2;
 
+// Babble and other fluctuating backgrounds push the score up even where nobody near speaks. The
+// score's background is its short-term mean (each frame capped, so loud speech cannot hold it
+// up), at its lowest over the last 5-10 s: longer than phrases, so continuous babble keeps it
+// high while the pauses between phrases bring it to near zero. Above what stationary noise
+// reaches, it raises the thresholds by these factors (onsets more than continuations, which keep
+// the quieter ends of phrases).
+constexpr float kScoreSmoothing = 0.96f;
+constexpr float kScoreCap = 3.0f;
+constexpr int kScoreBlockFrames = 500;
+constexpr float kStationaryScore = 0.15f;
+constexpr float kOnPerBackground = 6.0f, kOffPerBackground = 3.0f;
+
 // ln(1 + x) for x >= 0, to about 1e-4: the exact one would be a third of the detector's time.
 inline float lnOnePlus(float x) {
   const float y = 1.0f + x;
@@ -234,7 +246,18 @@ void SpeechDetector::analyse(double windowEnd) {
 
   const double centre = windowEnd - 0.5 * size_ / rate_;
   const double half = 0.5 * hop_ / rate_;
-  const float threshold = state_ == State::Speech ? offThreshold_ : onThreshold_;
+  // It starts high, not from zero, so that sound that opens in babble need not wait seconds.
+  if (framesAnalysed_ == kLearnFrames + 1) scoreMean_ = scoreMin_ = scoreBlockMin_ = kScoreCap;
+  scoreMean_ += (1.0f - kScoreSmoothing) * (std::min(score, kScoreCap) - scoreMean_);
+  scoreMin_ = std::min(scoreMin_, scoreMean_);
+  scoreBlockMin_ = std::min(scoreBlockMin_, scoreMean_);
+  if (framesAnalysed_ % kScoreBlockFrames == 0) {
+    scoreMin_ = std::min(scoreBlockMin_, scoreMean_);
+    scoreBlockMin_ = scoreMean_;
+  }
+  const float background = std::max(scoreMin_ - kStationaryScore, 0.0f);
+  const float threshold = state_ == State::Speech ? offThreshold_ + kOffPerBackground * background
+                                                  : onThreshold_ + kOnPerBackground * background;
   const bool active = audible && score > threshold;
 
   // Voicing only decides whether a candidate becomes speech.

@@ -13,7 +13,8 @@ namespace ZR {
 /// the sample rate), with the power spectra of all channels summed so that channels in opposite
 /// phase add up instead of cancelling. A per-bin noise estimate follows the background up and
 /// down (minimum-controlled recursive averaging), and a frame is active when the mean
-/// log-likelihood ratio of speech over noise across the band passes a threshold. A frame is
+/// log-likelihood ratio of speech over noise across the band passes a threshold, raised where
+/// the ratio itself stays high for seconds, as in babble. A frame is
 /// voiced when the noise-free part of its spectrum is periodic at a pitch (70-400 Hz) without
 /// being a single tone. Active frames open a candidate; a candidate becomes speech only once it
 /// holds enough voiced frames and lasts the minimum length, so that clicks, bangs, hiss and
@@ -77,6 +78,8 @@ class SpeechDetector {
   std::vector<float> power_, smoothed_, minimum_, windowMin_, presence_, noise_, previousClean_,
       llr_;
   int framesAnalysed_ = 0;
+  // The score's own background (see analyse).
+  float scoreMean_ = 0.0f, scoreMin_ = 0.0f, scoreBlockMin_ = 0.0f;
 
   // Segment state.
   enum class State { Idle, Candidate, Speech } state_ = State::Idle;

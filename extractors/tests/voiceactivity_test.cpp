@@ -84,9 +84,9 @@ const std::pair<std::vector<double>, Segments>& sample() {
   return s;
 }
 
-enum class Noise { White, Pink, Brown, Rising, Events };
-// Noise of unit power (rising: by 40 dB over its length), or events: a click and a short buzz
-// every 1.3 s and a bell every 4 s, at about unit power while they sound, over hiss 40 dB down.
+enum class Noise { White, Pink, Brown, Rising, Events, Babble };
+// Noise of unit power (rising by 40 dB; babble: the sample at six offsets), or events: a click
+// and a short buzz every 1.3 s and a bell every 4 s at about unit power, over hiss 40 dB down.
 std::vector<double> noise(Noise kind, std::size_t n, unsigned seed = 7) {
   std::mt19937 rng(seed);
   std::normal_distribution<double> g;
@@ -104,7 +104,9 @@ std::vector<double> noise(Noise kind, std::size_t n, unsigned seed = 7) {
     const double event = (cycle < 0.004 ? 2 * w : 0.01 * w) + buzz +
                          (bell < 0.4 ? 4 * std::exp(-bell * 6) * std::sin(2 * M_PI * 880 * t) : 0);
     const double rising = pink * std::pow(10.0, (-40.0 + 40.0 * i / n) / 20);
-    x[i] = std::array<double, 5>{w, pink, brown, rising, event}[static_cast<int>(kind)];
+    x[i] = std::array<double, 6>{w, pink, brown, rising, event, 0.0}[static_cast<int>(kind)];
+    for (std::size_t k = 1; k <= 6 && kind == Noise::Babble; ++k)
+      x[i] += sample().first[(i + k * 23000) % sample().first.size()];
     sum += x[i] * x[i];
   }
   for (double& v : x) v /= kind == Noise::Events ? 1.0 : std::sqrt(sum / n);
@@ -113,8 +115,7 @@ std::vector<double> noise(Noise kind, std::size_t n, unsigned seed = 7) {
 
 std::vector<short> pcm16(const std::vector<double>& x, double gain = 1.0) {
   std::vector<short> out;
-  for (double v : x)
-    out.push_back(static_cast<short>(std::clamp(v * gain * 32768, -32768.0, 32767.0)));
+  for (double v : x) out.push_back(short(std::clamp(v * gain * 32768, -32768.0, 32767.0)));
   return out;
 }
 
@@ -152,8 +153,8 @@ TEST(VoiceActivity, FindsSpeechInNoiseOfEveryKindAndInvertedStereoAndNothingInNo
     Noise kind;
     double snrDb, floor;
   } cases[] = {{Noise::White, 10, 0.9},  {Noise::Pink, 10, 0.9},   {Noise::Brown, 10, 0.9},
-               {Noise::Rising, 10, 0.9}, {Noise::Events, 10, 0.9}, {Noise::White, 0, 0.75},
-               {Noise::Pink, 0, 0.75},   {Noise::Brown, 0, 0.75}};
+               {Noise::Rising, 10, 0.9}, {Noise::Events, 10, 0.9}, {Noise::Babble, 10, 0.87},
+               {Noise::White, 0, 0.75},  {Noise::Pink, 0, 0.75},   {Noise::Brown, 0, 0.75}};
   for (const auto& c : cases) {
     const Segments found = detect(mix(c.kind, c.snrDb), 1);
     EXPECT_GE(f1(found), c.floor) << "noise " << int(c.kind) << " at " << c.snrDb << " dB";
@@ -194,7 +195,6 @@ TEST(VoiceActivity, IgnoresBuffersWhoseCountsDoNotFitAndSaysSoNowAndThen) {
       voice->call<void>("processRemote", 1, 1600, ts, buffer);  // the only one that fits
     }
   });
-  EXPECT_GE(warnings.records().size(), 1u);  // hundreds ignored, a few lines said so
-  EXPECT_LE(warnings.records().size(), 10u);
-  EXPECT_GE(f1(found), 0.95);  // the fitting buffers, all there and alone
+  EXPECT_NEAR(warnings.records().size(), 5.5, 4.5);  // hundreds ignored, 1 to 10 lines said so
+  EXPECT_GE(f1(found), 0.95);                        // the fitting buffers, all there and alone
 }
