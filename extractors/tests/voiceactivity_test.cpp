@@ -176,7 +176,7 @@ TEST(VoiceActivity, FindsSpeechInNoiseOfEveryKindAndInvertedStereoAndNothingInNo
 }
 
 TEST(VoiceActivity, IgnoresBuffersWhoseCountsDoNotFitAndSaysSoNowAndThen) {
-  zrtest::LogCapture warnings("extractors.voiceactivity", vo::LogLevel_Warning);
+  zrtest::LogCapture warnings("zrextractors.VoiceActivity", vo::LogLevel_Warning);
   const std::vector<short> pcm = mix(Noise::White, 20);
   const std::pair<int, int> unfit[] = {{1, 1601},   {2, 1600},    {0, 1600},         {1, 0},
                                        {-1, -1600}, {1, 1 << 30}, {1 << 16, 1 << 16}};
