@@ -91,6 +91,12 @@ ZRValue ZRDirectoryServer::handle(const ZRIncomingCall& c) {
       names_.erase(it);
       return ZRValue(true);
     }
+    if (it != names_.end() && it->second.hostId != h.hostId && it->second.endpoint == h.endpoint) {
+      // The old holder's process is gone: another one listens at its address now.
+      record(false, name, it->second);
+      names_.erase(it);
+      it = names_.end();
+    }
     if (it != names_.end()) {
       if (it->second.hostId == h.hostId) return ZRValue(true);
       throw ZRError(
@@ -190,6 +196,12 @@ std::vector<ZRDirectoryEntry> ZRDirectoryClient::entries() const {
 void ZRDirectoryClient::setListener(Listener listener) {
   std::lock_guard<std::mutex> lock(listenerMutex_);
   listener_ = std::move(listener);
+}
+
+void ZRDirectoryClient::forget(const std::string& endpoint) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (auto it = entries_.begin(); it != entries_.end();)
+    it = it->second.endpoint == endpoint ? entries_.erase(it) : std::next(it);
 }
 
 void ZRDirectoryClient::run() {
