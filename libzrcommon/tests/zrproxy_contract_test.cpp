@@ -92,6 +92,8 @@ class ProxyContract : public ::testing::Test {
   boost::shared_ptr<ZR::ZRProxy> make(const std::string& name) {
     module = ZR::ZRModule::createModule<Shapes>(b.host, name);
     b.caller->session()->waitForService(name).wait();
+    EXPECT_TRUE(b.caller->session()->hasService(name));
+    EXPECT_THAT(b.caller->session()->services(), ::testing::Contains(name));
     return b.caller->getProxy(name, 0);
   }
   Brokers b;
