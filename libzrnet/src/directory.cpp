@@ -1,5 +1,6 @@
 #include <zrnet/zrdirectory.h>
 
+#include <algorithm>
 #include <random>
 #include <sstream>
 
@@ -160,7 +161,11 @@ void ZRDirectoryClient::stop() {
 
 ZRValue ZRDirectoryClient::callDirectory(const std::string& method, std::vector<ZRValue> args) {
   ZRCallOptions o;
-  o.deadline = 4 * heartbeat_;
+  // A sync that misses its turn is retried at the next heartbeat; a registration waiting on
+  // publish has no next turn, so a loaded directory gets longer to answer it.
+  o.deadline = method == "sync"
+                   ? 4 * heartbeat_
+                   : std::max<std::chrono::milliseconds>(4 * heartbeat_, std::chrono::seconds(5));
   o.caller = host_;
   return transport_.call(directory_, ZRDirectoryServer::kModuleName, method, std::move(args), o);
 }

@@ -78,7 +78,7 @@ class ZRDirectoryClient {
   ZRDirectoryClient& operator=(const ZRDirectoryClient&) = delete;
 
   /// Throws ZRError when another host holds the name (naming that host) or when the directory
-  /// cannot be reached.
+  /// cannot be reached (in at most 4 heartbeats, and no less than 5 s).
   void publish(const std::string& name);
   void unpublish(const std::string& name);
   std::optional<ZRDirectoryEntry> find(const std::string& name) const;
