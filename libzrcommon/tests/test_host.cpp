@@ -1,5 +1,5 @@
 // A small host for the multi-process tests: a broker in a network with a few modules.
-//   zrcommon_test_host NAME --directory ADDR [--serve] [--module MODULE]...
+//   zrcommon_test_host NAME --directory ADDR [--serve] [--heartbeat MS] [--module MODULE]...
 // Prints "ready ENDPOINT" once its modules are published, "holding MODULE" when a call to
 // "hold" has begun; shuts down and exits 0 when its standard input closes.
 #include <unistd.h>
@@ -41,7 +41,8 @@ class Worker : public ZR::ZRModule {
 
 int main(int argc, char** argv) {
   if (argc < 2) {
-    std::cerr << "usage: " << argv[0] << " NAME --directory ADDR [--serve] [--module MODULE]..."
+    std::cerr << "usage: " << argv[0]
+              << " NAME --directory ADDR [--serve] [--heartbeat MS] [--module MODULE]..."
               << std::endl;
     return 2;
   }
@@ -51,6 +52,8 @@ int main(int argc, char** argv) {
     const std::string arg = argv[i];
     if (arg == "--serve") {
       options.serveDirectory = true;
+    } else if (arg == "--heartbeat" && i + 1 < argc) {
+      options.heartbeat = std::chrono::milliseconds(std::stoi(argv[++i]));
     } else if ((arg == "--directory" || arg == "--module") && i + 1 < argc) {
       (arg == "--directory" ? options.directory : (modules.emplace_back(), modules.back())) =
           argv[++i];
