@@ -1,13 +1,18 @@
 // The transport against raw ZeroMQ DEALER/ROUTER doing the same exchange with the same payload
 // on the same transport: round trips of a few bytes and of 32 KB, and a one-way stream of
-// 12.8 KB buffers, over ipc and tcp loopback.
+// 12.8 KB buffers, over ipc and tcp loopback. Then what a host sees through the broker: a proxy
+// round trip local and remote, the time from SIGKILL of a host to "module destroyed" at its
+// caller, and the time for a host with 100 modules to join.
 
 #include <benchmark/benchmark.h>
 
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <condition_variable>
+#include <future>
 #include <mutex>
 #include <thread>
 
@@ -15,6 +20,9 @@
 #include <boost/asio/thread_pool.hpp>
 #include <zmq_addon.hpp>
 
+#include <zrcommon/zrbroker.h>
+#include <zrcommon/zrmodule.h>
+#include <zrcommon/zrproxy.h>
 #include <zrnet/zrtransport.h>
 
 namespace {
@@ -174,4 +182,135 @@ BENCHMARK(BM_RoundTripRawZmq)->ArgsProduct({{0, 1}, {4, 32768}})->UseRealTime();
 BENCHMARK(BM_StreamZr)->Arg(0)->Arg(1)->UseRealTime();
 BENCHMARK(BM_StreamRawZmq)->Arg(0)->Arg(1)->UseRealTime();
 
-BENCHMARK_MAIN();
+// ---- through the broker
+
+namespace {
+
+class Clock : public ZR::ZRModule {
+ public:
+  Clock(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name) : ZRModule(broker, name) {
+    functionName("getCurrentPeriod", "Clock", "The current period.", 0);
+    bindMethod(&Clock::getCurrentPeriod);
+    functionName("hold", "Clock", "Never returns while the host lives.", 0);
+    bindMethod(&Clock::hold);
+  }
+  int getCurrentPeriod() { return 100; }
+  bool hold() {
+    const char c = 'h';
+    if (write(STDOUT_FILENO, &c, 1) != 1) return false;
+    pause();
+    return true;
+  }
+};
+
+ZR::ZRBrokerOptions serving() {
+  ZR::ZRBrokerOptions o;
+  o.directory = "tcp://127.0.0.1:0";
+  o.serveDirectory = true;
+  return o;
+}
+
+ZR::ZRBrokerOptions joining(const std::string& directory) {
+  ZR::ZRBrokerOptions o;
+  o.directory = directory;
+  return o;
+}
+
+// Arg 0: the module in the caller's broker; 1: in another broker, over tcp loopback.
+void BM_ProxyRoundTrip(benchmark::State& state) {
+  auto host = ZR::ZRBroker::createBroker("host", serving());
+  auto clock = ZR::ZRModule::createModule<Clock>(host, "Clock");
+  auto caller =
+      state.range(0) ? ZR::ZRBroker::createBroker("caller", joining(host->endpoint())) : host;
+  caller->session()->waitForService("Clock").wait();
+  auto proxy = caller->getProxy("Clock");
+  for (auto _ : state) benchmark::DoNotOptimize(proxy->call<int>("getCurrentPeriod"));
+  state.SetLabel(state.range(0) ? "remote" : "local");
+  clock.reset();
+}
+
+std::string self;  // this program, started again as a host
+
+// From SIGKILL of a host, in the middle of a call, to "module destroyed" at the caller.
+void BM_KillToModuleDestroyed(benchmark::State& state) {
+  auto directory = ZR::ZRBroker::createBroker("directory", serving());
+  auto caller = ZR::ZRBroker::createBroker("caller", joining(directory->endpoint()));
+  for (auto _ : state) {
+    state.PauseTiming();
+    int out[2];
+    if (pipe(out) != 0) state.SkipWithError("pipe");
+    const pid_t pid = fork();
+    if (pid == 0) {
+      dup2(out[1], STDOUT_FILENO);
+      execl(self.c_str(), self.c_str(), "--host", directory->endpoint().c_str(), nullptr);
+      _exit(127);
+    }
+    close(out[1]);
+    caller->session()->waitForService("Victim").wait();
+    auto proxy = caller->getProxy("Victim");
+    std::promise<std::chrono::steady_clock::time_point> failed;
+    std::thread call([&] {
+      try {
+        proxy->call<bool>("hold");
+      } catch (const ZR::ZRError&) {
+      }
+      failed.set_value(std::chrono::steady_clock::now());
+    });
+    char c;
+    if (read(out[0], &c, 1) != 1) state.SkipWithError("the host did not start the call");
+    close(out[0]);
+    state.ResumeTiming();
+    const auto killed = std::chrono::steady_clock::now();
+    kill(pid, SIGKILL);
+    const auto at = failed.get_future().get();
+    state.SetIterationTime(std::chrono::duration<double>(at - killed).count());
+    state.PauseTiming();
+    call.join();
+    waitpid(pid, nullptr, 0);
+    // The next host takes the name once this one has left the directory.
+    std::promise<void> gone;
+    const unsigned long id = caller->session()->connectServiceRemoved([&](const std::string& name) {
+      if (name == "Victim") gone.set_value();
+    });
+    if (caller->session()->hasService("Victim")) gone.get_future().wait();
+    caller->session()->disconnectServiceRemoved(id);
+    state.ResumeTiming();
+  }
+}
+
+// From the start of a host with 100 modules to the last of them seen by another host.
+void BM_HostWith100ModulesJoins(benchmark::State& state) {
+  auto directory = ZR::ZRBroker::createBroker("directory", serving());
+  int round = 0;
+  for (auto _ : state) {
+    const std::string prefix = "M" + std::to_string(round++) + "_";
+    auto host = ZR::ZRBroker::createBroker("host", joining(directory->endpoint()));
+    for (int i = 0; i < 100; ++i)
+      ZR::ZRModule::createModule<Clock>(host, prefix + std::to_string(i));
+    directory->session()->waitForService(prefix + "99").wait();
+    state.PauseTiming();
+    host->shutdown();
+    state.ResumeTiming();
+  }
+}
+
+BENCHMARK(BM_ProxyRoundTrip)->Arg(0)->Arg(1)->UseRealTime();
+BENCHMARK(BM_KillToModuleDestroyed)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_HostWith100ModulesJoins)->UseRealTime()->Iterations(5)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc == 3 && std::string(argv[1]) == "--host") {
+    // The host that BM_KillToModuleDestroyed kills.
+    auto broker = ZR::ZRBroker::createBroker("victim", joining(argv[2]));
+    auto module = ZR::ZRModule::createModule<Clock>(broker, "Victim");
+    pause();
+    return 0;
+  }
+  self = argv[0];
+  benchmark::Initialize(&argc, argv);
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}

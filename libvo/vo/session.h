@@ -2,7 +2,9 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -14,6 +16,18 @@
 
 namespace vo {
 
+/// What a session needs from the network that extends it to other processes. The transport
+/// implements it; vo knows nothing of how. Both calls may block for one exchange with the
+/// network's directory and run on the thread that registers or unregisters.
+class SessionNetwork {
+ public:
+  virtual ~SessionNetwork() = default;
+  /// Makes a local name known to every host; throws ZRError naming the host that holds it.
+  virtual void publish(const std::string& name) = 0;
+  /// Withdraws a local name. Must not throw.
+  virtual void unpublish(const std::string& name) noexcept = 0;
+};
+
 /// The service directory of a process: services are registered under unique names, found by
 /// name, and waited for. The directory does not own its services; it forgets one that is
 /// unregistered, and a lookup of one that went away finds nothing.
@@ -21,7 +35,13 @@ namespace vo {
 /// Contract: every member may be called from any thread at once and takes one short lock.
 /// Waiters are released, and removal listeners called, outside that lock on the thread that
 /// registers or unregisters, so they may use the session. Only a dropped waitForService result
-/// blocks (until the service comes or the session closes).
+/// blocks (until the service comes or the session closes), and, once a network is attached,
+/// registering and unregistering a local service, for one exchange with the network.
+///
+/// Services of other hosts (remote services) are names without a local object: services(),
+/// hasService, waitForService and the removal listeners cover them exactly as local ones;
+/// service() and serviceHandle() find only local objects, remoteService() says where a remote
+/// one lives.
 class Session {
  public:
   Session();
@@ -52,6 +72,23 @@ class Session {
   unsigned long connectServiceRemoved(ServiceListener listener);
   void disconnectServiceRemoved(unsigned long id);
 
+  /// Local registrations from now on are published through `network`, unregistrations
+  /// withdrawn (null: no longer). Names registered before are not published.
+  void setNetwork(std::shared_ptr<SessionNetwork> network);
+
+  /// Where a remote service lives: the host's name and the address its calls go to.
+  struct RemoteService {
+    std::string host, address;
+  };
+  /// A service of another host appeared (the network tells). Releases its waiters. Ignored when
+  /// a local service holds the name.
+  void addRemoteService(const std::string& name, const RemoteService& where);
+  /// That host's service went away (its host left or died); removal listeners fire. Returns
+  /// whether something was removed.
+  bool removeRemoteService(const std::string& name, const std::string& address);
+  /// Where the service lives when it is remote; nothing when it is local or unknown.
+  std::optional<RemoteService> remoteService(const std::string& name) const;
+
   /// No more registrations; pending waits fail.
   void close();
   bool isClosed() const;
@@ -61,7 +98,12 @@ class Session {
     boost::weak_ptr<DynamicObject> object;
     const DynamicObject* raw;
     unsigned long order;
+    std::optional<RemoteService> remote;
+    bool pending = false;  // a local name being published: taken, not yet visible
+    bool live() const { return !pending && (remote || !object.expired()); }
   };
+  void release(const std::string& name, std::vector<Promise<void>>& out);
+  void notifyRemoved(const std::string& name);
   mutable std::mutex mutex_;
   std::map<std::string, Entry> services_;
   std::multimap<std::string, Promise<void>> waiters_;
@@ -69,6 +111,7 @@ class Session {
   unsigned long nextListener_ = 1;
   unsigned long nextOrder_ = 0;
   bool closed_ = false;
+  std::shared_ptr<SessionNetwork> network_;
 };
 
 }  // namespace vo

@@ -14,6 +14,8 @@
 #include <zrcommon/zrmodulecore.h>
 #include <zrcommon/zrproxy.h>
 #include <zrcommon/zrservicenames.h>
+#include <zrnet/zrdirectory.h>
+#include <zrnet/zrtransport.h>
 
 namespace ZR {
 
@@ -68,6 +70,58 @@ void ZRStrand::post(std::function<void()> work) const {
   boost::asio::post(impl_->strand, guarded(&holder.pool, std::move(work)));
 }
 
+namespace {
+// A module of another host: each call goes to that host, found by name at every call.
+class ZRRemoteProxy : public ZRProxy {
+ public:
+  ZRRemoteProxy(const std::string& moduleName, boost::weak_ptr<vo::Session> session,
+                std::weak_ptr<ZRTransport> transport)
+      : ZRProxy(moduleName), session_(std::move(session)), transport_(std::move(transport)) {}
+
+  bool isValid() const override {
+    boost::shared_ptr<vo::Session> session = session_.lock();
+    return session && session->remoteService(getModuleName()).has_value();
+  }
+
+  ZRValue metaCall(std::string_view method, const ZRValue* args, std::size_t count) override {
+    boost::shared_ptr<vo::Session> session = session_.lock();
+    std::optional<vo::Session::RemoteService> where;
+    if (session) where = session->remoteService(getModuleName());
+    std::shared_ptr<ZRTransport> transport = transport_.lock();
+    if (!where || !transport)
+      throw ZRError(getModuleName(), std::string(method), "module destroyed");
+    ZRCallOptions options;
+    options.deadline = deadline();
+    // The callee's ZRError comes back with its three fields, as the same call raises it here.
+    return transport->call(where->address, getModuleName(), std::string(method),
+                           std::vector<ZRValue>(args, args + count), options);
+  }
+
+ private:
+  boost::weak_ptr<vo::Session> session_;
+  std::weak_ptr<ZRTransport> transport_;
+};
+
+// Publishes the session's local names through the directory client.
+class DirectoryNetwork : public vo::SessionNetwork {
+ public:
+  explicit DirectoryNetwork(ZRDirectoryClient& client) : client_(client) {}
+  void publish(const std::string& name) override { client_.publish(name); }
+  void unpublish(const std::string& name) noexcept override {
+    try {
+      client_.unpublish(name);
+    } catch (const std::exception& e) {
+      // Its lease takes the name away when the directory cannot be told.
+      vo::log::LogStream(vo::LogLevel_Warning, "", "unpublish", kCategory, 0)
+          << "cannot withdraw \"" << name << "\": " << e.what() << std::endl;
+    }
+  }
+
+ private:
+  ZRDirectoryClient& client_;
+};
+}  // namespace
+
 struct ZRBroker::Impl {
   std::string name;
   boost::shared_ptr<vo::Session> session = boost::make_shared<vo::Session>();
@@ -76,6 +130,10 @@ struct ZRBroker::Impl {
   std::shared_ptr<PoolHolder> pool;
   int threads = 0;
   bool shutdown = false;
+  // A broker in a network; all null for one in process only. Destroyed in reverse order.
+  std::unique_ptr<ZRDirectoryServer> directoryServer;
+  std::shared_ptr<ZRTransport> transport;
+  std::unique_ptr<ZRDirectoryClient> directoryClient;
 };
 
 ZRBroker::ZRBroker(const std::string& name, int threads) : impl_(new Impl) {
@@ -87,6 +145,78 @@ ZRBroker::ZRBroker(const std::string& name, int threads) : impl_(new Impl) {
 
 boost::shared_ptr<ZRBroker> ZRBroker::createBroker(const std::string& name, int threads) {
   return boost::shared_ptr<ZRBroker>(new ZRBroker(name, threads));
+}
+
+boost::shared_ptr<ZRBroker> ZRBroker::createBroker(const std::string& name,
+                                                   const ZRBrokerOptions& options) {
+  boost::shared_ptr<ZRBroker> broker(new ZRBroker(name, options.threads));
+  broker->startNetwork(options);
+  return broker;
+}
+
+void ZRBroker::startNetwork(const ZRBrokerOptions& options) {
+  Impl* impl = impl_.get();
+  ZRTransportOptions t;
+  t.hostName = impl->name;
+  t.listen = options.serveDirectory ? options.directory : options.listen;
+  t.advertise = options.advertise;
+  t.heartbeat = options.heartbeat;
+  t.maxMessageSize = options.maxMessageSize;
+  t.insecure = options.insecure;
+  t.curvePublicKey = options.curvePublicKey;
+  t.curveSecretKey = options.curveSecretKey;
+  t.allowedClientKeys = options.allowedClientKeys;
+  if (options.serveDirectory) impl->directoryServer.reset(new ZRDirectoryServer(options.heartbeat));
+  // Calls from other hosts: the directory's, or a module's through an in-process proxy, so that
+  // they raise exactly the errors the same call raises here.
+  auto handler = [impl](const ZRIncomingCall& c) -> ZRValue {
+    if (impl->directoryServer && c.module == ZRDirectoryServer::kModuleName)
+      return impl->directoryServer->handle(c);
+    boost::weak_ptr<vo::DynamicObject> handle = impl->session->serviceHandle(c.module);
+    if (handle.expired()) throw ZRError(c.module, c.method, "module destroyed");
+    ZRProxy local(c.module, handle);
+    return local.metaCall(c.method, c.args.data(), c.args.size());
+  };
+  // Not through the broker's lock: registration holds it while it publishes, and the directory
+  // may be this very broker.
+  auto executor = [pool = impl->pool](std::function<void()> task) {
+    std::lock_guard<std::mutex> lock(pool->mutex);
+    // A call arriving once the broker is shut down is dropped: its transport is stopping and
+    // fails the caller.
+    if (!pool->closed) boost::asio::post(pool->pool, guarded(&pool->pool, std::move(task)));
+  };
+  impl->transport = std::make_shared<ZRTransport>(t, handler, executor);
+  const std::string directory =
+      options.serveDirectory ? impl->transport->endpoint() : options.directory;
+  if (!options.directoryPublicKey.empty())
+    impl->transport->setServerKey(directory, options.directoryPublicKey);
+  impl->directoryClient.reset(
+      new ZRDirectoryClient(*impl->transport, directory, impl->name, options.heartbeat));
+  const std::string self = impl->transport->endpoint();
+  auto apply = [impl, self](const ZRDirectoryEntry& e, bool added) {
+    if (e.endpoint == self) return;  // our own names, already local
+    if (added)
+      impl->session->addRemoteService(e.name, {e.host, e.endpoint});
+    else
+      impl->session->removeRemoteService(e.name, e.endpoint);
+  };
+  impl->directoryClient->setListener(apply);
+  // A host found dead (or gone, or the directory's host) takes its names with it at once, without
+  // waiting for its lease to run out at the directory, which may be the one that died.
+  impl->transport->setPeerLostListener([impl](const std::string& endpoint) {
+    if (impl->directoryClient) impl->directoryClient->forget(endpoint);
+    for (const std::string& name : impl->session->services()) {
+      auto where = impl->session->remoteService(name);
+      if (where && where->address == endpoint) impl->session->removeRemoteService(name, endpoint);
+    }
+  });
+  // What the client learnt before it had a listener.
+  for (const ZRDirectoryEntry& e : impl->directoryClient->entries()) apply(e, true);
+  impl->session->setNetwork(std::make_shared<DirectoryNetwork>(*impl->directoryClient));
+}
+
+std::string ZRBroker::endpoint() const {
+  return impl_->transport ? impl_->transport->endpoint() : std::string();
 }
 
 ZRBroker::~ZRBroker() {
@@ -103,6 +233,8 @@ boost::shared_ptr<vo::Session> ZRBroker::session() const {
 
 boost::shared_ptr<ZRProxy> ZRBroker::getProxy(const std::string& moduleName, int /*flags*/) {
   boost::weak_ptr<vo::DynamicObject> handle = impl_->session->serviceHandle(moduleName);
+  if (handle.expired() && impl_->transport && impl_->session->remoteService(moduleName))
+    return boost::make_shared<ZRRemoteProxy>(moduleName, impl_->session, impl_->transport);
   if (handle.expired()) {
     throw ZRError(moduleName, "getProxy",
                   "no module called \"" + moduleName + "\" on broker \"" + impl_->name + "\"");
@@ -169,6 +301,22 @@ void ZRBroker::shutdown() {
     if (impl_->shutdown) return;
     impl_->shutdown = true;
   }
+  if (impl_->directoryClient) {
+    // Withdraw every name in one go, before the modules go one by one; a directory that does not
+    // answer gets no more tries (the lease takes the names away).
+    impl_->session->setNetwork(nullptr);
+    for (const std::string& name : getModuleNames()) {
+      try {
+        impl_->directoryClient->unpublish(name);
+      } catch (const std::exception& e) {
+        vo::log::LogStream(vo::LogLevel_Warning, "", "shutdown", kCategory, 0)
+            << "cannot withdraw the names of broker \"" << impl_->name << "\": " << e.what()
+            << std::endl;
+        break;
+      }
+    }
+    impl_->directoryClient->stop();
+  }
   impl_->session->close();
   // One at a time, ordinary modules newest first, then the services by rank, so that a module's
   // destructor still finds what it uses (a sound extractor unsubscribing from the audio device).
@@ -200,6 +348,8 @@ void ZRBroker::shutdown() {
       });
     }
   }
+  // Remote calls still pending fail with "module destroyed"; calls from other hosts stop coming.
+  if (impl_->transport) impl_->transport->shutdown();
   std::shared_ptr<PoolHolder> pool;
   {
     std::lock_guard<std::mutex> lock(impl_->mutex);

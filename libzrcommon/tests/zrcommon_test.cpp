@@ -145,22 +145,7 @@ TEST(ZRModule, EveryWayOfBindingIsCallableAndDescribedInOrder) {
               ElementsAre("getMethodList", "getMethodHelp", "version", "ping", "scale", "label",
                           "kind", "area", "fail"));
 
-  // Every failure reaches the caller as a ZRError about that call of that module.
-  const std::vector<std::tuple<std::function<void()>, const char*, const char*>> failures = {
-      {[&] { p->call<int>("scale", true); }, "scale", "scale(string, int)"},
-      {[&] { p->call<std::string>("scale", 3); }, "scale", "unexpected result"},
-      {[&] { p->call<int>("rotate", 90); }, "rotate", "rotate"},
-      {[&] { p->call<void>("fail"); }, "fail", "no luck"},
-      {[&] { p->call<std::string>("getMethodHelp", "rotate"); }, "getMethodHelp", "rotate"},
-  };
-  for (const auto& [call, method, part] : failures) {
-    ZR::ZRError e = errorOf(call);
-    EXPECT_EQ(e.getModuleName() + "/" + e.getMethodName(), std::string("Shapes/") + method);
-    EXPECT_THAT(e.getDescription(), HasSubstr(part)) << method;
-  }
-  EXPECT_THAT(p->call<std::string>("getMethodHelp", "scale"), HasSubstr("Halves a real length."));
-  EXPECT_EQ(errorOf([] { ZR::ZRProxy().call<int>("scale", 1); }).getDescription(),
-            "This object is null");
+  // Calls and their errors, in process and remote: zrproxy_contract_test.
 
   // The open description, before binding, already holds everything documented so far.
   EXPECT_THAT(fields(shapes->openLabel),

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <string>
@@ -38,6 +40,32 @@ class ZRStrand {
   std::shared_ptr<Impl> impl_;
 };
 
+/// How a broker takes part in a network of hosts (createBroker with options). The library
+/// reads no environment: the host program fills these in.
+struct ZRBrokerOptions {
+  /// The directory to join, or, with serveDirectory, the address to serve it at (port 0: any
+  /// free port; endpoint() then tells which).
+  std::string directory = "tcp://127.0.0.1:7470";
+  /// This host is the directory; it takes its calls at `directory`, and `listen` is unused.
+  bool serveDirectory = false;
+  /// Where this host takes calls from other hosts (port 0: any free port).
+  std::string listen = "tcp://127.0.0.1:0";
+  /// What other hosts are told to connect to (NAT, containers). Empty: the bound address.
+  std::string advertise;
+  /// CURVE keys (Z85) of this host and the client keys it admits; the directory's public key
+  /// when the directory requires CURVE. Listening beyond loopback needs keys or `insecure`.
+  std::string curvePublicKey, curveSecretKey, directoryPublicKey;
+  std::vector<std::string> allowedClientKeys;
+  /// Listen beyond loopback without keys (logs a warning at start).
+  bool insecure = false;
+  /// Pings go out this often; a host silent for 3 intervals is dead.
+  std::chrono::milliseconds heartbeat{250};
+  /// Larger incoming messages are refused.
+  std::size_t maxMessageSize = 64u << 20;
+  /// Pool threads; <= 0: as many as the machine has cores, at least 2.
+  int threads = 0;
+};
+
 /// Hosts modules, owns them, hands out proxies, and runs the platform's background work on one
 /// thread pool.
 ///
@@ -50,17 +78,30 @@ class ZRStrand {
 /// services of a lower rank (zrservicenames.h: "ZRAudioDevice" before "ZRMemory", since the
 /// device raises events into the memory service), so that every destructor still reaches what
 /// it uses.
+///
+/// A broker created with ZRBrokerOptions also reaches the modules of other hosts: it publishes
+/// every module it registers (registration then blocks for one exchange with the directory,
+/// and fails with a ZRError naming the host that holds the name), its session lists the
+/// other hosts' modules, getProxy reaches them, and calls from other hosts run on its pool.
+/// shutdown then also withdraws its names and stops its transport, failing the remote calls
+/// still pending ("module destroyed").
 class ZRBroker : public boost::enable_shared_from_this<ZRBroker> {
  public:
   /// `threads` <= 0: as many as the machine has cores, at least 2.
   static boost::shared_ptr<ZRBroker> createBroker(const std::string& name, int threads = 0);
+  /// A broker in a network of hosts. Throws ZRError when an address cannot be bound.
+  static boost::shared_ptr<ZRBroker> createBroker(const std::string& name,
+                                                  const ZRBrokerOptions& options);
   ~ZRBroker();
   ZRBroker(const ZRBroker&) = delete;
   ZRBroker& operator=(const ZRBroker&) = delete;
 
   const std::string& getName() const;
-  /// A proxy to the module called `moduleName`; throws ZRError when there is none. `flags` is
-  /// reserved (0).
+  /// The address other hosts reach this one at (the directory's, for the host serving it);
+  /// empty for a broker in process only.
+  std::string endpoint() const;
+  /// A proxy to the module called `moduleName`, here or on another host (same calls, same
+  /// errors); throws ZRError when there is none. `flags` is reserved (0).
   boost::shared_ptr<ZRProxy> getProxy(const std::string& moduleName, int flags = 0);
   boost::shared_ptr<vo::Session> session() const;
 
@@ -88,6 +129,7 @@ class ZRBroker : public boost::enable_shared_from_this<ZRBroker> {
   void unregisterModule(const std::string& moduleName, const ZRModuleCore* module);
 
   ZRBroker(const std::string& name, int threads);
+  void startNetwork(const ZRBrokerOptions& options);
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };

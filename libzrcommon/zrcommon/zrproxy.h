@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -29,6 +30,12 @@ class ZRModuleLiveness;
 /// in-process call runs on the caller's thread, blocks it for as long as the method runs, and
 /// keeps the module alive meanwhile: the broker's shutdown waits for it, and once the broker has
 /// let the module go, new calls fail at once with "module destroyed".
+///
+/// A proxy to a module of another host sends each call to that host, whose pool runs it, and
+/// blocks the caller until the answer; it finds the module by name at every call, so a host
+/// that comes back under the same names is reached again. Errors are those of the same call in
+/// process. When the host dies (or the module leaves), pending and later calls fail with
+/// "module destroyed" within about 3 heartbeats.
 class ZRProxy {
  public:
   ZRProxy() = default;
@@ -37,7 +44,15 @@ class ZRProxy {
 
   const std::string& getModuleName() const { return moduleName_; }
   /// False once the module is gone (or for an empty proxy).
-  bool isValid() const { return !object_.expired(); }
+  virtual bool isValid() const { return !object_.expired(); }
+
+  /// A time limit for each call of this proxy (zero, the default: none). A remote call past it
+  /// fails with "deadline exceeded" and its host is told to drop it. An in-process call runs on
+  /// the caller's thread and is not cut short.
+  void setDeadline(std::chrono::milliseconds deadline) { deadlineMs_ = deadline.count(); }
+  std::chrono::milliseconds deadline() const {
+    return std::chrono::milliseconds(deadlineMs_.load());
+  }
 
   /// call<R>(method, args...): R is void, bool, int, float, std::string, ZRValue or
   /// std::vector<std::string>.
@@ -58,6 +73,10 @@ class ZRProxy {
     return metaCall(method, args.data(), args.size());
   }
 
+ protected:
+  /// For proxies that reach their module some other way.
+  explicit ZRProxy(const std::string& moduleName) : moduleName_(moduleName) {}
+
  private:
   template <class R>
   R convertResult(std::string_view method, const ZRValue& result) {
@@ -73,6 +92,7 @@ class ZRProxy {
   boost::weak_ptr<vo::DynamicObject> object_;
   // Null for an object that is no module.
   std::shared_ptr<detail::ZRModuleLiveness> liveness_;
+  std::atomic<long long> deadlineMs_{0};
 };
 
 }  // namespace ZR

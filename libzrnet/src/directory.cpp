@@ -1,5 +1,6 @@
 #include <zrnet/zrdirectory.h>
 
+#include <algorithm>
 #include <random>
 #include <sstream>
 
@@ -91,6 +92,12 @@ ZRValue ZRDirectoryServer::handle(const ZRIncomingCall& c) {
       names_.erase(it);
       return ZRValue(true);
     }
+    if (it != names_.end() && it->second.hostId != h.hostId && it->second.endpoint == h.endpoint) {
+      // The old holder's process is gone: another one listens at its address now.
+      record(false, name, it->second);
+      names_.erase(it);
+      it = names_.end();
+    }
     if (it != names_.end()) {
       if (it->second.hostId == h.hostId) return ZRValue(true);
       throw ZRError(
@@ -154,7 +161,11 @@ void ZRDirectoryClient::stop() {
 
 ZRValue ZRDirectoryClient::callDirectory(const std::string& method, std::vector<ZRValue> args) {
   ZRCallOptions o;
-  o.deadline = 4 * heartbeat_;
+  // A sync that misses its turn is retried at the next heartbeat; a registration waiting on
+  // publish has no next turn, so a loaded directory gets longer to answer it.
+  o.deadline = method == "sync"
+                   ? 4 * heartbeat_
+                   : std::max<std::chrono::milliseconds>(4 * heartbeat_, std::chrono::seconds(5));
   o.caller = host_;
   return transport_.call(directory_, ZRDirectoryServer::kModuleName, method, std::move(args), o);
 }
@@ -190,6 +201,12 @@ std::vector<ZRDirectoryEntry> ZRDirectoryClient::entries() const {
 void ZRDirectoryClient::setListener(Listener listener) {
   std::lock_guard<std::mutex> lock(listenerMutex_);
   listener_ = std::move(listener);
+}
+
+void ZRDirectoryClient::forget(const std::string& endpoint) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (auto it = entries_.begin(); it != entries_.end();)
+    it = it->second.endpoint == endpoint ? entries_.erase(it) : std::next(it);
 }
 
 void ZRDirectoryClient::run() {

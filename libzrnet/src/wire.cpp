@@ -41,7 +41,7 @@ std::uint32_t getBE32(const char* in) {
   return v;
 }
 
-void packValue(Packer& pk, const ZRValue& v, Frames& binaries) {
+void packValue(Packer& pk, msgpack::sbuffer& out, const ZRValue& v, Frames& binaries) {
   switch (v.getType()) {
     case ZRValue::TypeInvalid:
       pk.pack_nil();
@@ -52,9 +52,17 @@ void packValue(Packer& pk, const ZRValue& v, Frames& binaries) {
     case ZRValue::TypeInt:
       pk.pack_int(v.toInt());
       break;
-    case ZRValue::TypeFloat:
-      pk.pack_float(v.toFloat());
+    case ZRValue::TypeFloat: {
+      // Always float 32: msgpack-c's pack_float writes a whole-valued float as an integer, and
+      // the callee would then pick an int overload.
+      const float f = v.toFloat();
+      std::uint32_t bits;
+      std::memcpy(&bits, &f, sizeof bits);
+      char raw[5] = {static_cast<char>(0xca)};
+      putBE32(raw + 1, bits);
+      out.write(raw, sizeof raw);
       break;
+    }
     case ZRValue::TypeString: {
       const std::string& s = v.toStringRef();
       pk.pack_str(static_cast<std::uint32_t>(s.size()));
@@ -73,7 +81,7 @@ void packValue(Packer& pk, const ZRValue& v, Frames& binaries) {
     case ZRValue::TypeArray: {
       const auto& elements = v.arrayElements();
       pk.pack_array(static_cast<std::uint32_t>(elements.size()));
-      for (const ZRValue& e : elements) packValue(pk, e, binaries);
+      for (const ZRValue& e : elements) packValue(pk, out, e, binaries);
       break;
     }
   }
@@ -299,9 +307,9 @@ Frames encode(const Message& m) {
   Frames binaries;
   if (hasArgs(m.type)) {
     bodyPacker.pack_array(static_cast<std::uint32_t>(m.args.size()));
-    for (const ZRValue& a : m.args) packValue(bodyPacker, a, binaries);
+    for (const ZRValue& a : m.args) packValue(bodyPacker, body, a, binaries);
   } else if (m.type == MsgType::Reply) {
-    packValue(bodyPacker, m.value, binaries);
+    packValue(bodyPacker, body, m.value, binaries);
   } else {
     bodyPacker.pack_nil();
   }

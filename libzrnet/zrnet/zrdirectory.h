@@ -29,7 +29,8 @@ struct ZRDirectoryEntry {
 /// A host's names live as long as its lease: each sync renews it, and a host silent for 3
 /// heartbeats loses all its names. Every change gets the next sequence number; a client that
 /// asks from a sequence the directory no longer has, or from another directory's life (its
-/// epoch), gets a full snapshot instead.
+/// epoch), gets a full snapshot instead. A host that publishes from the endpoint of the holder
+/// of a name takes the name over: it is that host come back, at the same address.
 ///
 /// handle() may run on any number of threads at once; it never blocks beyond its own lock.
 class ZRDirectoryServer {
@@ -77,12 +78,15 @@ class ZRDirectoryClient {
   ZRDirectoryClient& operator=(const ZRDirectoryClient&) = delete;
 
   /// Throws ZRError when another host holds the name (naming that host) or when the directory
-  /// cannot be reached.
+  /// cannot be reached (in at most 4 heartbeats, and no less than 5 s).
   void publish(const std::string& name);
   void unpublish(const std::string& name);
   std::optional<ZRDirectoryEntry> find(const std::string& name) const;
   std::vector<ZRDirectoryEntry> entries() const;
   void setListener(Listener listener);
+  /// Drops, without telling the listener, what this client knows of the names at `endpoint`
+  /// (a host found dead), so that the directory's next word about them counts as news.
+  void forget(const std::string& endpoint);
   /// Stops syncing; this host's names then leave the directory with its lease.
   void stop();
 
