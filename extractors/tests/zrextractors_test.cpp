@@ -23,24 +23,20 @@
 
 namespace {
 
+// Keeps what the memory service delivers, by event name.
 class Collector : public ZR::ZRModule {
  public:
   Collector(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name)
       : ZRModule(broker, name) {
     functionName("onEvent", "Collector", "Collects events.", 0);
-    addParam("event", "");
-    addParam("value", "");
-    addParam("id", "");
+    for (const char* param : {"event", "value", "id"}) addParam(param, "");
     bindMethod(&Collector::onEvent);
   }
   void onEvent(const std::string& event, const ZR::ZRValue& value, const std::string&) {
     std::lock_guard<std::mutex> lock(mutex);
     events[event].push_back(value);
   }
-  std::vector<ZR::ZRValue> of(const std::string& event) {
-    std::lock_guard<std::mutex> lock(mutex);
-    return events[event];
-  }
+  auto of(const std::string& e) { return std::lock_guard<std::mutex>(mutex), events[e]; }
   std::mutex mutex;
   std::map<std::string, std::vector<ZR::ZRValue>> events;
 };
@@ -85,6 +81,7 @@ struct Pipeline {
   boost::shared_ptr<Collector> client;
 };
 
+// Buffers handed in by the test, at 16 kHz.
 ZR::ZRAudioDeviceOptions hostSource(int channels) {
   ZR::ZRAudioDeviceOptions o;
   o.source = ZR::ZRAudioDeviceOptions::Source::Host;
@@ -123,17 +120,12 @@ TEST(StockExtractors, FindTheKnownSegmentsAndMeasureLevelsOnTheSample) {
     EXPECT_NEAR(field(levels[w], "peak", 0), 20 * std::log10(peak / 32768.0), 0.01);
   }
 
-  // Segments, against the boundaries the sample was made with.
+  // Segments, against the boundaries the sample was made with ("start,end" after a header).
   std::ifstream csv(ZR_SAMPLE_SEGMENTS);
-  std::string line;
-  std::getline(csv, line);  // header
   std::vector<std::pair<double, double>> known;
-  while (std::getline(csv, line)) {
-    double s, e;
-    char comma;
-    std::istringstream(line) >> s >> comma >> e;
-    known.emplace_back(s, e);
-  }
+  char comma;
+  csv.ignore(1 << 10, '\n');
+  for (double s, e; csv >> s >> comma >> e;) known.emplace_back(s, e);
   const auto segments = p.client->of("VoiceActivity/Segment");
   ASSERT_EQ(segments.size(), known.size());
   for (std::size_t i = 0; i < known.size(); ++i) {

@@ -1,7 +1,7 @@
 #pragma once
 
 // Shared by the extractor and sound extractor tests: a broker with the real memory service, the
-// records of one log category, and a method registration as one line of text.
+// records of one log category, an error and a method registration as one line of text.
 
 #include <atomic>
 #include <functional>
@@ -43,13 +43,11 @@ inline std::string describe(const ZR::ZRMethodDescription& d) {
 // of the product's category under test (the platform's threads log under others).
 class BrokerTest : public ::testing::Test {
  protected:
-  explicit BrokerTest(const char* category) : log(category) {}
-  void SetUp() override {
+  explicit BrokerTest(const char* category) : log(category) {
     vo::log::setLogLevel(vo::LogLevel_Silent);  // warnings are tested, not printed
-    broker = ZR::ZRBroker::createBroker("extractor-test", 2);
     ZR::ZRModule::createModule<ZR::ZRMemory>(broker, "ZRMemory");
   }
-  void TearDown() override {
+  ~BrokerTest() override {
     broker->shutdown();
     vo::log::setLogLevel(vo::LogLevel_Warning);
     log.takeLines();  // checks that no record carries a source location
@@ -59,7 +57,7 @@ class BrokerTest : public ::testing::Test {
     return ZR::ZRModule::createModule<T>(broker, name);
   }
   zrtest::LogCapture log;
-  boost::shared_ptr<ZR::ZRBroker> broker;
+  boost::shared_ptr<ZR::ZRBroker> broker = ZR::ZRBroker::createBroker("extractor-test", 2);
 };
 
 }  // namespace extractortest
