@@ -1,7 +1,5 @@
 #include <future>
-#include <map>
 #include <mutex>
-#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -11,24 +9,21 @@
 
 namespace {
 
-using Stamp = std::pair<int, int>;  // seconds, microseconds of a buffer's first sample
 using Options = ZR::ZRAudioDeviceOptions;
 
-// Keeps every sample and where each buffer lay; holds its first buffer until `gate` opens.
+// Keeps every sample and the buffer each came in; holds its first buffer until `gate` opens.
 class Recorder : public ZR::ZRSoundExtractor {
  public:
   using ZRSoundExtractor::ZRSoundExtractor;
   void process(const int& channels, const int& frames, const short* buffer,
-               const ZR::ZRValue& timestamp) override {
+               const ZR::ZRValue&) override {
     if (gate.valid()) gate.wait_for(std::chrono::seconds(10));
-    std::lock_guard<std::mutex> lock(mutex);
     samples.insert(samples.end(), buffer, buffer + channels * frames);
-    pointers[{timestamp[0].toInt(), timestamp[1].toInt()}] = buffer;
+    pointers.push_back(buffer);
   }
   std::shared_future<void> gate;
-  std::mutex mutex;
   std::vector<short> samples;
-  std::map<Stamp, const short*> pointers;
+  std::vector<const short*> pointers;
 };
 
 // A client of the extractor, subscribing by name through a proxy as any module does.
@@ -48,18 +43,16 @@ TEST(DeviceIntegration, HostSamplesReachTheExtractorInPlaceAndItsLeaveEmptiesThe
   o.queueCapacity = 2;
   auto device = ZR::ZRModule::createModule<ZR::ZRAudioDevice>(broker, "ZRAudioDevice", o);
   auto recorder = ZR::ZRModule::createModule<Recorder>(broker, "Recorder");
-  auto raw = ZR::ZRModule::createModule<Recorder>(broker, "Raw");
   ZR::ZRModule::createModule<ZR::ZRModule>(broker, "Client");
   std::promise<void> release;
   recorder->gate = release.get_future().share();
   call(broker, "subscribe");
-  device->subscribe("Raw");
-  EXPECT_EQ(device->getSubscribers(), (std::vector<std::string>{"Raw", "Recorder"}));
+  EXPECT_EQ(device->getSubscribers(), std::vector<std::string>{"Recorder"});
 
   std::vector<short> expected;
   std::vector<ZR::ZRValue> sent;
   auto producer = std::async(std::launch::async, [&] {
-    for (int i = 0; i < 20; ++i) {
+    for (int i = 0; i < 20; ++i) {  // more than the queue holds: the host is held back
       std::vector<std::int16_t> block(2 * 800);
       for (std::size_t k = 0; k < block.size(); ++k)
         block[k] = static_cast<std::int16_t>((expected.size() + k) * 7919 % 65521);
@@ -71,12 +64,9 @@ TEST(DeviceIntegration, HostSamplesReachTheExtractorInPlaceAndItsLeaveEmptiesThe
   producer.get();
   ASSERT_TRUE(device->waitUntilIdle(20000));
   EXPECT_EQ(recorder->samples, expected);
-  EXPECT_EQ(raw->samples, expected);
-  for (const auto& [stamp, pointer] : recorder->pointers)
-    EXPECT_EQ(pointer, raw->pointers[stamp]) << stamp.first << "s " << stamp.second << "us";
-  EXPECT_EQ(recorder->pointers.begin()->second, sent.front().GetBinary()) << "copied on the way";
-
-  device->unsubscribe("Raw");
+  ASSERT_EQ(recorder->pointers.size(), sent.size());
+  for (std::size_t i = 0; i < sent.size(); ++i)
+    EXPECT_EQ(recorder->pointers[i], sent[i].GetBinary()) << "buffer " << i << " was copied";
   call(broker, "unsubscribe");
   EXPECT_TRUE(device->getSubscribers().empty());
   broker->shutdown();

@@ -214,49 +214,34 @@ TEST_F(AudioDeviceTest, FileIsResampledAndItsChannelsConverted) {
   EXPECT_THAT(errorOf([&] { dev->subscribe("Dup"); }).what(), HasSubstr("3 channels"));
 }
 
-TEST_F(AudioDeviceTest, QueuesHoldTheirBoundLiveOnesDropTheOldestOthersHoldTheProducer) {
+TEST_F(AudioDeviceTest, ALiveSourceDropsTheOldestBuffersOfASlowSubscriber) {
   zrtest::LogCapture warnings("zraudiodevice", vo::LogLevel_Warning);
   const std::vector<std::int16_t> samples = pattern(160);
-  for (bool live : {true, false}) {
-    SCOPED_TRACE(live);
-    Options o;
-    o.source = Source::Host;
-    o.realtime = live;
-    o.queueCapacity = live ? 3 : 2;
-    auto dev = device(o);
-    auto slow = make("Slow");
-    Gate entered, go;
-    slow->hook = [&](int n) {
-      if (n == 1) entered.open(), go.wait();
-    };
-    dev->subscribe("Slow");
-    std::vector<ZR::ZRValue> sent{dev->deliver(samples.data(), 160)};
-    ASSERT_TRUE(entered.wait());
-    for (int i = 1; i <= o.queueCapacity + (live ? 6 : 0); ++i)
-      sent.push_back(dev->deliver(samples.data(), 160));  // live: never waits
-    if (!live) {
-      auto producer = std::async(std::launch::async, [&] { dev->deliver(samples.data(), 160); });
-      ASSERT_TRUE(dev->waitUntilHeldBack(10000)) << "a full queue must hold a non-live source";
-      dev->unsubscribe("Slow");
-      EXPECT_EQ(producer.wait_for(10s), std::future_status::ready) << "a leaver must wake it";
-    }
-    go.open();
-    ASSERT_TRUE(dev->waitUntilIdle(10000));
-    const ZR::ZRAudioDeliveryStats s = dev->getDeliveryStats("Slow");
-    EXPECT_EQ(s.mostQueued, o.queueCapacity);
-    EXPECT_EQ(s.dropped, live ? 6 : 0);
-    if (live) {  // the first (running then) and the three newest, with their own timestamps
-      const std::vector<std::size_t> kept{0, 7, 8, 9};
-      ASSERT_EQ(slow->seen.size(), kept.size());
-      for (std::size_t i = 0; i < kept.size(); ++i) {
-        EXPECT_EQ(slow->seen[i].data, sent[kept[i]].GetBinary()) << i;
-        EXPECT_EQ(slow->seen[i].at(), static_cast<long long>(kept[i]) * 10000);
-      }
-    }
-    dev->unsubscribe("Slow");
-    broker_->removeModule("ZRAudioDevice");
-    broker_->removeModule("Slow");
+  Options o;
+  o.source = Source::Host;
+  o.realtime = true;
+  o.queueCapacity = 3;
+  auto dev = device(o);
+  auto slow = make("Slow");
+  Gate entered, go;
+  slow->hook = [&](int n) {
+    if (n == 1) entered.open(), go.wait();
+  };
+  dev->subscribe("Slow");
+  std::vector<ZR::ZRValue> sent{dev->deliver(samples.data(), 160)};
+  ASSERT_TRUE(entered.wait());
+  for (int i = 1; i <= 9; ++i) sent.push_back(dev->deliver(samples.data(), 160));  // never waits
+  go.open();
+  ASSERT_TRUE(dev->waitUntilIdle(10000));
+  EXPECT_EQ(dev->getDeliveryStats("Slow").dropped, 6);
+  // The first (running then) and the three newest, with their own timestamps.
+  const std::vector<std::size_t> kept{0, 7, 8, 9};
+  ASSERT_EQ(slow->seen.size(), kept.size());
+  for (std::size_t i = 0; i < kept.size(); ++i) {
+    EXPECT_EQ(slow->seen[i].data, sent[kept[i]].GetBinary()) << i;
+    EXPECT_EQ(slow->seen[i].at(), static_cast<long long>(kept[i]) * 10000);
   }
+  dev->unsubscribe("Slow");
   EXPECT_EQ(warnings.takeLines(),
             (zrtest::Lines{{3, "publish",
                             "ZRAudioDevice: subscriber \"Slow\" does not keep up: its oldest "
@@ -288,8 +273,6 @@ TEST_F(AudioDeviceTest, HostBuffersAreSharedAndFailingOrGoneSubscribersDoNotStop
   ASSERT_EQ(good->seen.size(), 6u);
   for (int i = 0; i < 5; ++i) EXPECT_EQ(good->seen[i].data, block.GetBinary());
   EXPECT_EQ(good->seen[5].data, filled.GetBinary());
-  EXPECT_EQ(bad->seen[5].data, filled.GetBinary());
-  EXPECT_EQ(dev->getDeliveryStats("Good").delivered, 6);
   EXPECT_EQ(dev->getDeliveryStats("Bad").failed, 6);
   EXPECT_EQ(dev->getDeliveryStats("Bad").delivered, 0) << "a failed delivery is no delivery";
   EXPECT_EQ(dev->getSubscribers(), (Strings{"Bad", "Good"}));

@@ -34,9 +34,7 @@ class Client : public ZR::ZRModule {
  public:
   Client(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name) : ZRModule(broker, name) {
     functionName("onEvent", "Client", "Receives an event.", 0);
-    addParam("event", "Event name.");
-    addParam("value", "Event value.");
-    addParam("subscriber", "Subscriber identifier.");
+    for (const char* p : {"event", "value", "subscriber"}) addParam(p, "An argument.");
     bindMethod(&Client::onEvent);
   }
   void onEvent(const std::string& event, const ZR::ZRValue& value, const std::string& id) {
@@ -227,7 +225,6 @@ TEST(ZRMemory, ASubscriberThatDoesNotKeepUpLosesItsOldestEvents) {
   ASSERT_TRUE(f.memory->waitForDeliveries(10s));
   EXPECT_EQ(slow->received(), (Strings{"E:0", "E:7", "E:8", "E:9", "E:10"}));
   EXPECT_EQ(f.proxy.getDroppedEventCount("Slow"), 6);
-  EXPECT_EQ(f.proxy.getDroppedEventCount("Nobody"), 0);
   EXPECT_EQ(f.warnings.takeLines(),
             (zrtest::Lines{{3, "raiseEvent",
                             "ZRMemory: \"Slow\" does not keep up with its events: its 4 pending "
