@@ -183,6 +183,9 @@ TEST(ZrRun, CommandsPrintWhatTheyShouldAndPluginsRunWithThePrecisionAskedFor) {
       // One second of raw silence on standard input: ten windows, floored.
       {"head -c 32000 /dev/zero | ", "run - --rate 16000 --channels 1 -e SoundLevel -f jsonl",
        "\"rms\":[-120.0]", 10},
+      // A last byte that makes no whole sample is said to be dropped, not lost in silence.
+      {"head -c 32001 /dev/zero | ", "run - --rate 16000 --channels 1 -f jsonl 2>&1",
+       "1 byte(s) that make no whole frame", 1},
   };
   for (const auto& [before, args, expected, times] : cases) {
     const auto [status, out] = sh(before + kZr + " " + args);
