@@ -10,6 +10,7 @@
 #   ./setup.sh example     install into a temporary prefix, build examples/peakmeter against it
 #                          and run it through the installed zr
 #   ./setup.sh fuzz [SECONDS]  fuzz the wire decoder (clang + libFuzzer, build-fuzz/), default 60 s
+#   ./setup.sh format      check that every C++ file is as clang-format leaves it (.clang-format)
 #   ./setup.sh deps        only install the packages
 #   ./setup.sh build       only install and build (build/)
 set -euo pipefail
@@ -23,7 +24,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev
   gnuplot-nox espeak-ng sox
   libzmq3-dev cppzmq-dev libmsgpack-cxx-dev
-  clang libfuzzer-14-dev
+  clang libfuzzer-14-dev clang-format
 )
 
 install_deps() {
@@ -58,6 +59,11 @@ cmd=${1:-test}
 case "$cmd" in
   deps) install_deps ;;
   build) install_deps; build build -DZR_BUILD_BENCHMARKS=ON ;;
+  format)
+    install_deps
+    git ls-files -z -- '*.cpp' '*.h' | xargs -0 clang-format --dry-run -Werror
+    echo "format: every C++ file is formatted"
+    ;;
   test)
     install_deps
     build build -DZR_BUILD_BENCHMARKS=ON
@@ -111,7 +117,7 @@ case "$cmd" in
     ./build/tools/zr/zr run
     ;;
   *)
-    echo "usage: $0 demo|test|asan|tsan|bench|fuzz [SECONDS]|deps|build" >&2
+    echo "usage: $0 demo|test|asan|tsan|bench|example|fuzz [SECONDS]|format|deps|build" >&2
     exit 2
     ;;
 esac

@@ -17,7 +17,9 @@ inline double timestampSeconds(const ZRValue& ts) {
 /// The audio device's sample rate, or `fallback` when the device cannot tell.
 inline int deviceSampleRate(ZRModuleCore& self, int fallback) {
   try {
-    const int rate = self.getParentBroker()->getProxy(ZR::kAudioDeviceServiceName, 0)->call<int>("getSampleRate");
+    const int rate = self.getParentBroker()
+                         ->getProxy(ZR::kAudioDeviceServiceName, 0)
+                         ->call<int>("getSampleRate");
     return rate > 0 ? rate : fallback;
   } catch (const ZRError&) {
     // No device yet: subscribing will fail with a clearer error right after.

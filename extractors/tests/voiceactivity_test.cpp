@@ -67,7 +67,7 @@ Segments detect(const std::vector<short>& pcm, int channels, float precision = -
 
 // The bundled sample in [-1, 1), and its true segments.
 const std::pair<std::vector<double>, Segments>& sample() {
-  static const auto s = [] {
+  static const auto loaded = [] {
     std::pair<std::vector<double>, Segments> s;
     SF_INFO info{};
     SNDFILE* f = sf_open(ZR_SAMPLE, SFM_READ, &info);
@@ -81,7 +81,7 @@ const std::pair<std::vector<double>, Segments>& sample() {
     for (csv.ignore(100, '\n'); csv >> a >> comma >> b;) s.second.emplace_back(a, b);
     return s;
   }();
-  return s;
+  return loaded;
 }
 
 enum class Noise { White, Pink, Brown, Rising, Events, Babble };

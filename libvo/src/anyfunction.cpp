@@ -40,8 +40,9 @@ ZR::ZRValue AnyFunction::call(const ZR::ZRValue* args, std::size_t count) const 
     throw ZR::ZRError("vo", "AnyFunction::call", "member function called without an object");
   const std::size_t expected = s.size() - (member ? 1 : 0);
   if (count != expected) {
-    throw ZR::ZRError("vo", "AnyFunction::call",
-                      "expected " + std::to_string(expected) + " arguments, got " + std::to_string(count));
+    throw ZR::ZRError(
+        "vo", "AnyFunction::call",
+        "expected " + std::to_string(expected) + " arguments, got " + std::to_string(count));
   }
   return type_->call(storage_, object_, args);
 }

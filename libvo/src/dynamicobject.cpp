@@ -9,15 +9,15 @@ std::atomic<unsigned int> gNextUid{1};
 }
 
 std::string MetaMethod::readableSignature() const {
-  return name + sig::readableParameters(parametersSignature) + " -> " + sig::typeName(returnSignature);
+  return name + sig::readableParameters(parametersSignature) + " -> " +
+         sig::typeName(returnSignature);
 }
 
 DynamicObject::DynamicObject() = default;
 DynamicObject::~DynamicObject() = default;
 
 unsigned int DynamicObject::addMethod(const MetaMethod& meta, AnyFunction function, int callType) {
-  if (meta.name.empty())
-    throw ZR::ZRError(objectName(), "addMethod", "a method needs a name");
+  if (meta.name.empty()) throw ZR::ZRError(objectName(), "addMethod", "a method needs a name");
   if (!function.isValid())
     throw ZR::ZRError(objectName(), meta.name, "cannot publish a method without a function");
   if (isSealed())
@@ -123,20 +123,30 @@ std::vector<MetaMethod> DynamicObject::metaMethods() const {
   return out;
 }
 
-bool DynamicObject::hasMethod(std::string_view name) const { return byName_.count(name) != 0; }
+bool DynamicObject::hasMethod(std::string_view name) const {
+  return byName_.count(name) != 0;
+}
 
 namespace sig {
 
 const char* typeName(char code) {
   switch (code) {
-    case Void: return "void";
-    case Bool: return "bool";
-    case Int: return "int";
-    case Float: return "float";
-    case String: return "string";
-    case Value: return "ZRValue";
-    case StringList: return "list of strings";
-    case Object: return "object";
+    case Void:
+      return "void";
+    case Bool:
+      return "bool";
+    case Int:
+      return "int";
+    case Float:
+      return "float";
+    case String:
+      return "string";
+    case Value:
+      return "ZRValue";
+    case StringList:
+      return "list of strings";
+    case Object:
+      return "object";
   }
   return "unknown";
 }
@@ -152,27 +162,35 @@ std::string readableParameters(const std::string& codes) {
 
 char codeOf(const ZR::ZRValue& v) {
   switch (v.getType()) {
-    case ZR::ZRValue::TypeBool: return Bool;
-    case ZR::ZRValue::TypeInt: return Int;
-    case ZR::ZRValue::TypeFloat: return Float;
-    case ZR::ZRValue::TypeString: return String;
+    case ZR::ZRValue::TypeBool:
+      return Bool;
+    case ZR::ZRValue::TypeInt:
+      return Int;
+    case ZR::ZRValue::TypeFloat:
+      return Float;
+    case ZR::ZRValue::TypeString:
+      return String;
     case ZR::ZRValue::TypeArray: {
       for (const ZR::ZRValue& e : v.arrayElements())
         if (!e.isString()) return Value;
       return StringList;
     }
-    default: return Value;
+    default:
+      return Value;
   }
 }
 
 int matchScore(char parameter, const ZR::ZRValue& argument) {
   switch (parameter) {
-    case Value: return 1;
+    case Value:
+      return 1;
     case Float:
       if (argument.isFloat()) return 2;
       return argument.isInt() ? 1 : 0;
-    case StringList: return codeOf(argument) == StringList ? 2 : 0;
-    default: return codeOf(argument) == parameter ? 2 : 0;
+    case StringList:
+      return codeOf(argument) == StringList ? 2 : 0;
+    default:
+      return codeOf(argument) == parameter ? 2 : 0;
   }
 }
 

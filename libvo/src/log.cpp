@@ -124,13 +124,20 @@ void addConsoleHandler() {
 
 const char* logLevelName(LogLevel level) {
   switch (level) {
-    case LogLevel_Silent: return "silent";
-    case LogLevel_Fatal: return "fatal";
-    case LogLevel_Error: return "error";
-    case LogLevel_Warning: return "warning";
-    case LogLevel_Info: return "info";
-    case LogLevel_Verbose: return "verbose";
-    case LogLevel_Debug: return "debug";
+    case LogLevel_Silent:
+      return "silent";
+    case LogLevel_Fatal:
+      return "fatal";
+    case LogLevel_Error:
+      return "error";
+    case LogLevel_Warning:
+      return "warning";
+    case LogLevel_Info:
+      return "info";
+    case LogLevel_Verbose:
+      return "verbose";
+    case LogLevel_Debug:
+      return "debug";
   }
   return "unknown";
 }

@@ -76,7 +76,8 @@ TEST_F(Log, ConcurrentRecordsAreNeitherLostNorTorn) {
   for (int t = 0; t < kThreads; ++t)
     threads.emplace_back([t] {
       for (int i = 0; i < kPerThread; ++i)
-        logAt(vo::LogLevel_Info, t) << t << ' ' << i << ' ' << std::string(40, 'a' + t);
+        logAt(vo::LogLevel_Info, t)
+            << t << ' ' << i << ' ' << std::string(40, static_cast<char>('a' + t));
     });
   for (std::thread& th : threads) th.join();
   done = true;
@@ -88,7 +89,7 @@ TEST_F(Log, ConcurrentRecordsAreNeitherLostNorTorn) {
   for (const Record& r : records) {
     ASSERT_TRUE(r.line >= 0 && r.line < kThreads) << r.message;
     ASSERT_EQ(r.message, std::to_string(r.line) + ' ' + std::to_string(next[r.line]++) + ' ' +
-                             std::string(40, 'a' + r.line));
+                             std::string(40, static_cast<char>('a' + r.line)));
   }
 }
 

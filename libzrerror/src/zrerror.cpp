@@ -2,7 +2,9 @@
 
 namespace ZR {
 
-ZRError::ZRError() { compose(); }
+ZRError::ZRError() {
+  compose();
+}
 
 ZRError::ZRError(const std::string& moduleName, const std::string& methodName,
                  const std::string& description, const char* fileName, int lineNumber)
@@ -34,10 +36,12 @@ void ZRError::compose() {
   t += methodName_;
   if (!description_.empty()) {
     if (!t.empty()) {
-      const bool endsWithColon =
-          (t.size() >= 1 && t.back() == ':') || (t.size() >= 2 && t.compare(t.size() - 2, 2, ": ") == 0);
-      if (!endsWithColon) t += ": ";
-      else if (t.back() == ':') t += ' ';
+      const bool endsWithColon = (t.size() >= 1 && t.back() == ':') ||
+                                 (t.size() >= 2 && t.compare(t.size() - 2, 2, ": ") == 0);
+      if (!endsWithColon)
+        t += ": ";
+      else if (t.back() == ':')
+        t += ' ';
     }
     t += description_;
   }

@@ -77,12 +77,14 @@ ZRExtractor::ZRExtractor(boost::shared_ptr<ZRBroker> broker, const std::string& 
     setReturn("period", "Refresh period (in milliseconds).");
     objectBuilder().advertiseMethod(methodBuilder(), this, &ZRExtractor::getMyPeriod, 0);
 
-    functionName("getMyPrecision", "ZRExtractor", "Gets the precision for a specific subscription.", 0);
+    functionName("getMyPrecision", "ZRExtractor", "Gets the precision for a specific subscription.",
+                 0);
     addParam("name", "name of the module which has subscribed");
     setReturn("precision", "precision of the extractor");
     objectBuilder().advertiseMethod(methodBuilder(), this, &ZRExtractor::getMyPrecision, 0);
 
-    functionName("getSubscribersInfo", "ZRExtractor", "Gets the parameters given by the module.", 0);
+    functionName("getSubscribersInfo", "ZRExtractor", "Gets the parameters given by the module.",
+                 0);
     setReturn("subscribersInfo", "Array of names and parameters of all subscribers.");
     objectBuilder().advertiseMethod(methodBuilder(), this, &ZRExtractor::getSubscribersInfo, 0);
 
@@ -94,7 +96,8 @@ ZRExtractor::ZRExtractor(boost::shared_ptr<ZRBroker> broker, const std::string& 
     setReturn("outputNames", "Array of events updated by this extractor in ZRMemory");
     objectBuilder().advertiseMethod(methodBuilder(), this, &ZRExtractor::getEventList, 0);
 
-    functionName("getMemoryKeyList", "ZRExtractor", "Get the list of events updated in ZRMemory.", 0);
+    functionName("getMemoryKeyList", "ZRExtractor", "Get the list of events updated in ZRMemory.",
+                 0);
     setReturn("outputNames", "Array of events updated by this extractor in ZRMemory");
     objectBuilder().advertiseMethod(methodBuilder(), this, &ZRExtractor::getMemoryKeyList, 0);
 
@@ -210,7 +213,8 @@ void ZRExtractor::updatePeriod(const std::string& name, const int& period) {
     WriteLock lock(_p->registryLock);
     std::map<std::string, ZRExtractorParameters>::iterator it = _p->subscribers.find(name);
     if (it == _p->subscribers.end())
-      throw ZRError("ZRExtractor", "updateParam: unknown module name: ", name, kSourcePath, __LINE__);
+      throw ZRError("ZRExtractor", "updateParam: unknown module name: ", name, kSourcePath,
+                    __LINE__);
     it->second.period = clampPeriod(period, "updatePeriod");
   }
   xUpdateParameters();
@@ -221,7 +225,8 @@ void ZRExtractor::updatePrecision(const std::string& name, const float& precisio
     WriteLock lock(_p->registryLock);
     std::map<std::string, ZRExtractorParameters>::iterator it = _p->subscribers.find(name);
     if (it == _p->subscribers.end())
-      throw ZRError("ZRExtractor", "updateParam: unknown module name: ", name, kSourcePath, __LINE__);
+      throw ZRError("ZRExtractor", "updateParam: unknown module name: ", name, kSourcePath,
+                    __LINE__);
     it->second.precision = precision;
   }
   xUpdateParameters();
@@ -271,7 +276,8 @@ float ZRExtractor::getMyPrecision(const std::string& name) {
   ReadLock lock(_p->registryLock);
   std::map<std::string, ZRExtractorParameters>::const_iterator it = _p->subscribers.find(name);
   if (it == _p->subscribers.end())
-    throw ZRError("ZRExtractor", "getMyPrecision: unknown module name: ", name, kSourcePath, __LINE__);
+    throw ZRError("ZRExtractor", "getMyPrecision: unknown module name: ", name, kSourcePath,
+                  __LINE__);
   return it->second.precision;
 }
 
@@ -292,22 +298,38 @@ ZRValue ZRExtractor::getSubscribersInfo() {
   return info;
 }
 
-int ZRExtractor::getDefaultPeriod() { return 30; }
-float ZRExtractor::getDefaultPrecision() { return 0.0f; }
-int ZRExtractor::getMinimumPeriod() { return 1; }
-int ZRExtractor::getMaximumPeriod() { return -1; }
+int ZRExtractor::getDefaultPeriod() {
+  return 30;
+}
+float ZRExtractor::getDefaultPrecision() {
+  return 0.0f;
+}
+int ZRExtractor::getMinimumPeriod() {
+  return 1;
+}
+int ZRExtractor::getMaximumPeriod() {
+  return -1;
+}
 
-std::vector<std::string> ZRExtractor::getOutputNames() { return _p->getOutputNames(); }
+std::vector<std::string> ZRExtractor::getOutputNames() {
+  return _p->getOutputNames();
+}
 
-std::vector<std::string> ZRExtractor::getEventList() { return _p->eventList; }
+std::vector<std::string> ZRExtractor::getEventList() {
+  return _p->eventList;
+}
 
-std::vector<std::string> ZRExtractor::getMemoryKeyList() { return _p->memoryKeyList; }
+std::vector<std::string> ZRExtractor::getMemoryKeyList() {
+  return _p->memoryKeyList;
+}
 
 void ZRExtractor::declareEvent(const std::string& name) {
   _p->eventList.push_back(name);
   _p->memoryProxy->declareEvent(name, _p->extractorName);
 }
 
-void ZRExtractor::declareMemoryKey(const std::string& name) { _p->declareMemoryKey(name); }
+void ZRExtractor::declareMemoryKey(const std::string& name) {
+  _p->declareMemoryKey(name);
+}
 
 }  // namespace ZR

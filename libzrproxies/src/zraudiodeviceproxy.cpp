@@ -17,19 +17,29 @@ void ZRAudioDeviceProxy::unsubscribe(const std::string& moduleName) {
   proxy_->call<void>("unsubscribe", moduleName);
 }
 
-void ZRAudioDeviceProxy::hold() { proxy_->call<void>("hold"); }
+void ZRAudioDeviceProxy::hold() {
+  proxy_->call<void>("hold");
+}
 
-void ZRAudioDeviceProxy::release() { proxy_->call<void>("release"); }
+void ZRAudioDeviceProxy::release() {
+  proxy_->call<void>("release");
+}
 
 std::vector<std::string> ZRAudioDeviceProxy::getSubscribers() {
   return proxy_->call<std::vector<std::string>>("getSubscribers");
 }
 
-int ZRAudioDeviceProxy::getSampleRate() { return proxy_->call<int>("getSampleRate"); }
+int ZRAudioDeviceProxy::getSampleRate() {
+  return proxy_->call<int>("getSampleRate");
+}
 
-int ZRAudioDeviceProxy::getChannelCount() { return proxy_->call<int>("getChannelCount"); }
+int ZRAudioDeviceProxy::getChannelCount() {
+  return proxy_->call<int>("getChannelCount");
+}
 
-int ZRAudioDeviceProxy::getSamplesPerBuffer() { return proxy_->call<int>("getSamplesPerBuffer"); }
+int ZRAudioDeviceProxy::getSamplesPerBuffer() {
+  return proxy_->call<int>("getSamplesPerBuffer");
+}
 
 int ZRAudioDeviceProxy::getDeliveredBufferCount(const std::string& moduleName) {
   return proxy_->call<int>("getDeliveredBufferCount", moduleName);
@@ -39,7 +49,9 @@ int ZRAudioDeviceProxy::getDroppedBufferCount(const std::string& moduleName) {
   return proxy_->call<int>("getDroppedBufferCount", moduleName);
 }
 
-bool ZRAudioDeviceProxy::isEndOfStream() { return proxy_->call<bool>("isEndOfStream"); }
+bool ZRAudioDeviceProxy::isEndOfStream() {
+  return proxy_->call<bool>("isEndOfStream");
+}
 
 std::string ZRAudioDeviceProxy::getSourceDescription() {
   return proxy_->call<std::string>("getSourceDescription");
@@ -49,6 +61,8 @@ void ZRAudioDeviceProxy::startRecording(const std::string& path) {
   proxy_->call<void>("startRecording", path);
 }
 
-int ZRAudioDeviceProxy::stopRecording() { return proxy_->call<int>("stopRecording"); }
+int ZRAudioDeviceProxy::stopRecording() {
+  return proxy_->call<int>("stopRecording");
+}
 
 }  // namespace ZR

@@ -14,13 +14,17 @@ void ZRMemoryProxy::insertData(const std::string& key, const ZRValue& value) {
   proxy_->call<void>("insertData", key, value);
 }
 
-ZRValue ZRMemoryProxy::getData(const std::string& key) { return proxy_->call<ZRValue>("getData", key); }
+ZRValue ZRMemoryProxy::getData(const std::string& key) {
+  return proxy_->call<ZRValue>("getData", key);
+}
 
 std::vector<std::string> ZRMemoryProxy::getDataListName() {
   return proxy_->call<std::vector<std::string>>("getDataListName");
 }
 
-void ZRMemoryProxy::removeData(const std::string& key) { proxy_->call<void>("removeData", key); }
+void ZRMemoryProxy::removeData(const std::string& key) {
+  proxy_->call<void>("removeData", key);
+}
 
 void ZRMemoryProxy::declareEvent(const std::string& eventName, const std::string& producerName) {
   proxy_->call<void>("declareEvent", eventName, producerName);
@@ -35,7 +39,8 @@ void ZRMemoryProxy::subscribeToEvent(const std::string& eventName, const std::st
   proxy_->call<void>("subscribeToEvent", eventName, moduleName, callbackMethod);
 }
 
-void ZRMemoryProxy::unsubscribeToEvent(const std::string& eventName, const std::string& moduleName) {
+void ZRMemoryProxy::unsubscribeToEvent(const std::string& eventName,
+                                       const std::string& moduleName) {
   proxy_->call<void>("unsubscribeToEvent", eventName, moduleName);
 }
 

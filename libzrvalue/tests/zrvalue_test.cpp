@@ -37,7 +37,7 @@ TEST(ZRValue, TypesAndCheckedConversions) {
       EXPECT_EQ(is[q], q == t) << v.getTypeName() << " as " << ZRValue::typeName(ZRValue::Type(q));
   }
   const int viaOperator = ZRValue(9);  // an int reads as a float; nothing else converts
-  EXPECT_EQ(ZRValue(3).toFloat() + viaOperator, 12.0f);
+  EXPECT_EQ(ZRValue(3).toFloat() + static_cast<float>(viaOperator), 12.0f);
   // Each message names the actual and the wanted type.
   const std::vector<std::pair<std::function<void()>, const char*>> misfits = {
       {[] { arrayOf({1}).toInt(); }, "type array to int"},

@@ -56,18 +56,25 @@ ZRSoundExtractor::~ZRSoundExtractor() {
 
 void ZRSoundExtractor::setDebugMode(const bool& bSetOrUnset) {
   vo::log::LogStream(vo::LogLevel_Warning, "", "setDebugMode", kCategory, 0)
-      << "The call to setDebugMode() is now deprectated. This functionnality is now handled by vo/log"
+      << "The call to setDebugMode() is now deprectated. This functionnality is now handled by "
+         "vo/log"
       << std::endl;
   debugMode = bSetOrUnset;
 }
 
-std::string ZRSoundExtractor::version() { return std::string(); }
+std::string ZRSoundExtractor::version() {
+  return std::string();
+}
 
-void ZRSoundExtractor::xStartDetection(int /*period*/, float /*precision*/) { startDetection(); }
+void ZRSoundExtractor::xStartDetection(int /*period*/, float /*precision*/) {
+  startDetection();
+}
 
 void ZRSoundExtractor::xUpdateParameters(int /*period*/, float /*precision*/) {}
 
-void ZRSoundExtractor::xStopDetection() { stopDetection(); }
+void ZRSoundExtractor::xStopDetection() {
+  stopDetection();
+}
 
 std::vector<std::string> ZRSoundExtractor::getOutputNames() {
   boost::shared_ptr<ZRProxy> memory = getParentBroker()->getProxy("ZRMemory", 0);

@@ -66,9 +66,9 @@ class ZRModuleLiveness {
 
 /// The module core's own state, kept out of its public header.
 struct ZRModuleCoreState {
-  ZRModuleCoreState(vo::DynamicObject* object, boost::shared_ptr<ZRBroker> broker,
+  ZRModuleCoreState(vo::DynamicObject* object, const boost::shared_ptr<ZRBroker>& parent,
                     const std::string& moduleName)
-      : name(moduleName), broker(broker), objectBuilder(object) {}
+      : name(moduleName), broker(parent), objectBuilder(object) {}
 
   std::string name;
   boost::weak_ptr<ZRBroker> broker;

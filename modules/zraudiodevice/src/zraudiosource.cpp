@@ -312,8 +312,8 @@ class AlsaSource : public ZRAudioSource {
         throw ZRError(kAudioDeviceServiceName, "read",
                       "microphone \"" + name_ + "\" failed: " + snd_strerror(err));
       vo::log::LogStream(vo::LogLevel_Warning, "", "read", kCategory, 0)
-          << "microphone \"" << name_ << "\" overran: samples were lost (" << snd_strerror(n)
-          << ")";
+          << "microphone \"" << name_ << "\" overran: samples were lost ("
+          << snd_strerror(static_cast<int>(n)) << ")";
     }
     return done;
   }

@@ -4,9 +4,9 @@
 #include <condition_variable>
 #include <deque>
 #include <map>
-#include <set>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>

@@ -305,10 +305,10 @@ TEST(ZRMemory, ModulesGoingAwayAndComingBack) {
 TEST(ZRMemory, OutlivesItsBrokerWithSubscribers) {
   auto [memory, client] = [] {
     Fixture f;
-    auto client = f.make("Client");
+    auto made = f.make("Client");
     f.proxy.subscribeToEvent("E", "Client", "onEvent");
     f.broker->shutdown();
-    return std::make_pair(f.memory, client);
+    return std::make_pair(f.memory, made);
   }();
   EXPECT_EQ(memory->getSubscribers("E"), Strings{"Client"});
   memory->raiseEvent("E", 2);  // nothing runs it any more, and nobody waits for it
