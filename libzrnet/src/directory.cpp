@@ -282,16 +282,18 @@ void ZRDirectoryClient::sync() {
       if (!present.count(e.name)) apply(e, false);
   }
   for (const auto& [e, added] : changes) apply(e, added);
-  if (restarted) {
-    // A new directory knows nothing of us: publish again, then pick the result up.
-    for (const std::string& name : mine) {
-      try {
-        callDirectory("publish", {hostId_, host_, transport_.endpoint(), name});
-      } catch (const ZRError& e) {
-        ZRDIR_LOG(vo::LogLevel_Error) << "cannot publish \"" << name << "\" again: " << e.what();
-      }
+  // Names of ours the directory no longer has: it restarted, or our lease ran out while this host
+  // was only slow (a loaded machine). Published again; the next sync brings them back.
+  for (const std::string& name : mine) {
+    if (find(name)) continue;
+    if (!restarted)
+      ZRDIR_LOG(vo::LogLevel_Info)
+          << "\"" << name << "\" dropped by the directory, published again";
+    try {
+      callDirectory("publish", {hostId_, host_, transport_.endpoint(), name});
+    } catch (const ZRError& e) {
+      ZRDIR_LOG(vo::LogLevel_Error) << "cannot publish \"" << name << "\" again: " << e.what();
     }
-    sync();
   }
 }
 
