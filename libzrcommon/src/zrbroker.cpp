@@ -188,13 +188,18 @@ void ZRBroker::startNetwork(const ZRBrokerOptions& options) {
   impl->transport = std::make_shared<ZRTransport>(t, handler, executor);
   const std::string directory =
       options.serveDirectory ? impl->transport->endpoint() : options.directory;
-  if (!options.directoryPublicKey.empty())
-    impl->transport->setServerKey(directory, options.directoryPublicKey);
+  // A CURVE deployment: every host listens with the directory's key pair (the directory's own
+  // when it serves it), so the directory's public key is every host's server key.
+  const std::string serverKey = options.directoryPublicKey.empty() && options.serveDirectory
+                                    ? options.curvePublicKey
+                                    : options.directoryPublicKey;
+  if (!serverKey.empty()) impl->transport->setServerKey(directory, serverKey);
   impl->directoryClient.reset(
       new ZRDirectoryClient(*impl->transport, directory, impl->name, options.heartbeat));
   const std::string self = impl->transport->endpoint();
-  auto apply = [impl, self](const ZRDirectoryEntry& e, bool added) {
+  auto apply = [impl, self, serverKey](const ZRDirectoryEntry& e, bool added) {
     if (e.endpoint == self) return;  // our own names, already local
+    if (added && !serverKey.empty()) impl->transport->setServerKey(e.endpoint, serverKey);
     if (added)
       impl->session->addRemoteService(e.name, {e.host, e.endpoint});
     else

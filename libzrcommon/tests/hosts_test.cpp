@@ -19,8 +19,12 @@
 
 namespace {
 
-// Sanitized processes on a loaded machine can miss 3 heartbeats of 250 ms without being dead.
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+// Sanitized processes on a loaded machine can miss 3 heartbeats of 250 ms without being dead;
+// three ThreadSanitizer hosts starting at once on two busy cores took over 5 s for their first
+// exchange with the directory.
+#if defined(__SANITIZE_THREAD__)
+const std::string kBeat = "2000";
+#elif defined(__SANITIZE_ADDRESS__)
 const std::string kBeat = "1000";
 #else
 const std::string kBeat = "250";
@@ -107,11 +111,6 @@ boost::shared_ptr<ZR::ZRBroker> join(const std::string& name, const std::string&
 }
 
 TEST(Hosts, AKilledHostFailsItsCallersTheOthersGoOnAndComesBackByName) {
-#if defined(__SANITIZE_THREAD__)
-  // Under ThreadSanitizer the directory host, started from this test, answers nobody (the
-  // same hosts started by hand do); skipped until that is understood.
-  GTEST_SKIP() << "the directory host started from a ThreadSanitizer test answers nobody";
-#endif
   signal(SIGPIPE, SIG_IGN);
   auto directory = std::make_unique<Host>(
       std::vector<std::string>{"dir", "--directory", "tcp://127.0.0.1:0", "--serve"});

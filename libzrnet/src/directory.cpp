@@ -159,19 +159,35 @@ void ZRDirectoryClient::stop() {
   if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) thread_.join();
 }
 
-ZRValue ZRDirectoryClient::callDirectory(const std::string& method, std::vector<ZRValue> args) {
+ZRValue ZRDirectoryClient::callDirectory(const std::string& method, std::vector<ZRValue> args,
+                                         std::chrono::milliseconds deadline) {
   ZRCallOptions o;
-  // A sync that misses its turn is retried at the next heartbeat; a registration waiting on
-  // publish has no next turn, so a loaded directory gets longer to answer it.
-  o.deadline = method == "sync"
-                   ? 4 * heartbeat_
-                   : std::max<std::chrono::milliseconds>(4 * heartbeat_, std::chrono::seconds(5));
+  o.deadline = deadline.count() > 0 ? deadline : 4 * heartbeat_;
   o.caller = host_;
   return transport_.call(directory_, ZRDirectoryServer::kModuleName, method, std::move(args), o);
 }
 
+// A sync that misses its turn is retried at the next heartbeat; a registration has no next turn,
+// so a loaded directory gets longer to answer it.
+std::chrono::milliseconds ZRDirectoryClient::registrationTime() const {
+  return std::max<std::chrono::milliseconds>(4 * heartbeat_, std::chrono::seconds(5));
+}
+
 void ZRDirectoryClient::publish(const std::string& name) {
-  callDirectory("publish", {hostId_, host_, transport_.endpoint(), name});
+  // A connection that dies before its first answer ("module destroyed") is only a directory
+  // slow to take a new host (a loaded machine, a directory starting): asked again until the
+  // time is up. A refusal ends it at once.
+  const auto until = Clock::now() + registrationTime();
+  for (;;) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now());
+    try {
+      callDirectory("publish", {hostId_, host_, transport_.endpoint(), name},
+                    std::max(left, std::chrono::milliseconds(1)));
+      break;
+    } catch (const ZRError& e) {
+      if (e.getDescription() != "module destroyed" || Clock::now() >= until) throw;
+    }
+  }
   std::lock_guard<std::mutex> lock(mutex_);
   published_.insert(name);
 }
@@ -181,7 +197,7 @@ void ZRDirectoryClient::unpublish(const std::string& name) {
     std::lock_guard<std::mutex> lock(mutex_);
     published_.erase(name);
   }
-  callDirectory("unpublish", {hostId_, host_, transport_.endpoint(), name});
+  callDirectory("unpublish", {hostId_, host_, transport_.endpoint(), name}, registrationTime());
 }
 
 std::optional<ZRDirectoryEntry> ZRDirectoryClient::find(const std::string& name) const {
@@ -290,7 +306,7 @@ void ZRDirectoryClient::sync() {
       ZRDIR_LOG(vo::LogLevel_Info)
           << "\"" << name << "\" dropped by the directory, published again";
     try {
-      callDirectory("publish", {hostId_, host_, transport_.endpoint(), name});
+      callDirectory("publish", {hostId_, host_, transport_.endpoint(), name}, registrationTime());
     } catch (const ZRError& e) {
       ZRDIR_LOG(vo::LogLevel_Error) << "cannot publish \"" << name << "\" again: " << e.what();
     }

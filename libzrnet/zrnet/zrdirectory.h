@@ -78,7 +78,8 @@ class ZRDirectoryClient {
   ZRDirectoryClient& operator=(const ZRDirectoryClient&) = delete;
 
   /// Throws ZRError when another host holds the name (naming that host) or when the directory
-  /// cannot be reached (in at most 4 heartbeats, and no less than 5 s).
+  /// cannot be reached within 4 heartbeats, and no less than 5 s (a connection lost on the way
+  /// is tried again in that time).
   void publish(const std::string& name);
   void unpublish(const std::string& name);
   std::optional<ZRDirectoryEntry> find(const std::string& name) const;
@@ -94,7 +95,11 @@ class ZRDirectoryClient {
   void run();
   void sync();
   void apply(const ZRDirectoryEntry& entry, bool added);
-  ZRValue callDirectory(const std::string& method, std::vector<ZRValue> args);
+  /// How long publish and unpublish wait for the directory.
+  std::chrono::milliseconds registrationTime() const;
+  /// Deadline zero: 4 heartbeats.
+  ZRValue callDirectory(const std::string& method, std::vector<ZRValue> args,
+                        std::chrono::milliseconds deadline = {});
 
   ZRTransport& transport_;
   const std::string directory_, host_, hostId_;
