@@ -293,6 +293,8 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
       fail(peer, m.id, ZRError(m.module, m.method, e.what()));
       return;
     }
+    // From here on only the frames hold the binaries: ZeroMQ lets them go once they are sent.
+    m.args.clear();
     queue(peer, std::move(frames));
   }
 
@@ -560,7 +562,10 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
       self->post([self, identity, reply, cancelled] {
         auto it = self->remotes.find(identity);
         if (it != self->remotes.end()) it->second.running.erase(reply->id);
-        if (!*cancelled && !self->stopped) self->sendToRemote(identity, encode(*reply));
+        if (*cancelled || self->stopped) return;
+        Frames frames = encode(*reply);
+        reply->value = ZRValue();  // only the frames hold the result's binaries now
+        self->sendToRemote(identity, std::move(frames));
       });
     };
     enqueue(identity + '\0' + call->module, std::move(job));
@@ -742,7 +747,9 @@ void ZRTransport::send(const std::string& endpoint, const std::string& module,
     if (impl->stopped) return;
     Impl::Peer& peer = impl->peerFor(endpoint);
     m->seq = impl->nextSeq++;
-    impl->queue(peer, encode(*m));
+    Frames frames = encode(*m);
+    m->args.clear();  // only the frames hold the binaries now
+    impl->queue(peer, std::move(frames));
   });
 }
 
