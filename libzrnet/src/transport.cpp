@@ -114,6 +114,8 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
   std::deque<Frames> routerOutbox;                // identity frame first
   std::map<std::string, std::unique_ptr<Peer>> peers;
   std::map<std::string, Remote> remotes;
+  // Credits granted since the last flush, by connection and stream: one message for them all.
+  std::map<std::pair<std::string, std::string>, std::uint32_t> credits;
   std::uint64_t nextId = 1, nextSeq = 1;
   bool stopped = false;  // the I/O thread saw the stop
 
@@ -341,6 +343,14 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
   }
 
   void flush() {
+    for (auto& [key, n] : credits) {
+      Message m;
+      m.type = MsgType::Credit;
+      m.stream = key.second;
+      m.credits = n;
+      sendToRemote(key.first, encode(m));
+    }
+    credits.clear();
     for (auto& [endpoint, peer] : peers)
       while (!peer->outbox.empty() && trySend(*peer->socket, peer->outbox.front()))
         peer->outbox.pop_front();
@@ -769,12 +779,7 @@ void ZRTransport::credit(const std::string& connection, const std::string& strea
                          std::uint32_t credits) {
   Impl* impl = impl_.get();
   impl_->post([impl, connection, stream, credits] {
-    if (impl->stopped) return;
-    Message m;
-    m.type = MsgType::Credit;
-    m.stream = stream;
-    m.credits = credits;
-    impl->sendToRemote(connection, encode(m));
+    if (!impl->stopped) impl->credits[{connection, stream}] += credits;
   });
 }
 

@@ -21,6 +21,9 @@ int clampToInt(std::int64_t v) {
   return static_cast<int>(std::min<std::int64_t>(v, INT_MAX));
 }
 
+// How long a subscribe waits for the directory to publish a module it does not know yet.
+const int kDirectoryLagMs = 2000;
+
 void info(const char* function, const std::string& message) {
   vo::log::LogStream(vo::LogLevel_Info, "", function, kAudioDeviceCategory, 0) << message;
 }
@@ -167,6 +170,9 @@ void ZRAudioDevice::subscribe(const std::string& module) {
   std::unique_lock<std::mutex> control(controlMutex_);
   boost::shared_ptr<ZRBroker> broker = getParentBroker();
   boost::shared_ptr<ZRProxy> proxy;
+  // A module of another host may subscribe before the directory told this host about it.
+  if (!broker->endpoint().empty() && !broker->hasModule(module))
+    broker->session()->waitForService(module).wait(kDirectoryLagMs);
   try {
     proxy = broker->getProxy(module, 0);
   } catch (const ZRError& e) {

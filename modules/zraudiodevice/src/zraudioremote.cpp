@@ -17,7 +17,7 @@ namespace {
 const char kEntryMark = '\x01';
 // Buffers a host may hold unanswered: enough to keep the wire busy for a file, few for a live
 // source, whose subscribers want the newest sound.
-const int kFileWindow = 8;
+const int kFileWindow = 32;
 const int kLiveWindow = 3;
 
 // One thread running posted work in order. A send waiting for credits blocks this thread, never
