@@ -156,6 +156,7 @@ ZRAudioDevice::~ZRAudioDevice() {
         << "unsubscribe from \"" << getName() << "\" will fail";
   }
   core_->line->clear(true);
+  core_->remote->close();
   core_->recorder.stop();
 }
 

@@ -93,6 +93,11 @@ ZRAudioRemoteSubscribers::ZRAudioRemoteSubscribers(std::string deviceName, bool 
     : deviceName_(std::move(deviceName)), live_(live) {}
 
 ZRAudioRemoteSubscribers::~ZRAudioRemoteSubscribers() {
+  close();
+}
+
+void ZRAudioRemoteSubscribers::close() {
+  std::lock_guard<std::mutex> lock(mutex_);
   for (auto& [endpoint, host] : hosts_) host->sender->close();
 }
 

@@ -43,6 +43,8 @@ class ZRAudioRemoteSubscribers : public std::enable_shared_from_this<ZRAudioRemo
   void waitUntilDrained(const std::atomic<bool>* stop);
   /// Wakes whoever waits in a send or a drain, to look at their stop flag.
   void wake();
+  /// Ends every stream: a send waiting for credits gives up (the device is going away).
+  void close();
 
  private:
   struct Host;
