@@ -159,21 +159,29 @@ struct ZRBroker::Impl {
     for (auto& s : live) f(*s);
   }
 
-  // A fan-out message: its first argument names the modules of this host that take the call.
+  // A fan-out message: its first argument names the modules of this host that take the calls,
+  // each of the others is one call's arguments.
   void fanOut(const ZRIncomingCall& c) {
     if (c.args.empty() || !c.args[0].isArray()) {
       warnFanOut("a stream message from " + c.peerHost + " names no modules; dropped");
     } else {
-      const ZRValue& names = c.args[0];
-      for (int i = 0; i < names.getSize(); ++i) {
-        const std::string module = names[i].isString() ? names[i].toStringRef() : std::string();
-        try {
-          boost::weak_ptr<vo::DynamicObject> handle = session->serviceHandle(module);
-          if (handle.expired()) throw ZRError(module, c.method, "module destroyed");
-          ZRProxy(module, handle).metaCall(c.method, c.args.data() + 1, c.args.size() - 1);
-        } catch (const std::exception& e) {
-          warnFanOut("\"" + c.method + "\" of \"" + module + "\" from " + c.peerHost +
-                     "'s stream failed: " + e.what());
+      const std::vector<ZRValue>& names = c.args[0].arrayElements();
+      for (std::size_t call = 1; call < c.args.size(); ++call) {
+        if (!c.args[call].isArray()) {
+          warnFanOut("a stream message from " + c.peerHost + " holds a call that is no array");
+          continue;
+        }
+        const std::vector<ZRValue>& args = c.args[call].arrayElements();
+        for (const ZRValue& target : names) {
+          const std::string module = target.isString() ? target.toStringRef() : std::string();
+          try {
+            boost::weak_ptr<vo::DynamicObject> handle = session->serviceHandle(module);
+            if (handle.expired()) throw ZRError(module, c.method, "module destroyed");
+            ZRProxy(module, handle).metaCall(c.method, args.data(), args.size());
+          } catch (const std::exception& e) {
+            warnFanOut("\"" + c.method + "\" of \"" + module + "\" from " + c.peerHost +
+                       "'s stream failed: " + e.what());
+          }
         }
       }
     }

@@ -14,7 +14,7 @@ ZRStreamSender::ZRStreamSender(std::weak_ptr<ZRTransport> transport, std::string
       window_(window < 1 ? 1 : window) {}
 
 void ZRStreamSender::send(const std::vector<std::string>& modules, const std::string& method,
-                          std::vector<ZRValue> args) {
+                          std::vector<ZRValue> calls) {
   const std::string module = modules.empty() ? std::string() : modules.front();
   {
     std::unique_lock<std::mutex> lock(mutex_);
@@ -30,9 +30,9 @@ void ZRStreamSender::send(const std::vector<std::string>& modules, const std::st
   ZRValue names;
   names.arraySetSize(static_cast<int>(modules.size()));
   for (std::size_t i = 0; i < modules.size(); ++i) names[static_cast<int>(i)] = modules[i];
-  args.insert(args.begin(), std::move(names));
+  calls.insert(calls.begin(), std::move(names));
   // An empty module name: the receiving host fans the message out to the named modules.
-  transport->send(endpoint_, "", method, std::move(args), stream_);
+  transport->send(endpoint_, "", method, std::move(calls), stream_);
 }
 
 bool ZRStreamSender::waitUntilDrained(const std::atomic<bool>* stop) {

@@ -21,9 +21,10 @@ class ZRTransport;
 
 namespace detail {
 
-/// One stream to one host. Each send() goes out as one message naming the modules it is for;
-/// the receiving host calls the method on each of them, in order, then grants one credit. At most
-/// `window` messages are unanswered at once: send() waits for a credit beyond that.
+/// One stream to one host. Each send() goes out as one message naming the modules it is for and
+/// carrying one or more calls (each an array of arguments); the receiving host makes every call
+/// on each of those modules, in order, then grants one credit. At most `window` messages are
+/// unanswered at once: send() waits for a credit beyond that.
 ///
 /// Concurrency: every member may be called from any thread; send() is meant for one sender at a
 /// time (a delivery line's task). send() and waitUntilDrained() block, without a time limit,
@@ -33,10 +34,11 @@ class ZRStreamSender {
   ZRStreamSender(std::weak_ptr<ZRTransport> transport, std::string endpoint, std::string stream,
                  int window);
 
-  /// Sends `method` with `args` to `modules`. Throws ZRError(`modules[0]`, `method`, "module
-  /// destroyed") once the host is lost, or when the stream is closed.
+  /// Sends `calls` of `method` (each an array of arguments) to `modules`. Throws
+  /// ZRError(`modules[0]`, `method`, "module destroyed") once the host is lost, or when the stream
+  /// is closed.
   void send(const std::vector<std::string>& modules, const std::string& method,
-            std::vector<ZRValue> args);
+            std::vector<ZRValue> calls);
   /// Waits until every message sent is answered, the host is lost, the stream is closed, or
   /// `stop` is set (then wake()). True when every message was answered.
   bool waitUntilDrained(const std::atomic<bool>* stop = nullptr);

@@ -215,7 +215,7 @@ void ZRAudioDevice::subscribe(const std::string& module) {
   }
 
   if (where) {
-    core_->remote->add(*core_->line, *broker, module, where->address);
+    core_->remote->add(core_->line, *broker, module, where->address);
   } else {
     ZRStrand strand = broker->makeStrand();
     core_->line->add(

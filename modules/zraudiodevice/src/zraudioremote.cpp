@@ -17,8 +17,11 @@ namespace {
 const char kEntryMark = '\x01';
 // Buffers a host may hold unanswered: enough to keep the wire busy for a file, few for a live
 // source, whose subscribers want the newest sound.
-const int kFileWindow = 32;
+const int kFileWindow = 8;
 const int kLiveWindow = 3;
+// Buffers one message may carry when more wait behind them (a file racing ahead): the cost of a
+// message, not of a buffer, is what limits a stream between processes.
+const std::size_t kMostPerMessage = 8;
 
 // One thread running posted work in order. A send waiting for credits blocks this thread, never
 // one of the broker's pool, which the receiving host may need to call back (e.g. the memory
@@ -82,6 +85,7 @@ struct ZRAudioRemoteSubscribers::Host {
   std::shared_ptr<SerialThread> thread = std::make_shared<SerialThread>();
   std::mutex mutex;
   std::vector<std::string> members;  // under `mutex`
+  std::vector<ZRValue> pending;      // calls not sent yet; only the line's task touches them
 
   std::vector<std::string> snapshot() {
     std::lock_guard<std::mutex> lock(mutex);
@@ -105,8 +109,8 @@ bool ZRAudioRemoteSubscribers::isEntry(const std::string& lineName) {
   return !lineName.empty() && lineName[0] == kEntryMark;
 }
 
-bool ZRAudioRemoteSubscribers::add(ZRAudioLine& line, ZRBroker& broker, const std::string& module,
-                                   const std::string& endpoint) {
+bool ZRAudioRemoteSubscribers::add(const std::shared_ptr<ZRAudioLine>& line, ZRBroker& broker,
+                                   const std::string& module, const std::string& endpoint) {
   std::lock_guard<std::mutex> lock(mutex_);
   auto it = hosts_.find(endpoint);
   if (it == hosts_.end()) {
@@ -119,21 +123,31 @@ bool ZRAudioRemoteSubscribers::add(ZRAudioLine& line, ZRBroker& broker, const st
                     "\"" + module + "\" lives on another host, but this broker is in no network");
     std::weak_ptr<SerialThread> thread = host->thread;
     std::weak_ptr<Host> weakHost = host;
-    line.add(
+    std::weak_ptr<ZRAudioLine> weakLine = line;
+    line->add(
         host->entry,
         [thread](std::function<void()> work) {
           auto t = thread.lock();
           if (!t) throw ZRError("ZRAudioDevice", "post", "the stream to this host is closed");
           t->post(std::move(work));
         },
-        [weakHost](ZRAudioItem& item) {
+        [weakHost, weakLine](ZRAudioItem& item) {
           std::shared_ptr<Host> h = weakHost.lock();
           if (!h) return;
+          ZRValue call;
+          call.arraySetSize(4);
+          call[0] = item.channels;
+          call[1] = item.samplesPerChannel;
+          call[2] = item.timestamp;
+          call[3] = item.buffer;
+          h->pending.push_back(std::move(call));
+          // A buffer with none waiting behind it goes at once (a live source's latency).
+          std::shared_ptr<ZRAudioLine> l = weakLine.lock();
+          if (h->pending.size() < kMostPerMessage && l && l->queued(h->entry) > 0) return;
+          std::vector<ZRValue> calls;
+          calls.swap(h->pending);
           std::vector<std::string> members = h->snapshot();
-          if (members.empty()) return;
-          h->sender->send(members, "processRemote",
-                          {ZRValue(item.channels), ZRValue(item.samplesPerChannel), item.timestamp,
-                           item.buffer});
+          if (!members.empty()) h->sender->send(members, "processRemote", std::move(calls));
         },
         [self = weak_from_this(), weakHost] {
           std::shared_ptr<Host> h = weakHost.lock();

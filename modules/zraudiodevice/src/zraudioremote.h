@@ -28,7 +28,7 @@ class ZRAudioRemoteSubscribers : public std::enable_shared_from_this<ZRAudioRemo
 
   /// Adds `module` of the host at `endpoint` to `line`. False when it is subscribed already.
   /// Throws ZRError when `broker` is in no network.
-  bool add(ZRAudioLine& line, ZRBroker& broker, const std::string& module,
+  bool add(const std::shared_ptr<ZRAudioLine>& line, ZRBroker& broker, const std::string& module,
            const std::string& endpoint);
   /// Removes `module`; its host leaves the line with its last subscriber. False when `module`
   /// is no remote subscriber.
