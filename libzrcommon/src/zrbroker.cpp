@@ -10,7 +10,9 @@
 #include <boost/make_shared.hpp>
 
 #include <vo/log.h>
+#include <zrcommon/detail/zrdeliveryline.h>
 #include <zrcommon/detail/zrmoduleinternals.h>
+#include <zrcommon/detail/zrstream.h>
 #include <zrcommon/zrmodulecore.h>
 #include <zrcommon/zrproxy.h>
 #include <zrcommon/zrservicenames.h>
@@ -134,6 +136,66 @@ struct ZRBroker::Impl {
   std::unique_ptr<ZRDirectoryServer> directoryServer;
   std::shared_ptr<ZRTransport> transport;
   std::unique_ptr<ZRDirectoryClient> directoryClient;
+  // Streams this host sends, by stream name, told of credits and of their host's death.
+  std::mutex streamsMutex;
+  std::map<std::string, std::weak_ptr<detail::ZRStreamSender>> streams;
+  std::uint64_t nextStream = 1;
+  detail::ZRWarningLimiter fanOutWarnings;  // under streamsMutex
+
+  template <class F>
+  void forEachStream(F&& f) {
+    std::vector<std::shared_ptr<detail::ZRStreamSender>> live;
+    {
+      std::lock_guard<std::mutex> lock(streamsMutex);
+      for (auto it = streams.begin(); it != streams.end();) {
+        if (auto s = it->second.lock()) {
+          live.push_back(std::move(s));
+          ++it;
+        } else {
+          it = streams.erase(it);
+        }
+      }
+    }
+    for (auto& s : live) f(*s);
+  }
+
+  // A fan-out message: its first argument names the modules of this host that take the calls,
+  // each of the others is one call's arguments.
+  void fanOut(const ZRIncomingCall& c) {
+    if (c.args.empty() || !c.args[0].isArray()) {
+      warnFanOut("a stream message from " + c.peerHost + " names no modules; dropped");
+    } else {
+      const std::vector<ZRValue>& names = c.args[0].arrayElements();
+      for (std::size_t call = 1; call < c.args.size(); ++call) {
+        if (!c.args[call].isArray()) {
+          warnFanOut("a stream message from " + c.peerHost + " holds a call that is no array");
+          continue;
+        }
+        const std::vector<ZRValue>& args = c.args[call].arrayElements();
+        for (const ZRValue& target : names) {
+          const std::string module = target.isString() ? target.toStringRef() : std::string();
+          try {
+            boost::weak_ptr<vo::DynamicObject> handle = session->serviceHandle(module);
+            if (handle.expired()) throw ZRError(module, c.method, "module destroyed");
+            ZRProxy(module, handle).metaCall(c.method, args.data(), args.size());
+          } catch (const std::exception& e) {
+            warnFanOut("\"" + c.method + "\" of \"" + module + "\" from " + c.peerHost +
+                       "'s stream failed: " + e.what());
+          }
+        }
+      }
+    }
+    if (!c.stream.empty()) transport->credit(c.connection, c.stream, 1);
+  }
+  void warnFanOut(const std::string& what) {
+    std::int64_t heldBack = 0;
+    {
+      std::lock_guard<std::mutex> lock(streamsMutex);
+      if (!fanOutWarnings.allow(heldBack)) return;
+    }
+    vo::log::LogStream(vo::LogLevel_Warning, "", "stream", kCategory, 0)
+        << what << " (" << heldBack << " warnings held back)" << std::endl;
+  }
 };
 
 ZRBroker::ZRBroker(const std::string& name, int threads) : impl_(new Impl) {
@@ -172,6 +234,10 @@ void ZRBroker::startNetwork(const ZRBrokerOptions& options) {
   auto handler = [impl](const ZRIncomingCall& c) -> ZRValue {
     if (impl->directoryServer && c.module == ZRDirectoryServer::kModuleName)
       return impl->directoryServer->handle(c);
+    if (c.module.empty()) {
+      impl->fanOut(c);
+      return ZRValue();
+    }
     boost::weak_ptr<vo::DynamicObject> handle = impl->session->serviceHandle(c.module);
     if (handle.expired()) throw ZRError(c.module, c.method, "module destroyed");
     ZRProxy local(c.module, handle);
@@ -208,7 +274,20 @@ void ZRBroker::startNetwork(const ZRBrokerOptions& options) {
   impl->directoryClient->setListener(apply);
   // A host found dead (or gone, or the directory's host) takes its names with it at once, without
   // waiting for its lease to run out at the directory, which may be the one that died.
+  impl->transport->setCreditListener(
+      [impl](const std::string& endpoint, const std::string& stream, std::uint32_t credits) {
+        std::shared_ptr<detail::ZRStreamSender> sender;
+        {
+          std::lock_guard<std::mutex> lock(impl->streamsMutex);
+          auto it = impl->streams.find(stream);
+          if (it != impl->streams.end()) sender = it->second.lock();
+        }
+        if (sender && sender->endpoint() == endpoint) sender->grant(credits);
+      });
   impl->transport->setPeerLostListener([impl](const std::string& endpoint) {
+    impl->forEachStream([&](detail::ZRStreamSender& s) {
+      if (s.endpoint() == endpoint) s.lose();
+    });
     if (impl->directoryClient) impl->directoryClient->forget(endpoint);
     for (const std::string& name : impl->session->services()) {
       auto where = impl->session->remoteService(name);
@@ -294,6 +373,23 @@ void ZRBroker::unregisterModule(const std::string& moduleName, const ZRModuleCor
 }
 
 namespace detail {
+std::shared_ptr<ZRStreamSender> ZRModuleAccess::openStream(ZRBroker& broker,
+                                                           const std::string& endpoint,
+                                                           const std::string& label, int window) {
+  ZRBroker::Impl& impl = *broker.impl_;
+  if (!impl.transport) return nullptr;
+  std::lock_guard<std::mutex> lock(impl.streamsMutex);
+  const std::string name = label + "#" + std::to_string(impl.nextStream++);
+  auto sender = std::make_shared<ZRStreamSender>(impl.transport, endpoint, name, window);
+  impl.streams[name] = sender;
+  return sender;
+}
+
+std::shared_ptr<ZRStreamSender> openStream(ZRBroker& broker, const std::string& endpoint,
+                                           const std::string& label, int window) {
+  return ZRModuleAccess::openStream(broker, endpoint, label, window);
+}
+
 void ZRModuleAccess::unregisterModule(ZRBroker& broker, const std::string& moduleName,
                                       const ZRModuleCore* module) {
   broker.unregisterModule(moduleName, module);

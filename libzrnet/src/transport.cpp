@@ -84,6 +84,7 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
   std::deque<std::function<void()>> commands;
   bool stopping = false;
   PeerListener peerLost;
+  CreditListener creditListener;
   // Incoming calls from one connection to one module wait here for the one before them.
   std::mutex laneMutex;
   std::map<std::string, std::deque<std::function<void()>>> lanes;
@@ -113,6 +114,8 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
   std::deque<Frames> routerOutbox;                // identity frame first
   std::map<std::string, std::unique_ptr<Peer>> peers;
   std::map<std::string, Remote> remotes;
+  // Credits granted since the last flush, by connection and stream: one message for them all.
+  std::map<std::pair<std::string, std::string>, std::uint32_t> credits;
   std::uint64_t nextId = 1, nextSeq = 1;
   bool stopped = false;  // the I/O thread saw the stop
 
@@ -342,6 +345,14 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
   }
 
   void flush() {
+    for (auto& [key, n] : credits) {
+      Message m;
+      m.type = MsgType::Credit;
+      m.stream = key.second;
+      m.credits = n;
+      sendToRemote(key.first, encode(m));
+    }
+    credits.clear();
     for (auto& [endpoint, peer] : peers)
       while (!peer->outbox.empty() && trySend(*peer->socket, peer->outbox.front()))
         peer->outbox.pop_front();
@@ -422,6 +433,15 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
           }
           fail(peer, m.id, ZRError(m.module, m.method, m.description));
           break;
+        case MsgType::Credit: {
+          CreditListener listener;
+          {
+            std::lock_guard<std::mutex> lock(mutex);
+            listener = creditListener;
+          }
+          if (listener) listener(endpoint, m.stream, m.credits);
+          break;
+        }
         case MsgType::Bye:
           lose(endpoint, "it said bye");
           return;
@@ -535,6 +555,10 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
     call->caller = std::move(m.caller);
     call->peerHost = remote.host;
     call->args = std::move(m.args);
+    if (oneWay) {
+      call->stream = std::move(m.stream);
+      call->connection = identity;
+    }
     const std::uint64_t id = m.id;
     std::weak_ptr<Impl> weak = shared_from_this();
     auto job = [weak, identity, id, oneWay, call, cancelled, deadline] {
@@ -756,6 +780,19 @@ void ZRTransport::send(const std::string& endpoint, const std::string& module,
 void ZRTransport::setPeerLostListener(PeerListener listener) {
   std::lock_guard<std::mutex> lock(impl_->mutex);
   impl_->peerLost = std::move(listener);
+}
+
+void ZRTransport::credit(const std::string& connection, const std::string& stream,
+                         std::uint32_t credits) {
+  Impl* impl = impl_.get();
+  impl_->post([impl, connection, stream, credits] {
+    if (!impl->stopped) impl->credits[{connection, stream}] += credits;
+  });
+}
+
+void ZRTransport::setCreditListener(CreditListener listener) {
+  std::lock_guard<std::mutex> lock(impl_->mutex);
+  impl_->creditListener = std::move(listener);
 }
 
 void ZRTransport::shutdown() {

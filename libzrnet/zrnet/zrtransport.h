@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <future>
 #include <memory>
@@ -43,6 +44,9 @@ struct ZRIncomingCall {
   /// The calling host, as it named itself.
   std::string peerHost;
   std::vector<ZRValue> args;
+  /// One-way messages only: the stream they belong to (empty: none), and the connection they
+  /// came on, to grant that stream credit (see ZRTransport::credit).
+  std::string stream, connection;
 };
 
 /// Per-call choices of a caller.
@@ -102,6 +106,15 @@ class ZRTransport {
 
   /// Called on the executor with the endpoint of every called host found dead.
   void setPeerLostListener(PeerListener listener);
+
+  /// Receiver of a stream: allows the sender on `connection` (ZRIncomingCall::connection)
+  /// `credits` more messages of `stream`.
+  void credit(const std::string& connection, const std::string& stream, std::uint32_t credits);
+  /// Sender of streams: called with every credit a called host grants. It runs on the I/O thread
+  /// and must return at once (e.g. count and notify).
+  using CreditListener = std::function<void(const std::string& endpoint, const std::string& stream,
+                                            std::uint32_t credits)>;
+  void setCreditListener(CreditListener listener);
 
   /// Says bye to every peer, fails the calls still pending and stops the I/O thread. Idempotent.
   void shutdown();

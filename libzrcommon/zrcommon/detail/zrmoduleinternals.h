@@ -81,11 +81,15 @@ struct ZRModuleCoreState {
 };
 
 /// The doors between the broker, the module core and proxies that hosts must not use.
+class ZRStreamSender;
+
 struct ZRModuleAccess {
   static const std::shared_ptr<ZRModuleLiveness>& liveness(const ZRModuleCore& module);
   /// Called by a module core when it is destroyed: its name is free again.
   static void unregisterModule(ZRBroker& broker, const std::string& moduleName,
                                const ZRModuleCore* module);
+  static std::shared_ptr<ZRStreamSender> openStream(ZRBroker& broker, const std::string& endpoint,
+                                                    const std::string& label, int window);
 };
 
 /// Proxy calls running on the calling thread, nested ones included.

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <chrono>
 #include <climits>
+#include <optional>
 
 #include <vo/log.h>
 #include <zrcommon/zrproxy.h>
@@ -19,6 +20,9 @@ namespace {
 int clampToInt(std::int64_t v) {
   return static_cast<int>(std::min<std::int64_t>(v, INT_MAX));
 }
+
+// How long a subscribe waits for the directory to publish a module it does not know yet.
+const int kDirectoryLagMs = 2000;
 
 void info(const char* function, const std::string& message) {
   vo::log::LogStream(vo::LogLevel_Info, "", function, kAudioDeviceCategory, 0) << message;
@@ -34,6 +38,7 @@ ZRAudioDevice::ZRAudioDevice(boost::shared_ptr<ZRBroker> broker, const std::stri
   core_->broker = broker;
   core_->options = options_;
   core_->line = makeAudioLine(name, options_);
+  core_->remote = std::make_shared<ZRAudioRemoteSubscribers>(name, options_.isLive());
   if (options_.source == ZRAudioDeviceOptions::Source::File) {
     // Known now when the file is there; otherwise when a subscribe first opens it.
     ZRAudioFormat f;
@@ -145,12 +150,13 @@ ZRAudioDevice::~ZRAudioDevice() {
   stopCapture(control);
   // A module still subscribed will call "unsubscribe" on a device that is gone; say so now, while
   // both names are known, before whatever the module does about it.
-  for (const std::string& module : core_->line->subscribers()) {
+  for (const std::string& module : getSubscribers()) {
     vo::log::LogStream(vo::LogLevel_Warning, "", "~ZRAudioDevice", kAudioDeviceCategory, 0)
         << getName() << ": going away while \"" << module << "\" is still subscribed; its later "
         << "unsubscribe from \"" << getName() << "\" will fail";
   }
   core_->line->clear(true);
+  core_->remote->close();
   core_->recorder.stop();
 }
 
@@ -165,6 +171,9 @@ void ZRAudioDevice::subscribe(const std::string& module) {
   std::unique_lock<std::mutex> control(controlMutex_);
   boost::shared_ptr<ZRBroker> broker = getParentBroker();
   boost::shared_ptr<ZRProxy> proxy;
+  // A module of another host may subscribe before the directory told this host about it.
+  if (!broker->endpoint().empty() && !broker->hasModule(module))
+    broker->session()->waitForService(module).wait(kDirectoryLagMs);
   try {
     proxy = broker->getProxy(module, 0);
   } catch (const ZRError& e) {
@@ -178,7 +187,8 @@ void ZRAudioDevice::subscribe(const std::string& module) {
                   "module \"" + module + "\" has no \"processRemote\" method to receive buffers");
 
   // Subscribing twice does nothing: one stream per module, its counts kept.
-  if (core_->line->has(module)) return;
+  if (core_->line->has(module) || core_->remote->has(module)) return;
+  const std::optional<vo::Session::RemoteService> where = broker->session()->remoteService(module);
   const bool first = core_->line->subscribers().empty();
 
   std::unique_ptr<ZRAudioSource> source;
@@ -204,15 +214,19 @@ void ZRAudioDevice::subscribe(const std::string& module) {
     source = openAudioSource(options_, format, getName(), "subscribe");
   }
 
-  ZRStrand strand = broker->makeStrand();
-  core_->line->add(
-      module, [strand](std::function<void()> work) { strand.post(std::move(work)); },
-      [proxy](ZRAudioItem& item) {
-        const ZRValue args[4] = {ZRValue(item.channels), ZRValue(item.samplesPerChannel),
-                                 item.timestamp, item.buffer};
-        proxy->metaCall("processRemote", args, 4);
-      },
-      [proxy] { return !proxy->isValid(); });
+  if (where) {
+    core_->remote->add(core_->line, *broker, module, where->address);
+  } else {
+    ZRStrand strand = broker->makeStrand();
+    core_->line->add(
+        module, [strand](std::function<void()> work) { strand.post(std::move(work)); },
+        [proxy](ZRAudioItem& item) {
+          const ZRValue args[4] = {ZRValue(item.channels), ZRValue(item.samplesPerChannel),
+                                   item.timestamp, item.buffer};
+          proxy->metaCall("processRemote", args, 4);
+        },
+        [proxy] { return !proxy->isValid(); });
+  }
   if (!source) return;
   {
     std::lock_guard<std::mutex> lock(core_->mutex);
@@ -227,7 +241,7 @@ void ZRAudioDevice::subscribe(const std::string& module) {
 
 void ZRAudioDevice::unsubscribe(const std::string& module) {
   std::unique_lock<std::mutex> control(controlMutex_);
-  if (!core_->line->remove(module)) return;
+  if (!core_->line->remove(module) && !core_->remote->remove(*core_->line, module)) return;
   if (core_->line->subscribers().empty() && options_.source != ZRAudioDeviceOptions::Source::Host) {
     stopCapture(control);
     info("unsubscribe", getName() + ": stopped " + options_.describe());
@@ -235,7 +249,11 @@ void ZRAudioDevice::unsubscribe(const std::string& module) {
 }
 
 std::vector<std::string> ZRAudioDevice::getSubscribers() {
-  return core_->line->subscribers();
+  std::vector<std::string> all = core_->remote->modules();
+  for (std::string& name : core_->line->subscribers())
+    if (!ZRAudioRemoteSubscribers::isEntry(name)) all.push_back(std::move(name));
+  std::sort(all.begin(), all.end());
+  return all;
 }
 
 int ZRAudioDevice::getSampleRate() {
@@ -255,7 +273,9 @@ int ZRAudioDevice::getSamplesPerBuffer() {
 
 ZRAudioDeliveryStats ZRAudioDevice::getDeliveryStats(const std::string& module) {
   detail::ZRDeliveryCounts c;
-  if (!core_->line->counts(module, c))
+  // A subscriber on another host shares the counts of its host's stream.
+  const std::string entry = core_->remote->entryOf(module);
+  if (!core_->line->counts(module, c) && (entry.empty() || !core_->line->counts(entry, c)))
     throw ZRError(getName(), "getDeliveryStats",
                   "module \"" + module + "\" never subscribed to this device");
   return {c.delivered, c.dropped, c.failed, c.mostQueued};

@@ -18,6 +18,7 @@
 
 #include "zraudioblockpool.h"
 #include "zraudiorecorder.h"
+#include "zraudioremote.h"
 #include "zraudiosource.h"
 
 namespace ZR {
@@ -50,6 +51,7 @@ struct ZRAudioDevice::Core : std::enable_shared_from_this<ZRAudioDevice::Core> {
   boost::weak_ptr<ZRBroker> broker;
   ZRAudioDeviceOptions options;
   std::shared_ptr<ZRAudioLine> line;
+  std::shared_ptr<ZRAudioRemoteSubscribers> remote;
 
   // Guards what follows, up to `thread`; `changed` tells the capture thread about release and
   // stop, and hosts about the end of the stream and of the capture.

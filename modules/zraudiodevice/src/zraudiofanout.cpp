@@ -21,8 +21,14 @@ std::shared_ptr<ZRAudioLine> makeAudioLine(const std::string& deviceName,
   o.publishFunction = "publish";
   o.deliverFunction = "deliver";
   const std::string name = deviceName;
-  o.texts.dropped = [name](const std::string& sub, std::int64_t dropped, std::int64_t heldBack) {
-    return name + ": subscriber \"" + sub + "\" does not keep up: its oldest buffer was dropped (" +
+  // A host's entry stands for all of its subscribers.
+  auto who = [](const std::string& sub) {
+    return ZRAudioRemoteSubscribers::isEntry(sub) ? "the subscribers on " + sub.substr(1)
+                                                  : "subscriber \"" + sub + "\"";
+  };
+  o.texts.dropped = [name, who](const std::string& sub, std::int64_t dropped,
+                                std::int64_t heldBack) {
+    return name + ": " + who(sub) + " does not keep up: its oldest buffer was dropped (" +
            std::to_string(dropped) + " dropped so far, " + std::to_string(heldBack) +
            " warnings held back)";
   };
@@ -32,6 +38,8 @@ std::shared_ptr<ZRAudioLine> makeAudioLine(const std::string& deviceName,
            std::to_string(heldBack) + " warnings held back)";
   };
   o.texts.gone = [name](const std::string& sub) {
+    if (ZRAudioRemoteSubscribers::isEntry(sub))
+      return name + ": the host " + sub.substr(1) + " is gone; its subscribers are unsubscribed";
     return name + ": subscriber \"" + sub + "\" is gone; it is unsubscribed";
   };
   o.texts.refused = [name](const std::string& sub, const std::string&, std::int64_t) {

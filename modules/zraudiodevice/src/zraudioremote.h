@@ -1,0 +1,60 @@
+#pragma once
+
+// Subscribers on other hosts. Each such host gets one stream and one entry in the delivery line:
+// a buffer is sent once per host, whatever the number of its subscribers, and that host fans it
+// out. The host's credits pace a file; a live source drops the oldest buffer in the line when
+// a host does not keep up.
+
+#include <atomic>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <zrcommon/detail/zrdeliveryline.h>
+#include <zrcommon/detail/zrstream.h>
+
+namespace ZR {
+
+class ZRBroker;
+struct ZRAudioItem;
+using ZRAudioLine = detail::ZRDeliveryLine<ZRAudioItem>;
+
+class ZRAudioRemoteSubscribers : public std::enable_shared_from_this<ZRAudioRemoteSubscribers> {
+ public:
+  ZRAudioRemoteSubscribers(std::string deviceName, bool live);
+  ~ZRAudioRemoteSubscribers();
+
+  /// Adds `module` of the host at `endpoint` to `line`. False when it is subscribed already.
+  /// Throws ZRError when `broker` is in no network.
+  bool add(const std::shared_ptr<ZRAudioLine>& line, ZRBroker& broker, const std::string& module,
+           const std::string& endpoint);
+  /// Removes `module`; its host leaves the line with its last subscriber. False when `module`
+  /// is no remote subscriber.
+  bool remove(ZRAudioLine& line, const std::string& module);
+  bool has(const std::string& module) const;
+  std::vector<std::string> modules() const;
+  /// The name under which `module`'s host is (or was last) in the line; empty when never.
+  std::string entryOf(const std::string& module) const;
+  static bool isEntry(const std::string& lineName);
+
+  /// Waits until every host answered every buffer sent, or `stop` is set.
+  void waitUntilDrained(const std::atomic<bool>* stop);
+  /// Wakes whoever waits in a send or a drain, to look at their stop flag.
+  void wake();
+  /// Ends every stream: a send waiting for credits gives up (the device is going away).
+  void close();
+
+ private:
+  struct Host;
+  void forget(const std::shared_ptr<Host>& host);
+
+  const std::string deviceName_;
+  const bool live_;
+  mutable std::mutex mutex_;
+  std::map<std::string, std::shared_ptr<Host>> hosts_;  // by endpoint
+  std::map<std::string, std::string> lastEntry_;        // module -> line entry, kept after leaving
+};
+
+}  // namespace ZR

@@ -1,0 +1,173 @@
+// Subscribers on another host: two brokers in a network, each with its own transport.
+#include <gtest/gtest.h>
+
+#include <sndfile.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <mutex>
+
+#include <zraudiodevice/zraudiodevice.h>
+#include <zrtest.h>
+
+namespace {
+
+using Options = ZR::ZRAudioDeviceOptions;
+
+// Keeps every buffer it is given; blocks in `gate` while it is shut.
+class Sink : public ZR::ZRModule {
+ public:
+  Sink(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name) : ZRModule(broker, name) {
+    functionName("processRemote", "Sink", "Takes a buffer.", 0);
+    for (const char* p : {"nbOfChannels", "nbOfSamplesByChannel", "timestamp", "buffer"})
+      addParam(p, "");
+    bindMethod(&Sink::processRemote);
+  }
+  void processRemote(const int& channels, const int& samples, const ZR::ZRValue& timestamp,
+                     const ZR::ZRValue& buffer) {
+    const auto* p = static_cast<const std::int16_t*>(buffer.GetBinary());
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      data.insert(data.end(), p, p + channels * samples);
+      blocks.push_back(p);
+      times.push_back(timestamp[0].toInt() * 1000000LL + timestamp[1].toInt());
+    }
+    received.notify();
+    std::unique_lock<std::mutex> lock(mutex);
+    opened.wait(lock, [&] { return !shut; });
+  }
+  void open() {
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      shut = false;
+    }
+    opened.notify_all();
+  }
+  std::mutex mutex;
+  std::condition_variable opened;
+  bool shut = false;
+  std::vector<std::int16_t> data;
+  std::vector<const void*> blocks;
+  std::vector<long long> times;
+  zrtest::Signal received;
+};
+
+class RemoteSubscribersTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ZR::ZRBrokerOptions o;
+    o.directory = "tcp://127.0.0.1:0";
+    o.serveDirectory = true;
+    device_ = ZR::ZRBroker::createBroker("deviceHost", o);
+    o.serveDirectory = false;
+    o.directory = device_->endpoint();
+    o.threads = 4;
+    client_ = ZR::ZRBroker::createBroker("clientHost", o);
+  }
+  void TearDown() override {
+    for (auto& s : sinks_) s->open();  // a failed test must not leave a call blocked
+    client_->shutdown();
+    device_->shutdown();
+  }
+  boost::shared_ptr<Sink> sink(const boost::shared_ptr<ZR::ZRBroker>& broker,
+                               const std::string& name) {
+    auto s = ZR::ZRModule::createModule<Sink>(broker, name);
+    device_->session()->waitForService(name).wait();
+    sinks_.push_back(s);
+    return s;
+  }
+  boost::shared_ptr<ZR::ZRBroker> device_, client_;
+  std::vector<boost::shared_ptr<Sink>> sinks_;
+};
+
+TEST_F(RemoteSubscribersTest, AFileReachesAnotherHostOnceLosslesslyAndInOrder) {
+  char dir[] = "/tmp/zraudioremote-XXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  const std::string file = std::string(dir) + "/in.wav";
+  std::vector<std::int16_t> samples(16000 * 3);
+  for (std::size_t i = 0; i < samples.size(); ++i)
+    samples[i] = static_cast<std::int16_t>(i * 7919 % 65521);
+  SF_INFO info{0, 16000, 1, SF_FORMAT_WAV | SF_FORMAT_PCM_16, 0, 0};
+  SNDFILE* f = sf_open(file.c_str(), SFM_WRITE, &info);
+  ASSERT_NE(f, nullptr);
+  sf_writef_short(f, samples.data(), static_cast<sf_count_t>(samples.size()));
+  sf_close(f);
+
+  Options o = Options::fromInput(file);
+  o.samplesPerBuffer = 160;  // 300 buffers: many more than a stream's credits
+  o.queueCapacity = 4;
+  o.held = true;
+  auto dev = ZR::ZRModule::createModule<ZR::ZRAudioDevice>(device_, "ZRAudioDevice", o);
+  auto local = sink(device_, "Local");
+  auto a = sink(client_, "RemoteA");
+  auto b = sink(client_, "RemoteB");
+  for (const char* m : {"Local", "RemoteA", "RemoteB"}) dev->subscribe(m);
+  EXPECT_EQ(dev->getSubscribers(), (std::vector<std::string>{"Local", "RemoteA", "RemoteB"}));
+  dev->release();
+  ASSERT_TRUE(dev->waitForEndOfStream(20000));
+
+  // The end of the stream comes once the other host has processed every buffer.
+  for (Sink* s : {local.get(), a.get(), b.get()}) {
+    std::lock_guard<std::mutex> lock(s->mutex);
+    EXPECT_EQ(s->data, samples);
+    ASSERT_EQ(s->times.size(), 300u);
+    for (std::size_t i = 0; i < s->times.size(); ++i) EXPECT_EQ(s->times[i], i * 10000LL);
+  }
+  // Sent once to the host: both of its modules read the very same received bytes.
+  EXPECT_EQ(a->blocks, b->blocks);
+  EXPECT_NE(a->blocks.front(), local->blocks.front());
+  EXPECT_EQ(dev->getDeliveredBufferCount("RemoteA"), 300);
+
+  dev->unsubscribe("RemoteA");
+  EXPECT_EQ(dev->getSubscribers(), (std::vector<std::string>{"Local", "RemoteB"}));
+  dev->unsubscribe("RemoteB");
+  dev->unsubscribe("Local");
+  EXPECT_TRUE(dev->getSubscribers().empty());
+  EXPECT_TRUE(dev->waitUntilStopped(20000));
+  std::filesystem::remove_all(dir);
+}
+
+TEST_F(RemoteSubscribersTest, ALiveSourceNeverWaitsForASlowHost) {
+  Options o;
+  o.source = Options::Source::Host;
+  o.realtime = true;  // live: drop the oldest
+  o.queueCapacity = 2;
+  auto dev = ZR::ZRModule::createModule<ZR::ZRAudioDevice>(device_, "ZRAudioDevice", o);
+  auto local = sink(device_, "Local");
+  auto slow = sink(client_, "Slow");
+  slow->shut = true;
+  dev->subscribe("Local");
+  dev->subscribe("Slow");
+  std::vector<std::int16_t> samples(160);
+  for (int n = 0; n < 100; ++n) {
+    samples[0] = static_cast<std::int16_t>(n);
+    dev->deliver(samples.data(), 160);
+    ASSERT_TRUE(local->received.waitFor(n + 1));  // the local one keeps up; the slow host can't
+  }
+  EXPECT_GT(dev->getDroppedBufferCount("Slow"), 0);
+  EXPECT_EQ(dev->getDroppedBufferCount("Local"), 0);
+  slow->open();
+  dev->endStream();
+  ASSERT_TRUE(dev->waitForEndOfStream(20000));
+  std::lock_guard<std::mutex> lock(slow->mutex);
+  EXPECT_LT(slow->times.size(), 100u);
+  EXPECT_TRUE(std::is_sorted(slow->times.begin(), slow->times.end()));
+  EXPECT_EQ(slow->times.back(), 99 * 10000LL);  // the newest is never the one dropped
+}
+
+TEST_F(RemoteSubscribersTest, AHostThatLeavesMidStreamTakesItsSubscribersAlong) {
+  Options o = Options::fromInput("tone");
+  o.queueCapacity = 2;
+  auto dev = ZR::ZRModule::createModule<ZR::ZRAudioDevice>(device_, "ZRAudioDevice", o);
+  auto stuck = sink(client_, "Stuck");
+  stuck->shut = true;
+  dev->subscribe("Stuck");
+  ASSERT_TRUE(stuck->received.waitFor(1));
+  ASSERT_TRUE(dev->waitUntilHeldBack(20000));  // credits spent, the source waits for them
+  stuck->open();
+  client_->shutdown();  // says bye: the stream's sends fail instead of waiting for credits
+  EXPECT_TRUE(dev->waitUntilStopped(20000));
+  EXPECT_TRUE(dev->getSubscribers().empty());
+}
+
+}  // namespace
