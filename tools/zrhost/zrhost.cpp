@@ -1,16 +1,15 @@
 // zrhost: a small host program, for the multi-process tests and for trying hosts by hand on one
-// machine or several (README, "Two terminals, two machines"). Built as zrcommon_test_host.
-//   zrcommon_test_host NAME [OPTION]... [--module MODULE]...   a host: prints "ready ENDPOINT" once
+// machine or several (README, "Two terminals, two machines").
+//   zrhost NAME [OPTION]... [--module MODULE]...   a host: prints "ready ENDPOINT" once
 //       its modules are published and "holding MODULE" when a call to "hold" begins; shuts down
 //       when its standard input closes or on SIGINT/SIGTERM
-//   zrcommon_test_host NAME [OPTION]... --call MODULE METHOD [ARG]...   prints the result, or the
+//   zrhost NAME [OPTION]... --call MODULE METHOD [ARG]...   prints the result, or the
 //       ZRError's three fields (exit status 1)
-//   zrcommon_test_host NAME [OPTION]... --wait-gone MODULE   says so once MODULE has vanished
-//   zrcommon_test_host --keygen FILE   writes a CURVE key pair (public, then secret line)
+//   zrhost NAME [OPTION]... --wait-gone MODULE   says so once MODULE has vanished
+//   zrhost --keygen FILE   writes a CURVE key pair (public, then secret line)
 // OPTION: --directory ADDR, --serve, --listen ADDR, --advertise ADDR, --heartbeat MS,
 //   --curve-keys FILE, --allow FILE (public keys, one a line), --directory-key FILE, --insecure.
 // Modules offer "add" (two ints) and "hold" (returns when the host stops).
-#include <dlfcn.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -28,6 +27,7 @@
 #include <zrcommon/zrbroker.h>
 #include <zrcommon/zrmodule.h>
 #include <zrcommon/zrproxy.h>
+#include <zrnet/zrtransport.h>
 
 namespace {
 
@@ -116,23 +116,13 @@ int waitGone(ZR::ZRBroker& broker, const std::string& module) {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     const long long ms =
         std::chrono::duration_cast<std::chrono::milliseconds>(now).count() % 86400000;
-    char at[16];
+    char at[32];
     std::snprintf(at, sizeof at, "%02lld:%02lld:%02lld.%03lld", ms / 3600000, ms / 60000 % 60,
                   ms / 1000 % 60, ms % 1000);
     std::cout << module << " vanished at " << at << " UTC" << std::endl;
   }
   broker.session()->disconnectServiceRemoved(id);
   return there ? 0 : 1;
-}
-
-// A CURVE key pair, Z85. libzmq is loaded with the transport; this program does not link it.
-std::pair<std::string, std::string> keyPair() {
-  using KeyPair = int (*)(char*, char*);
-  const auto generate = reinterpret_cast<KeyPair>(dlsym(RTLD_DEFAULT, "zmq_curve_keypair"));
-  char publicKey[41] = {}, secretKey[41] = {};
-  if (!generate || generate(publicKey, secretKey) != 0)
-    throw std::runtime_error("CURVE is not available in this ZeroMQ");
-  return {publicKey, secretKey};
 }
 
 int usage(const char* self) {
@@ -150,7 +140,7 @@ int usage(const char* self) {
 int main(int argc, char** argv) {
   if (argc == 3 && std::string(argv[1]) == "--keygen") {
     try {
-      const auto [publicKey, secretKey] = keyPair();
+      const auto [publicKey, secretKey] = ZR::ZRTransport::generateKeyPair();
       umask(077);
       if (!(std::ofstream(argv[2]) << publicKey << "\n" << secretKey << "\n"))
         throw std::runtime_error(std::string("cannot write ") + argv[2]);
