@@ -53,6 +53,16 @@ constexpr float kScoreCap = 3.0f;
 constexpr int kScoreBlockFrames = 500;
 constexpr float kStationaryScore = 0.15f;
 constexpr float kOnPerBackground = 6.0f, kOffPerBackground = 3.0f;
+// In such a background the nearby voice is also louder than the babble, which is steady in level
+// once averaged over ~100 ms, while the score alone still rises on its syllables. There a frame
+// counts only when the band's smoothed level is this far above its own 10th percentile, followed
+// in fixed steps (up 0.5 dB/s, down 4.5 dB/s, so that phrases barely lift it).
+constexpr float kLevelSmoothing = 0.9f;
+constexpr float kFloorQuantile = 0.1f;
+constexpr float kFloorStepDb = 0.05f;
+constexpr float kAboveFloorDb = 2.0f;
+// The percentile starts at the first level heard, which may be speech: it is trusted after ~2 s.
+constexpr int kFloorSettleFrames = 200;
 
 // ln(1 + x) for x >= 0, to about 1e-4: the exact one would be a third of the detector's time.
 inline float lnOnePlus(float x) {
@@ -192,6 +202,10 @@ void SpeechDetector::analyse(double windowEnd) {
   double bandPower = 0.0;
   for (int j = 0; j < bins; ++j) bandPower += power_[j];
   const bool audible = bandPower > std::pow(10.0, kAbsoluteFloorDb / 10.0);
+  level_ = framesAnalysed_ == 0 ? static_cast<float>(bandPower)
+                                : kLevelSmoothing * level_ +
+                                      (1.0f - kLevelSmoothing) * static_cast<float>(bandPower);
+  const float levelDb = 10.0f * std::log10(level_ + 1e-12f);
 
   // Each step below is one branch-free pass over the bins, which the compiler vectorises.
   float* p = power_.data();
@@ -247,7 +261,10 @@ void SpeechDetector::analyse(double windowEnd) {
   const double centre = windowEnd - 0.5 * size_ / rate_;
   const double half = 0.5 * hop_ / rate_;
   // It starts high, not from zero, so that sound that opens in babble need not wait seconds.
-  if (framesAnalysed_ == kLearnFrames + 1) scoreMean_ = scoreMin_ = scoreBlockMin_ = kScoreCap;
+  if (framesAnalysed_ == kLearnFrames + 1) {
+    scoreMean_ = scoreMin_ = scoreBlockMin_ = kScoreCap;
+    floorDb_ = levelDb;
+  }
   scoreMean_ += (1.0f - kScoreSmoothing) * (std::min(score, kScoreCap) - scoreMean_);
   scoreMin_ = std::min(scoreMin_, scoreMean_);
   scoreBlockMin_ = std::min(scoreBlockMin_, scoreMean_);
@@ -258,7 +275,10 @@ void SpeechDetector::analyse(double windowEnd) {
   const float background = std::max(scoreMin_ - kStationaryScore, 0.0f);
   const float threshold = state_ == State::Speech ? offThreshold_ + kOffPerBackground * background
                                                   : onThreshold_ + kOnPerBackground * background;
-  const bool active = audible && score > threshold;
+  floorDb_ += kFloorStepDb * (kFloorQuantile - (levelDb < floorDb_ ? 1.0f : 0.0f));
+  const bool loud = background <= 0.0f || framesAnalysed_ <= kLearnFrames + kFloorSettleFrames ||
+                    levelDb > floorDb_ + kAboveFloorDb;
+  const bool active = audible && loud && score > threshold;
 
   // Voicing only decides whether a candidate becomes speech.
   bool voiced = false;

@@ -9,12 +9,13 @@ namespace ZR {
 /// The signal processing behind VoiceActivity, free of any module so that it can be driven and
 /// measured on its own.
 ///
-/// Every 10 ms it analyses the last ~32 ms of sound in the speech band (100 Hz - 4 kHz, whatever
+/// Every 10 ms it analyses the last 40 ms of sound in the speech band (100 Hz - 4 kHz, whatever
 /// the sample rate), with the power spectra of all channels summed so that channels in opposite
 /// phase add up instead of cancelling. A per-bin noise estimate follows the background up and
 /// down (minimum-controlled recursive averaging), and a frame is active when the mean
 /// log-likelihood ratio of speech over noise across the band passes a threshold, raised where
-/// the ratio itself stays high for seconds, as in babble. A frame is
+/// the ratio itself stays high for seconds, as in babble; there the frame's smoothed level must
+/// also stand above the background's, since a nearby voice is louder than babble. A frame is
 /// voiced when the noise-free part of its spectrum is periodic at a pitch (70-400 Hz) without
 /// being a single tone. Active frames open a candidate; a candidate becomes speech only once it
 /// holds enough voiced frames and lasts the minimum length, so that clicks, bangs, hiss and
@@ -80,6 +81,8 @@ class SpeechDetector {
   int framesAnalysed_ = 0;
   // The score's own background (see analyse).
   float scoreMean_ = 0.0f, scoreMin_ = 0.0f, scoreBlockMin_ = 0.0f;
+  // The band's smoothed level and its low percentile, in dB (see analyse).
+  float level_ = 0.0f, floorDb_ = 0.0f;
 
   // Segment state.
   enum class State { Idle, Candidate, Speech } state_ = State::Idle;
