@@ -13,6 +13,7 @@
 
 #include <vo/log.h>
 #include <zraudiodevice/zraudiodevice.h>
+#include <zrcommon/zrsamples.h>
 #include <zrcommon/zrservicenames.h>
 #include <zrextractors/soundlevel.h>
 #include <zrextractors/voiceactivity.h>
@@ -188,6 +189,8 @@ TEST(StockExtractors, SoundLevelWindowsWhatFitsWithTheLatestPeriod) {
   auto proxy = p.broker->getProxy("SoundLevel", 0);
   for (const auto& b : bad) proxy->call<void>("processRemote", b.channels, b.samples, ts, b.buffer);
   EXPECT_EQ(p.level->ignoredBuffers(), 9);
+  // Outside any call the pointer cannot be sized: the host's own buffers are trusted.
+  EXPECT_TRUE(ZR::samplesFit(2, 100, buffer.data()) && !ZR::samplesFit(2, 100, nullptr));
   p.device->endStream();
   p.finish();
   std::vector<float> times;

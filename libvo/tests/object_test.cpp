@@ -165,12 +165,10 @@ TEST(Session, RegistersForgetsTellsOfRemovalsAndCompletesWaits) {
     s.registerService(name, object);
   EXPECT_THAT(s.services(), ElementsAre("c", "a", "b"));
   EXPECT_TRUE(s.service("a") == a && s.service("z") == nullptr);
-  std::vector<std::string> heard;
-  bool stillListed = true;
+  std::vector<std::string> heard;  // with whether the name was still listed
   s.connectServiceRemoved([](const std::string&) { throw std::runtime_error("careless"); });
   const unsigned long id = s.connectServiceRemoved([&](const std::string& name) {
-    stillListed = s.hasService(name);  // outside the session's lock: the session may be used
-    heard.push_back(name);
+    heard.push_back(name + (s.hasService(name) ? "+" : ""));  // outside the session's lock
   });
   // A taken name is refused and keeps its service; only its own object can take it away.
   EXPECT_THROW(s.registerService("a", other), ZR::ZRError);
@@ -178,8 +176,6 @@ TEST(Session, RegistersForgetsTellsOfRemovalsAndCompletesWaits) {
   EXPECT_EQ(s.service("a"), a);
   EXPECT_TRUE(s.unregisterService("a", a.get()));
   EXPECT_FALSE(s.unregisterService("a"));
-  EXPECT_THAT(heard, ElementsAre("a"));
-  EXPECT_FALSE(stillListed);
   s.registerService("a", other);
   c.reset();  // a service that went away is not found, and its name is free again
   EXPECT_FALSE(s.hasService("c"));
@@ -189,21 +185,20 @@ TEST(Session, RegistersForgetsTellsOfRemovalsAndCompletesWaits) {
   EXPECT_TRUE(s.unregisterService("b"));
   EXPECT_THAT(heard, ElementsAre("a"));
 
-  // Waits complete on registration, from any thread, and fail when the session closes.
-  const int waitMs = static_cast<int>(std::chrono::milliseconds(zrtest::kWaitLimit).count());
+  // Waits complete on registration, every one, from any thread, and fail when the session closes.
   EXPECT_TRUE(s.waitForService("a").async().hasValue());
-  vo::Future<void> first = s.waitForService("late").async();
-  vo::Future<void> second = s.waitForService("late").async();
+  vo::Future<void> first = s.waitForService("late").async(), second = first;
+  second = s.waitForService("late").async();
   vo::Future<void> never = s.waitForService("never").async();
   EXPECT_TRUE(first.isRunning());
   std::thread registrar([&] { s.registerService("late", a); });
+  const int waitMs = static_cast<int>(std::chrono::milliseconds(zrtest::kWaitLimit).count());
   EXPECT_EQ(first.wait(waitMs), vo::FutureState::FinishedWithValue);
   EXPECT_EQ(second.wait(waitMs), vo::FutureState::FinishedWithValue);
   registrar.join();
   EXPECT_TRUE(never.isRunning());
   s.close();
   EXPECT_TRUE(s.isClosed());
-  ASSERT_TRUE(never.hasError());
   EXPECT_THAT(never.error(), HasSubstr("never"));
   EXPECT_TRUE(s.waitForService("gone").async().hasError());
   EXPECT_TRUE(s.waitForService("late").async().hasValue());

@@ -183,28 +183,25 @@ TEST(ZRDeliveryLine, IdleOnlyOnceTheLastSinkReturnedAndDiscardWaitsForItsItem) {
   EXPECT_EQ(idleInside, (std::vector<bool>{false, false}));
   EXPECT_TRUE(line->waitUntilIdle(10s));
 
-  // An item running on another thread: discard(…, true) returns only once it is over.
-  std::promise<void> entered, gate;
-  std::shared_future<void> open = gate.get_future().share();
+  // An item running on another thread: discard(…, true) returns only once it is over. Its match
+  // opens the gate when it sees that item running, so a discard that does not wait returns first.
+  zrtest::Signal entered, gate;
   std::atomic<bool> over{false};
   line->add("b", run.post(), [&](int& i) {
     if (i != 5) return;
-    entered.set_value();
-    open.wait();
+    entered.notify();
+    gate.waitFor();
     over = true;
   });
   line->publish(5);
   line->publish(6);
   std::thread worker([&] { run.runAll(); });
-  entered.get_future().wait();
+  ASSERT_TRUE(entered.waitFor());
   EXPECT_EQ(line->discard("b", [](const int& i) { return i == 6; }), 1u);
-  auto waiter = std::async(std::launch::async, [&] {
-    line->discard(
-        "b", [](const int& i) { return i == 5; }, true);
-    return over.load();
-  });
-  gate.set_value();
-  EXPECT_TRUE(waiter.get()) << "discard returned while its item still ran";
+  line->discard(
+      "b", [&](const int& i) { return i == 5 && (gate.notify(), true); }, true);
+  EXPECT_TRUE(over) << "discard returned while its item still ran";
+  gate.notify();  // for a discard that did not wait
   worker.join();
   EXPECT_EQ(countsOf(*line, "b")[0], 1);
 }

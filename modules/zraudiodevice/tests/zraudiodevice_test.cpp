@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <functional>
-#include <future>
 #include <mutex>
 
 #include <vo/log.h>
@@ -67,14 +66,6 @@ class Sink : public ZR::ZRModule {
   bool fail_;
 };
 
-// Opens once; waiting is bounded so that a broken device fails the test instead of hanging it.
-struct Gate {
-  std::promise<void> promise;
-  std::shared_future<void> future = promise.get_future().share();
-  void open() { promise.set_value(); }
-  bool wait() const { return future.wait_for(10s) == std::future_status::ready; }
-};
-
 class AudioDeviceTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -127,12 +118,12 @@ TEST_F(AudioDeviceTest, FileIsDeliveredExactlyToEverySubscriberAndRecorded) {
     auto slow = make("Slow");
     // Slow holds its first buffer until Fast has three: its queue of 2 is full, and the file
     // must wait for it rather than drop.
-    Gate three;
+    zrtest::Signal three;
     fast->hook = [&](int n) {
-      if (n == 3) three.open();
+      if (n == 3) three.notify();
     };
     slow->hook = [&](int n) {
-      if (n == 1) three.wait();
+      if (n == 1) three.waitFor();
     };
     Options o = Options::fromInput(file);
     o.samplesPerBuffer = 160;
@@ -177,41 +168,41 @@ TEST_F(AudioDeviceTest, FileIsDeliveredExactlyToEverySubscriberAndRecorded) {
   }
 }
 
-TEST_F(AudioDeviceTest, FileIsResampledAndItsChannelsConverted) {
-  std::vector<std::int16_t> stereo(8000 * 2);
-  for (std::size_t i = 0; i < stereo.size(); ++i) stereo[i] = (i % 2) ? 300 : 100;
-  writeSound(path("stereo8k.flac"), 8000, 2, stereo, SF_FORMAT_FLAC | SF_FORMAT_PCM_16);
-  writeSound(path("mono.wav"), 16000, 1, pattern(500));
-  writeSound(path("three.wav"), 16000, 3, pattern(300));
-
-  Options o = Options::fromInput(path("stereo8k.flac"));
-  o.sampleRate = 16000;
-  o.channelCount = 1;
-  auto dev = device(o);
-  EXPECT_EQ(dev->getSamplesPerBuffer(), 1600);  // 100 ms at the asked rate
-  auto sink = make("Sink");
-  dev->subscribe("Sink");
-  ASSERT_TRUE(dev->waitForEndOfStream(10000));
-  EXPECT_NEAR(static_cast<double>(sink->data.size()), 16000.0, 16.0);
-  EXPECT_NEAR(sink->data[8000], 200, 2);  // the two channels averaged, through the converter
-  broker_->removeModule("ZRAudioDevice");
-
-  o = Options::fromInput(path("mono.wav"));
-  o.channelCount = 2;
-  dev = device(o);
-  auto dup = make("Dup");
-  dev->subscribe("Dup");
-  ASSERT_TRUE(dev->waitForEndOfStream(10000));
-  std::vector<std::int16_t> twice;
-  for (std::int16_t s : pattern(500)) twice.insert(twice.end(), {s, s});
-  EXPECT_EQ(dup->data, twice);
-  broker_->removeModule("ZRAudioDevice");
-
-  o = Options::fromInput(path("three.wav"));
-  o.channelCount = 2;
-  dev = device(o);
-  // 3 to 2 channels is not supported.
-  EXPECT_THAT(errorOf([&] { dev->subscribe("Dup"); }).what(), HasSubstr("3 channels"));
+TEST_F(AudioDeviceTest, ChannelsAreConvertedAndFilesResampled) {
+  // Channel k of input frame i holds 100 (2k + 1) + i / 40: a slow ramp, so the resampler keeps it.
+  const struct {
+    int rate, in, out, tolerance;  // tolerance < 0: refused
+  } cases[] = {{16000, 1, 2, 0}, {16000, 2, 1, 0}, {8000, 2, 1, 2}, {16000, 3, 2, -1}};
+  for (const auto& c : cases) {
+    const std::string name = std::to_string(c.in) + "to" + std::to_string(c.out) + "at" +
+                             std::to_string(c.rate) + ".flac";
+    SCOPED_TRACE(name);
+    std::vector<std::int16_t> in;
+    for (int i = 0; i < c.rate; ++i)
+      for (int k = 0; k < c.in; ++k)
+        in.push_back(static_cast<std::int16_t>(100 * (2 * k + 1) + i / 40));
+    writeSound(path(name), c.rate, c.in, in, SF_FORMAT_FLAC | SF_FORMAT_PCM_16);
+    Options o = Options::fromInput(path(name));
+    o.sampleRate = 16000;
+    o.channelCount = c.out;
+    auto dev = device(o);
+    auto sink = make("Sink");
+    if (c.tolerance < 0) {
+      EXPECT_THAT(errorOf([&] { dev->subscribe("Sink"); }).what(), HasSubstr("3 channels"));
+    } else {
+      EXPECT_EQ(dev->getSamplesPerBuffer(), 1600);  // 100 ms at the asked rate
+      dev->subscribe("Sink");
+      ASSERT_TRUE(dev->waitForEndOfStream(10000));
+      const std::size_t n = sink->data.size();
+      EXPECT_NEAR(static_cast<double>(n), 16000.0 * c.out, 16.0 * c.out);
+      // Mono copied to every channel, channels averaged to mono; away from the edges.
+      for (std::size_t j = 800; j + 800 < n; j += 997) {
+        const int frame = static_cast<int>(j) / c.out * c.rate / 16000;
+        EXPECT_NEAR(sink->data[j], (c.in == 1 ? 100 : 200) + frame / 40, c.tolerance) << j;
+      }
+    }
+    for (const char* m : {"ZRAudioDevice", "Sink"}) broker_->removeModule(m);
+  }
 }
 
 TEST_F(AudioDeviceTest, ALiveSourceDropsTheOldestBuffersOfASlowSubscriber) {
@@ -223,15 +214,15 @@ TEST_F(AudioDeviceTest, ALiveSourceDropsTheOldestBuffersOfASlowSubscriber) {
   o.queueCapacity = 3;
   auto dev = device(o);
   auto slow = make("Slow");
-  Gate entered, go;
+  zrtest::Signal entered, go;
   slow->hook = [&](int n) {
-    if (n == 1) entered.open(), go.wait();
+    if (n == 1) entered.notify(), go.waitFor();
   };
   dev->subscribe("Slow");
   std::vector<ZR::ZRValue> sent{dev->deliver(samples.data(), 160)};
-  ASSERT_TRUE(entered.wait());
+  ASSERT_TRUE(entered.waitFor());
   for (int i = 1; i <= 9; ++i) sent.push_back(dev->deliver(samples.data(), 160));  // never waits
-  go.open();
+  go.notify();
   ASSERT_TRUE(dev->waitUntilIdle(10000));
   EXPECT_EQ(dev->getDeliveryStats("Slow").dropped, 6);
   // The first (running then) and the three newest, with their own timestamps.
@@ -305,7 +296,7 @@ TEST_F(AudioDeviceTest, HostBuffersAreSharedAndFailingOrGoneSubscribersDoNotStop
                      {3, "~ZRAudioDevice", "ZRAudioDevice: going away while \"Good" + tail}}));
 }
 
-TEST_F(AudioDeviceTest, ErrorsAreClearAndLeaveTheDeviceUsable) {
+TEST_F(AudioDeviceTest, ErrorsAreClearAndLeaveTheDeviceUsableRawPcmComesWholeFromAPipe) {
   const std::vector<std::pair<std::function<void(Options&)>, std::string>> bad{
       {[](Options& o) { o.sampleRate = 0; }, "the sample rate must be positive, not 0"},
       {[](Options& o) { o.samplesPerBuffer = 0; },
@@ -338,7 +329,6 @@ TEST_F(AudioDeviceTest, ErrorsAreClearAndLeaveTheDeviceUsable) {
   EXPECT_THROW(dev->subscribe("ZRAudioDevice"), ZR::ZRError);       // has no processRemote
   EXPECT_THROW(dev->startRecording(path("rec.wav")), ZR::ZRError);  // format not known yet
   dev->unsubscribe("Nobody");
-
   writeSound(missing, 16000, 1, pattern(100));
   dev->subscribe("Sink");
   ASSERT_TRUE(dev->waitForEndOfStream(10000));
@@ -349,19 +339,18 @@ TEST_F(AudioDeviceTest, ErrorsAreClearAndLeaveTheDeviceUsable) {
   EXPECT_THROW(dev->subscribe("Sink"), ZR::ZRError);
   EXPECT_THROW(dev->startRecording(path("no/such/dir/rec.wav")), ZR::ZRError);
   EXPECT_FALSE(dev->isCapturing());
-}
+  broker_->removeModule("ZRAudioDevice");
 
-TEST_F(AudioDeviceTest, RawPcmFromAPipeAndStoppingASilentOne) {
+  // Raw PCM in odd chunk sizes, which split samples and frames across reads.
   int fds[2];
   ASSERT_EQ(pipe(fds), 0);
   Options o = Options::fromInput("fd:" + std::to_string(fds[0]));
   o.channelCount = 2;
   o.samplesPerBuffer = 100;
-  auto dev = device(o);
-  auto sink = make("Sink");
+  dev = device(o);
+  sink->data.clear();
   dev->subscribe("Sink");
   const std::vector<std::int16_t> samples = pattern(2 * 450);
-  // Odd chunk sizes split samples and frames across reads.
   const auto* bytes = reinterpret_cast<const char*>(samples.data());
   for (std::size_t at = 0, n = 0; at < samples.size() * 2; at += n) {
     n = std::min<std::size_t>(333, samples.size() * 2 - at);
@@ -373,9 +362,9 @@ TEST_F(AudioDeviceTest, RawPcmFromAPipeAndStoppingASilentOne) {
   EXPECT_EQ(sink->seen.back().samples, 50);
   dev->unsubscribe("Sink");
   close(fds[0]);
+  broker_->removeModule("ZRAudioDevice");
 
   ASSERT_EQ(pipe(fds), 0);
-  broker_->removeModule("ZRAudioDevice");
   dev = device(Options::fromInput("fd:" + std::to_string(fds[0])));
   dev->subscribe("Sink");
   EXPECT_TRUE(dev->isCapturing());
@@ -390,25 +379,25 @@ TEST_F(AudioDeviceTest, SubscribersMayUnsubscribeFromTheirOwnDeliveryAndRestart)
   o.samplesPerBuffer = 64;
   auto dev = device(o);
   auto sink = make("Sink");
-  Gate left;
+  zrtest::Signal left;
   sink->hook = [&](int n) {
     if (n != 3) return;
     ZR::ZRAudioDeviceProxy(broker_).unsubscribe("Sink");
-    left.open();
+    left.notify();
   };
   dev->subscribe("Sink");
-  ASSERT_TRUE(left.wait());
+  ASSERT_TRUE(left.waitFor());
   EXPECT_FALSE(dev->isCapturing());
   EXPECT_TRUE(dev->getSubscribers().empty());
 
   // Destroyed while capturing and delivering: stops and joins without waiting for the queue.
-  Gate delivering;
+  zrtest::Signal delivering;
   auto other = make("Other");
   other->hook = [&](int n) {
-    if (n == 1) delivering.open();
+    if (n == 1) delivering.notify();
   };
   dev->subscribe("Other");
-  ASSERT_TRUE(delivering.wait());
+  ASSERT_TRUE(delivering.waitFor());
   dev.reset();
   broker_->removeModule("ZRAudioDevice");
 

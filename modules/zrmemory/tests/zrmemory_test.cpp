@@ -2,9 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <functional>
-#include <future>
 #include <mutex>
 #include <random>
 #include <set>
@@ -20,14 +18,6 @@ using zrtest::errorOf;
 using Strings = std::vector<std::string>;
 
 namespace {
-
-// Waits are bounded so that a broken service fails a test instead of hanging it.
-struct Gate {
-  std::promise<void> promise;
-  std::shared_future<void> future = promise.get_future().share();
-  void open() { promise.set_value(); }
-  bool wait() const { return future.wait_for(10s) == std::future_status::ready; }
-};
 
 // Receives events; `hook` (set before subscribing) may block or throw.
 class Client : public ZR::ZRModule {
@@ -62,12 +52,12 @@ class Producer : public ZR::ZRModule {
  public:
   Producer(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name)
       : ZRModule(broker, name) {
-    functionName("subscribe", "Producer", "Adds a subscriber.", 0);
-    addParam("module", "Subscriber.");
-    bindMethod(&Producer::subscribe);
-    functionName("unsubscribe", "Producer", "Removes a subscriber.", 0);
-    addParam("module", "Subscriber.");
-    bindMethod(&Producer::unsubscribe);
+    for (auto m : {std::make_pair("subscribe", &Producer::subscribe),
+                   std::make_pair("unsubscribe", &Producer::unsubscribe)}) {
+      functionName(m.first, "Producer", "Records a call.", 0);
+      addParam("module", "Subscriber.");
+      bindMethod(m.second);
+    }
   }
   void subscribe(const std::string& module) {
     if (failSubscribe) throw ZR::ZRError(getName(), "subscribe", "device unavailable");
@@ -75,7 +65,7 @@ class Producer : public ZR::ZRModule {
     std::lock_guard<std::mutex> lock(mutex);
     subscribes.push_back(module);
     if (!active.insert(module).second) ++violations;
-    changed.notify_all();
+    subscribed.notify();
   }
   void unsubscribe(const std::string& module) {
     if (failUnsubscribe) throw ZR::ZRError(getName(), "unsubscribe", "busy");
@@ -83,13 +73,9 @@ class Producer : public ZR::ZRModule {
     unsubscribes.push_back(module);
     if (active.erase(module) == 0) ++violations;
   }
-  bool waitSubscribes(std::size_t n) {
-    std::unique_lock<std::mutex> lock(mutex);
-    return changed.wait_for(lock, 10s, [&] { return subscribes.size() >= n; });
-  }
   std::atomic<bool> failSubscribe{false}, failUnsubscribe{false};
   std::mutex mutex;
-  std::condition_variable changed;
+  zrtest::Signal subscribed;
   Strings subscribes, unsubscribes;
   std::set<std::string> active;
   int violations = 0;
@@ -195,16 +181,16 @@ TEST(ZRMemory, DeliveryInRaiseOrderIdleAfterTheLastAndNothingAfterUnsubscribe) {
             "Thrower::onEvent: cannot take it");
 
   // Unsubscribed from E while an F callback runs and an E one waits: the E one never comes.
-  Gate entered, go;
+  zrtest::Signal entered, go;
   client->hook = [&](int v) {
-    if (v == 1000) entered.open(), go.wait();
+    if (v == 1000) entered.notify(), go.waitFor();
   };
   f.proxy.raiseEvent("F", 1000);
-  ASSERT_TRUE(entered.wait());
+  ASSERT_TRUE(entered.waitFor());
   f.proxy.raiseEvent("E", 1001);
   f.proxy.raiseEvent("F", 1002);
   f.proxy.unsubscribeToEvent("E", "Client");
-  go.open();
+  go.notify();
   ASSERT_TRUE(f.memory->waitForDeliveries(10s));
   const Strings got = client->received();
   EXPECT_EQ(Strings(got.begin() + 200, got.end()), (Strings{"F:1000", "F:1002"}));
@@ -213,15 +199,15 @@ TEST(ZRMemory, DeliveryInRaiseOrderIdleAfterTheLastAndNothingAfterUnsubscribe) {
 TEST(ZRMemory, ASubscriberThatDoesNotKeepUpLosesItsOldestEvents) {
   Fixture f(4);
   auto slow = f.make("Slow");
-  Gate entered, go;
+  zrtest::Signal entered, go;
   slow->hook = [&](int v) {
-    if (v == 0) entered.open(), go.wait();
+    if (v == 0) entered.notify(), go.waitFor();
   };
   f.proxy.subscribeToEvent("E", "Slow", "onEvent");
   f.proxy.raiseEvent("E", 0);
-  ASSERT_TRUE(entered.wait());
+  ASSERT_TRUE(entered.waitFor());
   for (int i = 1; i <= 10; ++i) f.proxy.raiseEvent("E", i);  // never waits
-  go.open();
+  go.notify();
   ASSERT_TRUE(f.memory->waitForDeliveries(10s));
   EXPECT_EQ(slow->received(), (Strings{"E:0", "E:7", "E:8", "E:9", "E:10"}));
   EXPECT_EQ(f.proxy.getDroppedEventCount("Slow"), 6);
@@ -281,7 +267,7 @@ TEST(ZRMemory, ModulesGoingAwayAndComingBack) {
   f.broker->removeModule("P");
   producer.reset();
   producer = ZR::ZRModule::createModule<Producer>(f.broker, "P");
-  ASSERT_TRUE(producer->waitSubscribes(1));
+  ASSERT_TRUE(producer->subscribed.waitFor());
   EXPECT_EQ(producer->subscribes, Strings{"Other"});
   f.proxy.unsubscribeToEvent("P/a", "Other");
   f.proxy.unsubscribeToEvent("P/b", "Other");
@@ -326,8 +312,8 @@ TEST(ZRMemory, ConcurrentSubscribeUnsubscribeStaysConsistent) {
   auto quietly = [](auto call) {
     try {
       call();
-    } catch (const ZR::ZRError&) {  // not subscribed
-    }
+    } catch (const ZR::ZRError&) {
+    }  // not subscribed
   };
   std::vector<std::thread> threads;
   for (int t = 0; t < 8; ++t) {
