@@ -17,6 +17,8 @@
 #include <zrnet/zrdirectory.h>
 #include <zrnet/zrtransport.h>
 
+#include "zrreaper.h"
+
 namespace ZR {
 
 namespace {
@@ -134,6 +136,8 @@ struct ZRBroker::Impl {
   std::unique_ptr<ZRDirectoryServer> directoryServer;
   std::shared_ptr<ZRTransport> transport;
   std::unique_ptr<ZRDirectoryClient> directoryClient;
+  // Unsubscribes modules that left the network from this broker's modules.
+  std::shared_ptr<detail::ZRReaper> reaper;
 };
 
 ZRBroker::ZRBroker(const std::string& name, int threads) : impl_(new Impl) {
@@ -213,6 +217,7 @@ void ZRBroker::startNetwork(const ZRBrokerOptions& options) {
   // What the client learnt before it had a listener.
   for (const ZRDirectoryEntry& e : impl->directoryClient->entries()) apply(e, true);
   impl->session->setNetwork(std::make_shared<DirectoryNetwork>(*impl->directoryClient));
+  impl->reaper = detail::ZRReaper::start(shared_from_this());
 }
 
 std::string ZRBroker::endpoint() const {
@@ -301,6 +306,7 @@ void ZRBroker::shutdown() {
     if (impl_->shutdown) return;
     impl_->shutdown = true;
   }
+  if (impl_->reaper) impl_->reaper->stop();
   if (impl_->directoryClient) {
     // Withdraw every name in one go, before the modules go one by one; a directory that does not
     // answer gets no more tries (the lease takes the names away).

@@ -165,6 +165,9 @@ void ZRAudioDevice::subscribe(const std::string& module) {
   std::unique_lock<std::mutex> control(controlMutex_);
   boost::shared_ptr<ZRBroker> broker = getParentBroker();
   boost::shared_ptr<ZRProxy> proxy;
+  // A module of another host that registered a moment ago may not have reached this host yet.
+  if (!broker->endpoint().empty() && !broker->session()->hasService(module))
+    broker->session()->waitForService(module).async().wait(1000);
   try {
     proxy = broker->getProxy(module, 0);
   } catch (const ZRError& e) {
@@ -212,7 +215,9 @@ void ZRAudioDevice::subscribe(const std::string& module) {
                                  item.timestamp, item.buffer};
         proxy->metaCall("processRemote", args, 4);
       },
-      [proxy] { return !proxy->isValid(); });
+      // In a network, a subscriber that is gone stays until the broker's reaper unsubscribes it,
+      // so that the last one leaving stops the source here, in unsubscribe, as always.
+      [proxy, networked = !broker->endpoint().empty()] { return !networked && !proxy->isValid(); });
   if (!source) return;
   {
     std::lock_guard<std::mutex> lock(core_->mutex);
