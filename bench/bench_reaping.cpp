@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <climits>
 #include <condition_variable>
+#include <cstdio>
 #include <cstdlib>
 #include <mutex>
 
@@ -39,6 +40,9 @@ void BM_ReapAfterKill(benchmark::State& state) {
   ZR::ZRBrokerOptions o;
   o.directory = "tcp://127.0.0.1:0";
   o.serveDirectory = true;
+  // The directory's syncs from the other hosts wait on this pool; with 2 threads they could hold
+  // up the memory service waiting for the client's name.
+  o.threads = 4;
   auto broker = ZR::ZRBroker::createBroker("bench", o);
   auto memory = ZR::ZRModule::createModule<ZR::ZRMemory>(broker, "ZRMemory");
   ZR::ZRAudioDeviceOptions d = ZR::ZRAudioDeviceOptions::fromInput("tone:440");
@@ -63,6 +67,7 @@ void BM_ReapAfterKill(benchmark::State& state) {
     zrtest::HostProcess client(hostProgram(), {"client", "--directory", broker->endpoint(),
                                                "--client", "SoundLevel/Levels"});
     if (client.waitFor("event SoundLevel/Levels").empty()) {
+      for (const auto& l : client.lines()) std::fprintf(stderr, "client: %s\n", l.c_str());
       state.SkipWithError("the client host did not start");
       break;
     }

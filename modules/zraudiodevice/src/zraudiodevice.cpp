@@ -167,7 +167,7 @@ void ZRAudioDevice::subscribe(const std::string& module) {
   boost::shared_ptr<ZRProxy> proxy;
   // A module of another host that registered a moment ago may not have reached this host yet.
   if (!broker->endpoint().empty() && !broker->session()->hasService(module))
-    broker->session()->waitForService(module).async().wait(1000);
+    broker->session()->waitForService(module).async().wait(5000);
   try {
     proxy = broker->getProxy(module, 0);
   } catch (const ZRError& e) {

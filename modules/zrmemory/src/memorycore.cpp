@@ -14,7 +14,7 @@ namespace {
 const char* kCategory = "zrmemory";
 // How long a name unknown here may take to arrive from the directory: a module of another host
 // that just registered can call this service before its name has reached this host.
-const int kPublishWaitMs = 1000;
+const int kPublishWaitMs = 5000;
 // Events one drain task delivers before it lets other work onto the pool.
 const int kDrainBatch = 64;
 
