@@ -135,7 +135,7 @@ TEST_F(Net, ThreeProcessesDeliverWhatOneProcessDoes) {
   EXPECT_EQ(device->finish(), 0);
 }
 
-TEST_F(Net, AKilledClientIsReapedAndComesBackAfresh) {
+TEST_F(Net, KilledClientsAndExtractorHostsAreReaped) {
   startLivePipeline();
   client->kill9();
   // Within 2 s: the extractor's stop hook ran, its registry is empty, the device stopped.
@@ -144,16 +144,10 @@ TEST_F(Net, AKilledClientIsReapedAndComesBackAfresh) {
   EXPECT_EQ(subscribersOf("SoundLevel"), Strings{});
   EXPECT_EQ(deviceSubscribers(), Strings{});
 
+  // Back under its name, it subscribes afresh; then the extractor host goes.
   client = host("client", {"--client", "SoundLevel/Levels"});
   client->waitFor("event SoundLevel/Levels");
   EXPECT_EQ(subscribersOf("SoundLevel"), Strings{"Client"});
-  EXPECT_EQ(client->finish(), 0);
-  EXPECT_EQ(extractors->finish(), 0);
-  EXPECT_EQ(device->finish(), 0);
-}
-
-TEST_F(Net, AKilledExtractorHostStopsTheDevice) {
-  startLivePipeline();
   extractors->kill9();
   device->waitFor("stopped tone", kReapLimit);
   EXPECT_EQ(deviceSubscribers(), Strings{});
