@@ -81,9 +81,10 @@ class MemoryCore : public std::enable_shared_from_this<MemoryCore> {
 
   int queueCapacity() const { return capacity_; }
   bool waitForDeliveries(std::chrono::milliseconds timeout);
-  /// A module left the session: drop its subscriptions, unsubscribing it from its producers; if
-  /// it was a producer that modules are subscribed to, tell it "subscribe" again for each of them
-  /// when a module of that name comes back.
+  /// A module left the session: drop its subscriptions, unsubscribing it from its producers (in
+  /// a network, only from local ones that keep no subscriber list: each broker's reaper sees to
+  /// the others); if it was a producer that modules are subscribed to, tell it "subscribe" again
+  /// for each of them when a module of that name comes back.
   void moduleRemoved(const std::string& module);
   /// The service is going away: stop delivering and ignore further removals.
   void close();
