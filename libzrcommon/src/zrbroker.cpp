@@ -19,6 +19,8 @@
 #include <zrnet/zrdirectory.h>
 #include <zrnet/zrtransport.h>
 
+#include "zrreaper.h"
+
 namespace ZR {
 
 namespace {
@@ -196,6 +198,8 @@ struct ZRBroker::Impl {
     vo::log::LogStream(vo::LogLevel_Warning, "", "stream", kCategory, 0)
         << what << " (" << heldBack << " warnings held back)" << std::endl;
   }
+  // Unsubscribes modules that left the network from this broker's modules.
+  std::shared_ptr<detail::ZRReaper> reaper;
 };
 
 ZRBroker::ZRBroker(const std::string& name, int threads) : impl_(new Impl) {
@@ -297,6 +301,7 @@ void ZRBroker::startNetwork(const ZRBrokerOptions& options) {
   // What the client learnt before it had a listener.
   for (const ZRDirectoryEntry& e : impl->directoryClient->entries()) apply(e, true);
   impl->session->setNetwork(std::make_shared<DirectoryNetwork>(*impl->directoryClient));
+  impl->reaper = detail::ZRReaper::start(shared_from_this());
 }
 
 std::string ZRBroker::endpoint() const {
@@ -402,6 +407,7 @@ void ZRBroker::shutdown() {
     if (impl_->shutdown) return;
     impl_->shutdown = true;
   }
+  if (impl_->reaper) impl_->reaper->stop();
   if (impl_->directoryClient) {
     // Withdraw every name in one go, before the modules go one by one; a directory that does not
     // answer gets no more tries (the lease takes the names away).

@@ -592,7 +592,9 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
         self->sendToRemote(identity, std::move(frames));
       });
     };
-    enqueue(identity + '\0' + call->module, std::move(job));
+    // A fan-out (no module) is ordered within its stream only: a slow stream holds up no other.
+    enqueue(identity + '\0' + call->module + (call->module.empty() ? '\0' + call->stream : ""),
+            std::move(job));
   }
 
   void enqueue(const std::string& lane, std::function<void()> job) {

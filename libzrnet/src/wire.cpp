@@ -1,5 +1,7 @@
 #include "wire.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <limits>
 #include <memory>
@@ -206,10 +208,35 @@ struct Envelope {
 };
 
 struct BinaryFrames {
+  struct Block {
+    std::shared_ptr<const void> owner;  // null until referenced
+    const void* data = nullptr;
+    std::size_t size = 0;
+  };
   Frames* frames;
   std::size_t first;  // index in *frames of binary block 0
-  std::vector<std::shared_ptr<zmq::message_t>> owners;
+  std::vector<Block> owners;
   std::size_t count() const { return frames->size() - first; }
+
+  // The received frame itself when its bytes are aligned for any sample type; otherwise (ZeroMQ
+  // packs small messages into one receive buffer at any offset) an aligned copy, so that a
+  // module may read int16, float or double samples in place.
+  Block take(std::size_t index) {
+    auto message = std::make_shared<zmq::message_t>(std::move((*frames)[first + index]));
+    Block b;
+    b.size = message->size();
+    if (reinterpret_cast<std::uintptr_t>(message->data()) % kBinaryAlignment == 0) {
+      b.data = message->data();
+      b.owner = std::move(message);
+      return b;
+    }
+    auto copy = std::make_shared<std::vector<std::max_align_t>>(
+        (b.size + sizeof(std::max_align_t) - 1) / sizeof(std::max_align_t));
+    std::memcpy(copy->data(), message->data(), b.size);
+    b.data = copy->data();
+    b.owner = std::move(copy);
+    return b;
+  }
 };
 
 ZRValue toValue(const msgpack::object& o, BinaryFrames& bins, const Reader& r) {
@@ -249,13 +276,12 @@ ZRValue toValue(const msgpack::object& o, BinaryFrames& bins, const Reader& r) {
       if (index >= bins.count())
         r.fail("binary block " + std::to_string(index) + " refers to a missing frame (" +
                std::to_string(bins.count()) + " binary frames)");
-      auto& owner = bins.owners[index];
-      if (!owner)
-        owner = std::make_shared<zmq::message_t>(std::move((*bins.frames)[bins.first + index]));
-      if (owner->size() != size)
+      auto& block = bins.owners[index];
+      if (!block.owner) block = bins.take(index);
+      if (block.size != size)
         r.fail("binary block " + std::to_string(index) + " declares " + std::to_string(size) +
-               " bytes, its frame has " + std::to_string(owner->size()));
-      return ZRValue(owner->data(), owner->size(), owner);
+               " bytes, its frame has " + std::to_string(block.size));
+      return ZRValue(block.data, block.size, block.owner);
     }
     default:
       r.fail("unsupported msgpack type " + std::to_string(static_cast<int>(o.type)));
@@ -408,7 +434,7 @@ Message decode(Frames& frames, std::size_t maxMessageSize) {
     r.fail(std::string("a ") + msgTypeName(m.type) + " message carries no body");
   }
   for (std::size_t i = 0; i < bins.owners.size(); ++i)
-    if (!bins.owners[i]) r.fail("binary frame " + std::to_string(i) + " is not referenced");
+    if (!bins.owners[i].owner) r.fail("binary frame " + std::to_string(i) + " is not referenced");
   return m;
 }
 

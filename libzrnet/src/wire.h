@@ -21,6 +21,9 @@ constexpr std::size_t kHeaderSize = 5;
 constexpr std::size_t kDefaultMaxMessageSize = 64u << 20;
 /// Extension type of a binary reference inside msgpack arguments.
 constexpr std::int8_t kBinaryExtType = 1;
+/// A decoded binary block's bytes start at a multiple of this: a larger received frame as it is,
+/// a smaller one copied (see docs/protocol.md).
+constexpr std::size_t kBinaryAlignment = 8;
 
 enum class MsgType : std::uint8_t {
   Hello = 1,

@@ -125,6 +125,16 @@ TEST(Wire, BinariesTravelWithoutACopyBothWays) {
   EXPECT_EQ(m.args[1].GetBinary(), buffer.GetBinary());
   EXPECT_EQ(m.args[1], buffer);
 
+  // A frame at an odd address (ZeroMQ packs small messages into one buffer) arrives as an
+  // aligned copy: samples are read in place.
+  alignas(8) unsigned char packed[1001];
+  std::memcpy(packed + 1, samples.data(), samples.size());
+  Frames odd = encode(data);
+  odd[3] = zmq::message_t(packed + 1, samples.size(), nullptr);
+  Message aligned = decode(odd);
+  EXPECT_EQ(reinterpret_cast<std::uintptr_t>(aligned.args[1].GetBinary()) % 8, 0u);
+  EXPECT_EQ(aligned.args[1], buffer);
+
   // Once every frame and decoded value is gone, the storage has its old owners only.
   frames.clear();
   received.clear();

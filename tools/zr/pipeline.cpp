@@ -83,7 +83,19 @@ RunPipeline::RunPipeline(const PipelineConfig& config, const ZR::ZRExtractorRegi
       subscribed_.push_back(ev);
     }
     boost::shared_ptr<ZR::ZRProxy> extractor = broker_->getProxy(e, 0);
-    if (events.empty()) extractor->call<void>("subscribe", kClientName);
+    if (events.empty()) {
+      try {
+        extractor->call<void>("subscribe", kClientName);
+      } catch (const ZR::ZRError&) {
+        // An extractor keeps a subscriber whose start failed: a failed start is no subscription.
+        try {
+          extractor->call<void>("unsubscribe", kClientName);
+        } catch (const ZR::ZRError&) {
+          // It did not keep it.
+        }
+        throw;
+      }
+    }
     if (config.period) extractor->call<void>("updatePeriod", kClientName, *config.period);
     if (config.precision) extractor->call<void>("updatePrecision", kClientName, *config.precision);
   }

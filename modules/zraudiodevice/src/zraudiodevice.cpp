@@ -7,6 +7,7 @@
 #include <chrono>
 #include <climits>
 #include <optional>
+#include <set>
 
 #include <vo/log.h>
 #include <zrcommon/zrproxy.h>
@@ -20,9 +21,6 @@ namespace {
 int clampToInt(std::int64_t v) {
   return static_cast<int>(std::min<std::int64_t>(v, INT_MAX));
 }
-
-// How long a subscribe waits for the directory to publish a module it does not know yet.
-const int kDirectoryLagMs = 2000;
 
 void info(const char* function, const std::string& message) {
   vo::log::LogStream(vo::LogLevel_Info, "", function, kAudioDeviceCategory, 0) << message;
@@ -171,9 +169,9 @@ void ZRAudioDevice::subscribe(const std::string& module) {
   std::unique_lock<std::mutex> control(controlMutex_);
   boost::shared_ptr<ZRBroker> broker = getParentBroker();
   boost::shared_ptr<ZRProxy> proxy;
-  // A module of another host may subscribe before the directory told this host about it.
-  if (!broker->endpoint().empty() && !broker->hasModule(module))
-    broker->session()->waitForService(module).wait(kDirectoryLagMs);
+  // A module of another host that registered a moment ago may not have reached this host yet.
+  if (!broker->endpoint().empty() && !broker->session()->hasService(module))
+    broker->session()->waitForService(module).async().wait(5000);
   try {
     proxy = broker->getProxy(module, 0);
   } catch (const ZRError& e) {
@@ -225,7 +223,11 @@ void ZRAudioDevice::subscribe(const std::string& module) {
                                    item.timestamp, item.buffer};
           proxy->metaCall("processRemote", args, 4);
         },
-        [proxy] { return !proxy->isValid(); });
+        // In a network, a gone subscriber stays until the broker's reaper unsubscribes it, so
+        // that the last one leaving stops the source here, in unsubscribe, as always.
+        [proxy, networked = !broker->endpoint().empty()] {
+          return !networked && !proxy->isValid();
+        });
   }
   if (!source) return;
   {
@@ -241,7 +243,8 @@ void ZRAudioDevice::subscribe(const std::string& module) {
 
 void ZRAudioDevice::unsubscribe(const std::string& module) {
   std::unique_lock<std::mutex> control(controlMutex_);
-  if (!core_->line->remove(module) && !core_->remote->remove(*core_->line, module)) return;
+  const bool remote = core_->remote->remove(*core_->line, module);
+  if (!core_->line->remove(module) && !remote) return;
   if (core_->line->subscribers().empty() && options_.source != ZRAudioDeviceOptions::Source::Host) {
     stopCapture(control);
     info("unsubscribe", getName() + ": stopped " + options_.describe());
@@ -249,11 +252,11 @@ void ZRAudioDevice::unsubscribe(const std::string& module) {
 }
 
 std::vector<std::string> ZRAudioDevice::getSubscribers() {
-  std::vector<std::string> all = core_->remote->modules();
+  std::set<std::string> all;  // a live source's remote subscribers are line entries too
+  for (std::string& name : core_->remote->modules()) all.insert(std::move(name));
   for (std::string& name : core_->line->subscribers())
-    if (!ZRAudioRemoteSubscribers::isEntry(name)) all.push_back(std::move(name));
-  std::sort(all.begin(), all.end());
-  return all;
+    if (!ZRAudioRemoteSubscribers::isEntry(name)) all.insert(std::move(name));
+  return std::vector<std::string>(all.begin(), all.end());
 }
 
 int ZRAudioDevice::getSampleRate() {

@@ -112,10 +112,20 @@ bool ZRAudioRemoteSubscribers::isEntry(const std::string& lineName) {
 bool ZRAudioRemoteSubscribers::add(const std::shared_ptr<ZRAudioLine>& line, ZRBroker& broker,
                                    const std::string& module, const std::string& endpoint) {
   std::lock_guard<std::mutex> lock(mutex_);
-  auto it = hosts_.find(endpoint);
+  // A file waits for its slowest subscriber anyway: one stream per host costs none of them
+  // anything. A live source gives each subscriber a stream of its own, so that a slow one
+  // drops its own buffers only, and its drops are counted under its name.
+  const std::string key = live_ ? module : endpoint;
+  auto it = hosts_.find(key);
+  if (it != hosts_.end() && it->second->sender->isLost()) {
+    // That host died and came back: its dead subscribers wait for their reaping elsewhere.
+    it->second->sender->close();
+    hosts_.erase(it);
+    it = hosts_.end();
+  }
   if (it == hosts_.end()) {
     auto host = std::make_shared<Host>();
-    host->entry = std::string(1, kEntryMark) + endpoint;
+    host->entry = live_ ? module : std::string(1, kEntryMark) + endpoint;
     host->sender =
         detail::openStream(broker, endpoint, deviceName_, live_ ? kLiveWindow : kFileWindow);
     if (!host->sender)
@@ -149,13 +159,13 @@ bool ZRAudioRemoteSubscribers::add(const std::shared_ptr<ZRAudioLine>& line, ZRB
           std::vector<std::string> members = h->snapshot();
           if (!members.empty()) h->sender->send(members, "processRemote", std::move(calls));
         },
-        [self = weak_from_this(), weakHost] {
+        // The stream leaves the line with its host; its subscribers stay listed until they are
+        // unsubscribed (the broker reaps them), which stops the source with the last one.
+        [weakHost] {
           std::shared_ptr<Host> h = weakHost.lock();
-          if (!h || !h->sender->isLost()) return false;
-          if (auto remote = self.lock()) remote->forget(h);
-          return true;
+          return !h || h->sender->isLost();
         });
-    it = hosts_.emplace(endpoint, std::move(host)).first;
+    it = hosts_.emplace(key, std::move(host)).first;
   }
   Host& host = *it->second;
   lastEntry_[module] = host.entry;
@@ -191,15 +201,6 @@ bool ZRAudioRemoteSubscribers::remove(ZRAudioLine& line, const std::string& modu
     line.remove(emptied->entry, true);
   }
   return true;
-}
-
-void ZRAudioRemoteSubscribers::forget(const std::shared_ptr<Host>& host) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  for (auto it = hosts_.begin(); it != hosts_.end(); ++it)
-    if (it->second == host) {
-      hosts_.erase(it);
-      return;
-    }
 }
 
 bool ZRAudioRemoteSubscribers::has(const std::string& module) const {

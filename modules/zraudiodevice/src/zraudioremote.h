@@ -1,9 +1,10 @@
 #pragma once
 
-// Subscribers on other hosts. Each such host gets one stream and one entry in the delivery line:
-// a buffer is sent once per host, whatever the number of its subscribers, and that host fans it
-// out. The host's credits pace a file; a live source drops the oldest buffer in the line when
-// a host does not keep up.
+// Subscribers on other hosts. For a file, each such host gets one stream and one entry in the
+// delivery line: a buffer is sent once per host, whatever the number of its subscribers, that
+// host fans it out, and its credits pace the file. A live source gives each remote subscriber a
+// stream and an entry of its own, under its name, that drops its oldest buffer when it does not
+// keep up.
 
 #include <atomic>
 #include <map>
@@ -48,12 +49,11 @@ class ZRAudioRemoteSubscribers : public std::enable_shared_from_this<ZRAudioRemo
 
  private:
   struct Host;
-  void forget(const std::shared_ptr<Host>& host);
 
   const std::string deviceName_;
   const bool live_;
   mutable std::mutex mutex_;
-  std::map<std::string, std::shared_ptr<Host>> hosts_;  // by endpoint
+  std::map<std::string, std::shared_ptr<Host>> hosts_;  // by endpoint, or module (live)
   std::map<std::string, std::string> lastEntry_;        // module -> line entry, kept after leaving
 };
 

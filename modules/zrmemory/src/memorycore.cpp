@@ -12,13 +12,11 @@ namespace detail {
 
 namespace {
 const char* kCategory = "zrmemory";
+// How long a name unknown here may take to arrive from the directory: a module of another host
+// that just registered can call this service before its name has reached this host.
+const int kPublishWaitMs = 5000;
 // Events one drain task delivers before it lets other work onto the pool.
 const int kDrainBatch = 64;
-
-bool sameObject(const boost::weak_ptr<vo::DynamicObject>& a,
-                const boost::weak_ptr<vo::DynamicObject>& b) {
-  return !a.expired() && !a.owner_before(b) && !b.owner_before(a);
-}
 
 std::string quoted(const std::string& s) {
   return "\"" + s + "\"";
@@ -117,6 +115,63 @@ void MemoryCore::warn(const char* function, const std::string& message) const {
 void MemoryCore::requireName(const char* operation, const char* what,
                              const std::string& value) const {
   if (value.empty()) fail(operation, std::string(what) + " must not be empty");
+}
+
+// ---- Modules by name ----
+//
+// Subscribers and producers may live on this host or another: they are reached through the
+// broker's proxies by name, and told apart across a departure and a return by an incarnation
+// number, which moduleRemoved retires.
+
+std::uint64_t MemoryCore::incarnationLocked(const std::string& name) {
+  std::uint64_t& n = incarnations_[name];
+  if (n == 0) n = ++lastIncarnation_;
+  return n;
+}
+
+bool MemoryCore::isCurrentLocked(const std::string& name, std::uint64_t incarnation) const {
+  auto it = incarnations_.find(name);
+  return incarnation != 0 && it != incarnations_.end() && it->second == incarnation;
+}
+
+void MemoryCore::awaitPublished(const std::string& name) {
+  boost::shared_ptr<ZRBroker> broker = broker_.lock();
+  if (!broker || broker->endpoint().empty() || session_->hasService(name)) return;
+  session_->waitForService(name).async().wait(kPublishWaitMs);
+}
+
+MemoryCore::Target MemoryCore::target(const std::string& name) {
+  Target t;
+  if (boost::shared_ptr<ZRBroker> broker = broker_.lock()) {
+    try {
+      t.proxy = broker->getProxy(name, 0);
+    } catch (const ZRError&) {
+      // Not running: the caller says so in its own words.
+    }
+  }
+  std::lock_guard<std::mutex> lock(mutex_);
+  t.incarnation = incarnationLocked(name);
+  return t;
+}
+
+// An extractor keeps a subscriber whose start hook failed (by design): left there, it would
+// count as served while nothing runs, and a retry would find the producer "started" already.
+// Only a producer that lists its subscribers can say whether it kept this one.
+void MemoryCore::undoFailedSubscribe(const Target& producer, const std::string& name,
+                                     const std::string& module) {
+  try {
+    const ZRValue info = producer.proxy->call<ZRValue>("getSubscribersInfo");
+    bool kept = false;
+    for (int i = 0; i < info.getSize() && !kept; ++i)
+      kept = info[i].isArray() && info[i].getSize() > 0 && info[i][0].isString() &&
+             std::string(info[i][0]) == module;
+    if (kept) producer.proxy->call<void>("unsubscribe", module);
+  } catch (const ZRError& e) {
+    // No subscriber list (not an extractor), or the producer went away: nothing to take back.
+    vo::log::LogStream(vo::LogLevel_Verbose, "", "subscribeToEvent", kCategory, 0)
+        << name_ << ": after the failed subscription of " << quoted(module) << " to "
+        << quoted(name) << ": " << e.what();
+  }
 }
 
 // ---- Data ----
@@ -274,7 +329,7 @@ void MemoryCore::dropLinkRecordsLocked(const std::string& module, const std::str
   ProducerLink& link = *it->second;
   link.count = std::max(0, link.count - static_cast<int>(events.size()));
   if (link.count == 0) {
-    link.subscribedAt.reset();
+    link.subscribedAt = 0;
     if (link.users == 0) links_.erase(it);
   }
 }
@@ -285,20 +340,30 @@ void MemoryCore::subscribeToEvent(const std::string& event, const std::string& m
   requireName(op, "the event name", event);
   requireName(op, "the module name", module);
   requireName(op, "the callback method", callback);
-  const boost::weak_ptr<vo::DynamicObject> handle = session_->serviceHandle(module);
-  {
-    boost::shared_ptr<vo::DynamicObject> object = handle.lock();
-    if (!object) {
-      fail(op, "no module called " + quoted(module) + ": only a running module can subscribe to " +
-                   "event " + quoted(event));
-    }
-    if (!object->hasMethod(callback)) {
-      fail(op, "module " + quoted(module) + " has no method " + quoted(callback) +
-                   " to receive event " + quoted(event));
-    }
-  }
+  awaitPublished(module);
   Delivery fresh;
-  fresh.proxy = boost::make_shared<ZRProxy>(module, handle);
+  fresh.proxy = target(module).proxy;
+  if (!fresh.proxy || !fresh.proxy->isValid()) {
+    fail(op, "no module called " + quoted(module) + ": only a running module can subscribe to " +
+                 "event " + quoted(event));
+  }
+  bool hasCallback = false;
+  if (boost::shared_ptr<vo::DynamicObject> object = session_->service(module)) {
+    hasCallback = object->hasMethod(callback);
+  } else {
+    // A module of another host: its method list says.
+    std::vector<std::string> methods;
+    try {
+      methods = fresh.proxy->call<std::vector<std::string>>("getMethodList");
+    } catch (const ZRError& e) {
+      fail(op, e.what());
+    }
+    hasCallback = std::find(methods.begin(), methods.end(), callback) != methods.end();
+  }
+  if (!hasCallback) {
+    fail(op, "module " + quoted(module) + " has no method " + quoted(callback) +
+                 " to receive event " + quoted(event));
+  }
   boost::shared_ptr<ZRBroker> broker = broker_.lock();
   if (!broker) fail(op, "the broker hosting this service is gone");
   try {
@@ -324,7 +389,7 @@ void MemoryCore::subscribeToEvent(const std::string& event, const std::string& m
     }
   }
 
-  const boost::weak_ptr<vo::DynamicObject> producerHandle = session_->serviceHandle(producer);
+  const Target producerAt = target(producer);
   LinkGuard guard(*this, module, producer, op);
   bool tell = false;
   {
@@ -333,16 +398,17 @@ void MemoryCore::subscribeToEvent(const std::string& event, const std::string& m
       s->callback = callback;
       return;
     }
-    tell = !sameObject(guard.link().subscribedAt, producerHandle);
+    tell = guard.link().subscribedAt != producerAt.incarnation || !producerAt.running();
   }
   if (tell) {
-    if (producerHandle.expired()) {
+    if (!producerAt.running()) {
       fail(op, "event " + quoted(event) + " is produced by " + quoted(producer) +
                    ", which is not running; start it before subscribing to its events");
     }
     try {
-      ZRProxy(producer, producerHandle).call<void>("subscribe", module);
+      producerAt.proxy->call<void>("subscribe", module);
     } catch (const ZRError& e) {
+      undoFailedSubscribe(producerAt, producer, module);
       fail(op, e.what());
     }
   }
@@ -356,7 +422,7 @@ void MemoryCore::subscribeToEvent(const std::string& event, const std::string& m
     if (!gone && !existing) {
       recordLocked(event, module, callback, producer, fresh);
       ++link.count;
-      if (tell) link.subscribedAt = producerHandle;
+      if (tell) link.subscribedAt = producerAt.incarnation;
       return;
     }
     // Recorded meanwhile against no producer (the event got its producer since), or the module
@@ -366,12 +432,12 @@ void MemoryCore::subscribeToEvent(const std::string& event, const std::string& m
       if (link.count == 0)
         undo = true;
       else
-        link.subscribedAt = producerHandle;
+        link.subscribedAt = producerAt.incarnation;
     }
   }
   if (undo) {
     try {
-      ZRProxy(producer, producerHandle).call<void>("unsubscribe", module);
+      producerAt.proxy->call<void>("unsubscribe", module);
     } catch (const ZRError& e) {
       warn(op, "could not undo the subscription of " + quoted(module) + " to " + quoted(producer) +
                    ": " + e.what());
@@ -396,26 +462,30 @@ void MemoryCore::unsubscribeToEvent(const std::string& event, const std::string&
       }
       producer = s->producer;
     }
+    const Target producerAt = target(producer);
     LinkGuard guard(*this, module, producer, op);
-    boost::weak_ptr<vo::DynamicObject> subscribedAt;
+    bool tell = false;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       Subscription* s = findLocked(event, module);
       if (!s) fail(op, notSubscribed);
       if (s->producer != producer) continue;  // unsubscribed and resubscribed meanwhile
-      if (guard.link().count == 1) subscribedAt = guard.link().subscribedAt;
+      tell = guard.link().count == 1 && guard.link().subscribedAt == producerAt.incarnation &&
+             isCurrentLocked(producer, producerAt.incarnation);
     }
-    if (!subscribedAt.expired()) {
+    if (tell && producerAt.proxy) {
       try {
-        ZRProxy(producer, subscribedAt).call<void>("unsubscribe", module);
+        producerAt.proxy->call<void>("unsubscribe", module);
       } catch (const ZRError& e) {
         // A producer that went away meanwhile serves nobody any more: nothing to undo.
-        if (!subscribedAt.expired()) fail(op, e.what());
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (producerAt.proxy->isValid() && isCurrentLocked(producer, producerAt.incarnation))
+          fail(op, e.what());
       }
     }
     std::lock_guard<std::mutex> lock(mutex_);
     ProducerLink& link = guard.link();
-    if (removeLocked(event, module) && --link.count == 0) link.subscribedAt.reset();
+    if (removeLocked(event, module) && --link.count == 0) link.subscribedAt = 0;
     break;
   }
   // Outside every lock: the running callback may call this service.
@@ -424,6 +494,10 @@ void MemoryCore::unsubscribeToEvent(const std::string& event, const std::string&
 
 void MemoryCore::moduleRemoved(const std::string& module) {
   const char* fn = "moduleRemoved";
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    incarnations_.erase(module);  // whoever comes back under the name is another module
+  }
   producerRemoved(module);
   for (;;) {
     std::string producer;
@@ -457,17 +531,27 @@ void MemoryCore::moduleRemoved(const std::string& module) {
       dropLinkRecordsLocked(module, producer);
       continue;
     }
-    boost::weak_ptr<vo::DynamicObject> subscribedAt;
+    // A producer of this host is told here. In a network, each broker's reaper unsubscribes a
+    // departed module from its own modules that list their subscribers (zrreaper.h), so such a
+    // producer, here or on another host, is left to it: telling it twice would race. During
+    // shutdown the producer may be gone already: then there is nobody to tell.
+    bool tellHere = false;
+    if (boost::shared_ptr<vo::DynamicObject> local = session_->service(producer)) {
+      boost::shared_ptr<ZRBroker> broker = broker_.lock();
+      tellHere = !(broker && !broker->endpoint().empty() && local->hasMethod("getSubscribersInfo"));
+    }
+    const Target producerAt = tellHere ? target(producer) : Target();
+    bool tell = false;
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      if (guard->link().count > 0) subscribedAt = guard->link().subscribedAt;
+      tell = producerAt.proxy && guard->link().count > 0 &&
+             guard->link().subscribedAt == producerAt.incarnation;
     }
-    // During shutdown the producer may be gone already: then there is nobody to tell.
-    if (!subscribedAt.expired()) {
+    if (tell) {
       try {
-        ZRProxy(producer, subscribedAt).call<void>("unsubscribe", module);
+        producerAt.proxy->call<void>("unsubscribe", module);
       } catch (const ZRError& e) {
-        if (!subscribedAt.expired()) {
+        if (producerAt.proxy->isValid()) {
           warn(fn, "could not unsubscribe " + quoted(module) + ", which went away, from " +
                        quoted(producer) + ": " + e.what() +
                        "; its subscriptions are dropped anyway");
@@ -489,7 +573,7 @@ void MemoryCore::producerRemoved(const std::string& producer) {
     bool served = false;
     for (auto& [key, link] : links_) {
       if (key.second != producer || link->count == 0) continue;
-      link->subscribedAt.reset();
+      link->subscribedAt = 0;
       served = true;
     }
     if (!served || !awaitedProducers_.insert(producer).second) return;
@@ -519,7 +603,7 @@ void MemoryCore::producerRemoved(const std::string& producer) {
 
 void MemoryCore::restartProducer(const std::string& producer) {
   const char* fn = "restartProducer";
-  const boost::weak_ptr<vo::DynamicObject> handle = session_->serviceHandle(producer);
+  const Target producerAt = target(producer);
   std::vector<std::string> subscribers;
   {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -534,12 +618,18 @@ void MemoryCore::restartProducer(const std::string& producer) {
       {
         std::lock_guard<std::mutex> lock(mutex_);
         // Settled meanwhile: unsubscribed, or subscribed again by a subscribeToEvent.
-        if (guard.link().count == 0 || sameObject(guard.link().subscribedAt, handle)) continue;
+        if (guard.link().count == 0 || guard.link().subscribedAt == producerAt.incarnation)
+          continue;
       }
-      if (handle.expired()) return;  // gone again: its removal waits for the next one
-      ZRProxy(producer, handle).call<void>("subscribe", module);
+      if (!producerAt.running()) return;  // gone again: its removal waits for the next one
+      try {
+        producerAt.proxy->call<void>("subscribe", module);
+      } catch (const ZRError&) {
+        undoFailedSubscribe(producerAt, producer, module);
+        throw;
+      }
       std::lock_guard<std::mutex> lock(mutex_);
-      if (guard.link().count > 0) guard.link().subscribedAt = handle;
+      if (guard.link().count > 0) guard.link().subscribedAt = producerAt.incarnation;
     } catch (const ZRError& e) {
       warn(fn, "could not subscribe " + quoted(module) + " again to " + quoted(producer) +
                    ", which came back: " + e.what());

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <map>
 #include <memory>
@@ -55,8 +56,8 @@ struct ProducerLink {
   std::thread::id owner;
   int users = 0;  // threads holding or waiting for `serial`
   int count = 0;  // subscriptions of the subscriber counted against this producer
-  /// The producer instance that was told "subscribe"; expired or unset when none was.
-  boost::weak_ptr<vo::DynamicObject> subscribedAt;
+  /// The incarnation of the producer that was told "subscribe"; 0 when none was.
+  std::uint64_t subscribedAt = 0;
 };
 
 class MemoryCore : public std::enable_shared_from_this<MemoryCore> {
@@ -80,9 +81,10 @@ class MemoryCore : public std::enable_shared_from_this<MemoryCore> {
 
   int queueCapacity() const { return capacity_; }
   bool waitForDeliveries(std::chrono::milliseconds timeout);
-  /// A module left the session: drop its subscriptions, unsubscribing it from its producers; if
-  /// it was a producer that modules are subscribed to, tell it "subscribe" again for each of them
-  /// when a module of that name comes back.
+  /// A module left the session: drop its subscriptions, unsubscribing it from its producers (in
+  /// a network, only from local ones that keep no subscriber list: each broker's reaper sees to
+  /// the others); if it was a producer that modules are subscribed to, tell it "subscribe" again
+  /// for each of them when a module of that name comes back.
   void moduleRemoved(const std::string& module);
   /// The service is going away: stop delivering and ignore further removals.
   void close();
@@ -94,6 +96,24 @@ class MemoryCore : public std::enable_shared_from_this<MemoryCore> {
   [[noreturn]] void fail(const char* operation, const std::string& description) const;
   void warn(const char* function, const std::string& message) const;
   void requireName(const char* operation, const char* what, const std::string& value) const;
+
+  /// A module by name, here or on another host: a proxy (null when there is none) and the
+  /// incarnation of the name it was found under.
+  struct Target {
+    boost::shared_ptr<ZRProxy> proxy;
+    std::uint64_t incarnation = 0;
+    bool running() const { return proxy && proxy->isValid(); }
+  };
+  Target target(const std::string& name);
+  /// In a network: waits a moment for a name that has not reached this host yet.
+  void awaitPublished(const std::string& name);
+  /// The incarnation of `name`: a number that changes each time the name leaves the session,
+  /// so that a module coming back under it counts as another one, local or remote alike.
+  std::uint64_t incarnationLocked(const std::string& name);
+  bool isCurrentLocked(const std::string& name, std::uint64_t incarnation) const;
+  /// After a producer's "subscribe" failed: takes the subscriber back if the producer kept it.
+  void undoFailedSubscribe(const Target& producer, const std::string& name,
+                           const std::string& module);
 
   Subscription* findLocked(const std::string& event, const std::string& module);
   struct Delivery {
@@ -123,6 +143,8 @@ class MemoryCore : public std::enable_shared_from_this<MemoryCore> {
   std::map<std::string, int> subscriptionCounts_;  // per subscriber module, while it has any
   std::map<LinkKey, std::shared_ptr<ProducerLink>> links_;
   std::set<std::string> awaitedProducers_;  // gone producers whose return restarts them
+  std::map<std::string, std::uint64_t> incarnations_;
+  std::uint64_t lastIncarnation_ = 0;
   // Serialises those restarts on the pool, away from the thread that registers the producer.
   ZRStrand restarts_;
   // The callbacks' queues; its lock nests inside mutex_.

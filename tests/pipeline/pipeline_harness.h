@@ -1,0 +1,121 @@
+#pragma once
+
+// Host processes for the multi-process tests: started with fork/exec, their standard input and
+// output on pipes, killed with SIGKILL for real. A test waits for the lines a host prints, each
+// wait bounded by a deadline that only turns a hang into a failure.
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace zrtest {
+
+/// How a failed wait is reported: tests make it a test failure, benchmarks print it.
+inline void (*hostFailure)(const std::string& message) = [](const std::string& message) {
+  std::fprintf(stderr, "%s\n", message.c_str());
+};
+
+class HostProcess {
+ public:
+  HostProcess(const std::string& program, std::vector<std::string> args) {
+    int out[2], in[2];
+    // Close-on-exec: a host started later must not hold this one's pipes open.
+    if (pipe2(out, O_CLOEXEC) != 0 || pipe2(in, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(out[1], STDOUT_FILENO);
+      dup2(in[0], STDIN_FILENO);
+      std::vector<char*> argv{const_cast<char*>(program.c_str())};
+      for (auto& a : args) argv.push_back(a.data());
+      argv.push_back(nullptr);
+      execv(program.c_str(), argv.data());
+      _exit(127);
+    }
+    close(out[1]);
+    close(in[0]);
+    out_ = out[0];
+    in_ = in[1];
+  }
+  ~HostProcess() {
+    if (pid_ > 0) kill9();
+    if (out_ >= 0) close(out_);
+  }
+  HostProcess(const HostProcess&) = delete;
+  HostProcess& operator=(const HostProcess&) = delete;
+
+  // Reads lines until one contains `part`, for at most `limit`; that line, or "" (a failure
+  // recorded) when the host ended or the limit passed first.
+  std::string waitFor(const std::string& part,
+                      std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    for (;;) {
+      for (; next_ < lines_.size(); ++next_)
+        if (lines_[next_].find(part) != std::string::npos) return lines_[next_++];
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+          deadline - std::chrono::steady_clock::now());
+      pollfd p{out_, POLLIN, 0};
+      char buffer[4096];
+      ssize_t n = 0;
+      if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0 ||
+          (n = read(out_, buffer, sizeof buffer)) <= 0) {
+        hostFailure("no line with \"" + part + "\" within " + std::to_string(limit.count()) +
+                    " ms");
+        return "";
+      }
+      partial_.append(buffer, static_cast<std::size_t>(n));
+      for (std::size_t end; (end = partial_.find('\n')) != std::string::npos;) {
+        lines_.push_back(partial_.substr(0, end));
+        partial_.erase(0, end + 1);
+      }
+    }
+  }
+  // The next waitFor looks at every line again, from the first.
+  void rewind() { next_ = 0; }
+  // Every line read so far.
+  const std::vector<std::string>& lines() const { return lines_; }
+  // The endpoint from its "ready" line.
+  std::string ready() {
+    const std::string l = waitFor("ready ");
+    return l.substr(std::min(l.size(), l.find("ready ") + 6));
+  }
+  void send(const std::string& line) {
+    const std::string s = line + "\n";
+    if (write(in_, s.data(), s.size()) != static_cast<ssize_t>(s.size())) hostFailure("write");
+  }
+  void kill9() {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+    closeInput();
+  }
+  // Closes its input, so that it shuts down; its exit status.
+  int finish() {
+    closeInput();
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+
+ private:
+  void closeInput() {
+    if (in_ >= 0) close(in_);
+    in_ = -1;
+  }
+  pid_t pid_ = -1;
+  int out_ = -1, in_ = -1;
+  std::string partial_;
+  std::vector<std::string> lines_;
+  std::size_t next_ = 0;
+};
+
+}  // namespace zrtest
