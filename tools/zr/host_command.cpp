@@ -108,14 +108,9 @@ class HostCommand : public Command {
 };
 
 boost::shared_ptr<ZR::ZRBroker> HostCommand::start(ZR::ZRBrokerOptions o) {
-  DirectoryOptions probe;
-  probe.directory = o.directory;
-  probe.directoryOption = directoryOption_;
-  probe.curveKeys = curveKeys_;
-  probe.serverKey = serverKey_;
   if (!o.serveDirectory) {
     try {
-      requireDirectory(probe);
+      requireDirectory(o);
     } catch (const NoDirectory&) {
       o.serveDirectory = true;
     }
@@ -159,7 +154,9 @@ void HostCommand::createModules(const boost::shared_ptr<ZR::ZRBroker>& broker) {
   ZR::ZRExtractorRegistry registry = ZR::ZRExtractorRegistry::withStockExtractors();
   for (const std::string& lib : libraries_) registry.loadPlugin(lib);
   for (const std::string& e : extractors_) registry.require(e);
-  if (!extractors_.empty() && !broker->session()->hasService(ZR::kMemoryServiceName))
+  if (!extractors_.empty() &&
+      broker->session()->waitForService(ZR::kMemoryServiceName).async().wait(kDirectoryWaitMs) !=
+          vo::FutureState::FinishedWithValue)
     say("waiting for " + std::string(ZR::kMemoryServiceName) + " (a host with --memory)");
   for (const std::string& e : extractors_) {
     registry.create(e, broker, e);

@@ -157,9 +157,17 @@ void DirectoryOptions::apply(ZR::ZRBrokerOptions& o) const {
     throw CLI::ValidationError("--curve-keys", "--curve-keys and --server-key go together");
 }
 
-DirectoryView::DirectoryView(const DirectoryOptions& options) : address_(options.address()) {
+namespace {
+ZR::ZRBrokerOptions applied(const DirectoryOptions& options) {
   ZR::ZRBrokerOptions o;
   options.apply(o);
+  return o;
+}
+}  // namespace
+
+DirectoryView::DirectoryView(const DirectoryOptions& options) : DirectoryView(applied(options)) {}
+
+DirectoryView::DirectoryView(const ZR::ZRBrokerOptions& o) : address_(o.directory) {
   ZR::ZRTransportOptions t;
   t.hostName = "zr-" + std::to_string(getpid());
   t.listen.clear();  // calls out only
@@ -220,6 +228,10 @@ ZR::ZRValue DirectoryView::call(const std::string& module, const std::string& me
 
 void requireDirectory(const DirectoryOptions& options) {
   DirectoryView view(options);
+}
+
+void requireDirectory(const ZR::ZRBrokerOptions& o) {
+  DirectoryView view(o);
 }
 
 boost::shared_ptr<ZR::ZRBroker> joinNetwork(const DirectoryOptions& options,

@@ -63,6 +63,8 @@ struct DirectoryOptions {
 class DirectoryView {
  public:
   explicit DirectoryView(const DirectoryOptions& options);
+  /// The directory, keys and server key of `o` (its other fields are unused).
+  explicit DirectoryView(const ZR::ZRBrokerOptions& o);
   ~DirectoryView();
   /// Every published module, sorted by name.
   const std::vector<ZR::ZRDirectoryEntry>& entries() const { return entries_; }
@@ -91,6 +93,7 @@ boost::shared_ptr<ZR::ZRBroker> joinNetwork(const DirectoryOptions& options,
 
 /// Fails with NoDirectory unless a directory answers at the address within kDirectoryWaitMs.
 void requireDirectory(const DirectoryOptions& options);
+void requireDirectory(const ZR::ZRBrokerOptions& o);
 
 /// memory.subscribeToEvent(event, module, callback) for a module this process has just
 /// published: the memory's host learns of it at its next directory sync, so a refusal naming the
