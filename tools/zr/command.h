@@ -6,7 +6,7 @@
 
 namespace zr {
 
-/// One subcommand of the tool ("run", "describe", "list"; later "host", "call"...). main adds
+/// One subcommand of the tool ("run", "host", "call"...). main adds
 /// every command to the command line, parses it, then runs the one the user chose. A command
 /// runs on main's thread and blocks until it is done; it reports failures by throwing
 /// (CLI::Error for a bad command line, anything else for a failed run) and returns the exit
@@ -22,5 +22,10 @@ class Command {
 std::unique_ptr<Command> makeRunCommand();
 std::unique_ptr<Command> makeDescribeCommand();
 std::unique_ptr<Command> makeListCommand();
+std::unique_ptr<Command> makeHostCommand();
+std::unique_ptr<Command> makeCallCommand();
+std::unique_ptr<Command> makeWatchCommand();
+std::unique_ptr<Command> makeTopCommand();
+std::unique_ptr<Command> makeKeygenCommand();
 
 }  // namespace zr

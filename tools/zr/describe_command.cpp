@@ -8,8 +8,10 @@
 #include <zrcommon/zrservicenames.h>
 #include <zrextractors/zrextractorregistry.h>
 #include <zrmemory/zrmemory.h>
+#include <nlohmann/json.hpp>
 
 #include "command.h"
+#include "remote.h"
 
 namespace zr {
 namespace {
@@ -23,10 +25,14 @@ class DescribeCommand : public Command {
                     "SoundLevel, VoiceActivity, ZRMemory, ZRAudioDevice or a plugin's extractor.")
         ->required();
     cmd->add_option("--load", libraries_, "Load extractor types from a plugin library.");
+    cmd->add_option("-f,--format", format_, "Output format (with a directory).")
+        ->check(CLI::IsMember({"text", "jsonl"}));
+    directory_.define(cmd);
     return cmd;
   }
 
   int run() override {
+    if (directory_.explicitlyGiven()) return runRemote();
     vo::log::setLogLevel(vo::LogLevel_Error);
     ZR::ZRExtractorRegistry registry = ZR::ZRExtractorRegistry::withStockExtractors();
     for (const std::string& lib : libraries_) registry.loadPlugin(lib);
@@ -55,7 +61,39 @@ class DescribeCommand : public Command {
   }
 
  private:
-  std::string name_;
+  // The running module, asked over the wire: its method list, then each method's help page.
+  int runRemote() {
+    DirectoryView view(directory_);
+    const ZR::ZRValue names = view.call(name_, "getMethodList");
+    if (format_ == "text") std::printf("%s\n\n", name_.c_str());
+    for (const ZR::ZRValue& method : names.arrayElements()) {
+      const std::string help = view.call(name_, "getMethodHelp", {method}).toStringRef();
+      if (format_ == "text") {
+        std::printf("%s\n", help.c_str());
+        continue;
+      }
+      for (const MethodInfo& m : parseMethodHelp(help)) {
+        nlohmann::ordered_json params = nlohmann::ordered_json::array();
+        for (const auto& p : m.parameters)
+          params.push_back(
+              {{"name", p.name}, {"type", p.type}, {"documentation", p.documentation}});
+        const nlohmann::ordered_json o = {{"module", name_},
+                                          {"method", m.name},
+                                          {"signature", m.signature},
+                                          {"description", m.description},
+                                          {"parameters", params},
+                                          {"returnType", m.returnType},
+                                          {"returnName", m.returnName},
+                                          {"returnDocumentation", m.returnDocumentation}};
+        std::printf("%s\n",
+                    o.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+      }
+    }
+    return 0;
+  }
+
+  std::string name_, format_ = "text";
+  DirectoryOptions directory_;
   std::vector<std::string> libraries_;
 };
 

@@ -1,10 +1,13 @@
-// zr list: the extractor types zr can run, stock and from plugins.
+// zr list: the modules a running directory publishes, or, without a directory, the extractor
+// types zr can run, stock and from plugins.
 
 #include <cstdio>
 
 #include <zrextractors/zrextractorregistry.h>
+#include <nlohmann/json.hpp>
 
 #include "command.h"
+#include "remote.h"
 
 namespace zr {
 namespace {
@@ -12,12 +15,19 @@ namespace {
 class ListCommand : public Command {
  public:
   CLI::App* define(CLI::App& app) override {
-    CLI::App* cmd = app.add_subcommand("list", "List the extractors zr can run.");
+    CLI::App* cmd = app.add_subcommand(
+        "list",
+        "List the modules of a running directory (with --directory or ZR_DIRECTORY), else the "
+        "extractors zr can run.");
     cmd->add_option("--load", libraries_, "Load extractor types from a plugin library.");
+    cmd->add_option("-f,--format", format_, "Output format.")
+        ->check(CLI::IsMember({"table", "jsonl"}));
+    directory_.define(cmd);
     return cmd;
   }
 
   int run() override {
+    if (directory_.explicitlyGiven()) return runRemote();
     ZR::ZRExtractorRegistry registry = ZR::ZRExtractorRegistry::withStockExtractors();
     for (const std::string& lib : libraries_) registry.loadPlugin(lib);
     for (const auto& e : registry.entries())
@@ -26,7 +36,35 @@ class ListCommand : public Command {
   }
 
  private:
+  int runRemote() {
+    DirectoryView view(directory_);
+    for (const ZR::ZRDirectoryEntry& e : view.entries()) {
+      std::string kind = "module";
+      try {
+        const ZR::ZRValue methods = view.call(e.name, "getMethodList");
+        std::vector<std::string> names;
+        for (const ZR::ZRValue& m : methods.arrayElements()) names.push_back(m.toStringRef());
+        kind = kindOf(e.name, names);
+      } catch (const ZR::ZRError&) {
+        // Gone since the directory answered, or no module core: listed as a plain module.
+      }
+      if (format_ == "jsonl")
+        std::printf(
+            "%s\n",
+            nlohmann::ordered_json(
+                {{"name", e.name}, {"host", e.host}, {"endpoint", e.endpoint}, {"kind", kind}})
+                .dump()
+                .c_str());
+      else
+        std::printf("%-20s %-15s %-16s %s\n", e.name.c_str(), kind.c_str(), e.host.c_str(),
+                    e.endpoint.c_str());
+    }
+    return 0;
+  }
+
   std::vector<std::string> libraries_;
+  std::string format_ = "table";
+  DirectoryOptions directory_;
 };
 
 }  // namespace

@@ -9,14 +9,19 @@
 #include <zrcommon/zrversion.h>
 
 #include "command.h"
+#include "remote.h"
 
 int main(int argc, char** argv) {
-  CLI::App app{"zr: run sound extractors on a file, a microphone or a synthetic signal."};
+  CLI::App app{
+      "zr: run sound extractors on a file, a microphone or a synthetic signal; host modules and "
+      "reach them across processes and machines."};
   app.require_subcommand(1);
   app.set_version_flag("--version", std::string("zr ") + ZR::kPlatformVersion);
 
   std::vector<std::pair<CLI::App*, std::unique_ptr<zr::Command>>> commands;
-  for (auto make : {zr::makeRunCommand, zr::makeDescribeCommand, zr::makeListCommand}) {
+  for (auto make :
+       {zr::makeRunCommand, zr::makeHostCommand, zr::makeCallCommand, zr::makeListCommand,
+        zr::makeDescribeCommand, zr::makeWatchCommand, zr::makeTopCommand, zr::makeKeygenCommand}) {
     std::unique_ptr<zr::Command> command = make();
     CLI::App* sub = command->define(app);
     commands.emplace_back(sub, std::move(command));
@@ -32,20 +37,24 @@ int main(int argc, char** argv) {
     if (!known) {
       std::fprintf(stderr, "zr: error: unknown command \"%s\" (%s; see zr --help)\n", argv[1],
                    names.c_str());
-      return 2;
+      return zr::kExitUsage;
     }
   }
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
-    return app.exit(e);
+    // Help and version exit 0; every other bad command line is a usage error.
+    return app.exit(e) == 0 ? 0 : zr::kExitUsage;
   }
   try {
     for (auto& c : commands)
       if (*c.first) return c.second->run();
   } catch (const CLI::Error& e) {
     std::fprintf(stderr, "zr: error: %s\n", e.what());
-    return 2;
+    return zr::kExitUsage;
+  } catch (const zr::NoDirectory& e) {
+    std::fprintf(stderr, "zr: error: %s\n", e.what());
+    return zr::kExitNoDirectory;
   } catch (const std::exception& e) {
     std::fprintf(stderr, "zr: error: %s\n", e.what());
     return 1;

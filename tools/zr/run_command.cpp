@@ -18,6 +18,7 @@
 #include "pipeline.h"
 #include "plot.h"
 #include "progress.h"
+#include "remote_pipeline.h"
 
 namespace zr {
 namespace {
@@ -88,6 +89,7 @@ class RunCommand : public Command {
     RunOptions& o = o_;
     CLI::App* cmd =
         app.add_subcommand("run", "Run extractors on an input and print their results.");
+    cmd_ = cmd;
     input_ = cmd->add_option(
         "INPUT", o.input,
         "A sound file (WAV, FLAC, OGG), - for raw 16-bit PCM on standard input, mic or "
@@ -121,6 +123,11 @@ class RunCommand : public Command {
                     "Load extractor types from a plugin library (repeatable).");
     cmd->add_option("--log-level", o.logLevel,
                     "silent, fatal, error, warning (default), info, verbose or debug.");
+    directory_.define(cmd);
+    cmd->get_option("--directory")
+        ->description(
+            "Run on the ZRMemory, ZRAudioDevice and extractors that running hosts "
+            "publish there (zr host), instead of in this process.");
     return cmd;
   }
 
@@ -128,8 +135,11 @@ class RunCommand : public Command {
 
  private:
   RunOptions o_;
+  CLI::Option* cmdOption(const std::string& name) { return cmd_->get_option(name); }
+  CLI::App* cmd_ = nullptr;
   CLI::Option* input_ = nullptr;
   CLI::Option* precision_ = nullptr;
+  DirectoryOptions directory_;
 };
 
 int RunCommand::run() {
@@ -141,8 +151,17 @@ int RunCommand::run() {
         "unknown level " + o.logLevel + " (silent, fatal, error, warning, info, verbose, debug)");
   vo::log::setLogLevel(level);
 
+  // Across processes the device is the published one: its input is its host's business.
+  const bool remote = directory_.directoryOption->count() > 0;
+  if (remote)
+    for (const char* device : {"INPUT", "--rate", "--channels", "--buffer", "--realtime"})
+      if (cmdOption(device)->count() > 0)
+        throw CLI::ValidationError(
+            device,
+            std::string("with --directory the published ZRAudioDevice is the input: give ") +
+                device + " to zr host --device instead");
   PipelineConfig config;
-  config.device = resolveInput(o.input, input_->count() > 0);
+  if (!remote) config.device = resolveInput(o.input, input_->count() > 0);
   if (o.rate > 0) config.device.sampleRate = o.rate;
   if (o.channels > 0) config.device.channelCount = o.channels;
   if (o.buffer > 0) config.device.samplesPerBuffer = o.buffer;
@@ -154,7 +173,8 @@ int RunCommand::run() {
 
   ZR::ZRExtractorRegistry registry = ZR::ZRExtractorRegistry::withStockExtractors(o.period);
   for (const std::string& lib : o.libraries) registry.loadPlugin(lib);
-  for (const std::string& e : config.extractors) registry.require(e);
+  if (!remote)
+    for (const std::string& e : config.extractors) registry.require(e);
 
   const bool toFile = !o.output.empty() && o.output != "-";
   const std::string outputName = toFile ? o.output : "standard output";
@@ -178,16 +198,17 @@ int RunCommand::run() {
     PlotData plot;
     std::atomic<bool> outputFailed{false};
     RunLog log(level);
-    const double total = config.device.source == ZR::ZRAudioDeviceOptions::Source::File
+    const double total = !remote && config.device.source == ZR::ZRAudioDeviceOptions::Source::File
                              ? fileDuration(config.device.path)
                              : 0.0;
-    {
-      RunPipeline pipeline(config, registry, [&](const Result& r) {
-        if (outputFailed) return;
-        writer->write(r);
-        if (!writer->check()) outputFailed = true;
-        if (!o.plot.empty()) plot.add(r);
-      });
+    const auto sink = [&](const Result& r) {
+      if (outputFailed) return;
+      writer->write(r);
+      if (!writer->check()) outputFailed = true;
+      if (!o.plot.empty()) plot.add(r);
+    };
+    // The same run in process or on the modules of running hosts.
+    const auto drive = [&](auto& pipeline) {
       // Nothing is delivered before start(): the header still comes first.
       writer->begin();
       if (!writer->check()) outputFailed = true;
@@ -207,6 +228,13 @@ int RunCommand::run() {
       wall = progress.elapsed();
       processed = pipeline.audioSeconds(total);
       interrupted = gInterrupted;
+    };
+    if (remote) {
+      RemotePipeline pipeline(config, directory_, sink);
+      drive(pipeline);
+    } else {
+      RunPipeline pipeline(config, registry, sink);
+      drive(pipeline);
     }
     writer->end();
     if (!writer->flush() || !closeOutput()) {
@@ -216,7 +244,9 @@ int RunCommand::run() {
       failure = log.firstError() + " (the results before it were written)";
     }
     if (!o.plot.empty())
-      plot.render(o.plot, "zr run " + (o.input.empty() ? config.device.path : o.input));
+      plot.render(o.plot, "zr run " + (remote            ? directory_.address()
+                                       : o.input.empty() ? config.device.path
+                                                         : o.input));
   } catch (...) {
     closeOutput();
     throw;

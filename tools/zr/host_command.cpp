@@ -1,0 +1,244 @@
+// zr host: a broker in a network of hosts, with the memory service, an audio device and
+// extractors, serving until SIGINT or SIGTERM.
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <map>
+#include <set>
+
+#include <vo/log.h>
+#include <zrcommon/zrservicenames.h>
+#include <zrextractors/zrextractorregistry.h>
+#include <zrmemory/zrmemory.h>
+
+#include "command.h"
+#include "input.h"
+#include "remote.h"
+
+namespace zr {
+namespace {
+
+bool isLoopback(const std::string& address) {
+  for (const char* local :
+       {"ipc://", "inproc://", "tcp://127.", "tcp://localhost:", "tcp://[::1]:", "tcp://lo:"})
+    if (address.rfind(local, 0) == 0) return true;
+  return false;
+}
+
+std::string defaultHostName() {
+  char name[256] = "host";
+  gethostname(name, sizeof name - 1);
+  return std::string(name) + "-" + std::to_string(getpid());
+}
+
+void say(const std::string& line) {
+  std::fprintf(stderr, "zr: %s\n", line.c_str());
+  std::fflush(stderr);
+}
+
+/// Hosts seen through the session, by endpoint, so that peers joining and leaving can be told.
+std::map<std::string, std::string> peersOf(const vo::Session& session) {
+  std::map<std::string, std::string> peers;
+  for (const std::string& name : session.services())
+    if (auto where = session.remoteService(name)) peers[where->address] = where->host;
+  return peers;
+}
+
+class HostCommand : public Command {
+ public:
+  CLI::App* define(CLI::App& app) override {
+    CLI::App* cmd = app.add_subcommand(
+        "host", "Host modules for other processes and machines until SIGINT or SIGTERM.");
+    cmd->add_option("--name", name_, "This host's name (default: machine name and process id).");
+    cmd->add_flag("--serve-directory", serve_,
+                  "Serve the directory (also done when none answers at start).");
+    cmd->add_option("--listen", listen_,
+                    "Where this host takes calls (default: loopback, any port).");
+    cmd->add_option("--advertise", advertise_, "What other hosts connect to (NAT, containers).");
+    cmd->add_flag("--memory", memory_, "Host the memory service \"ZRMemory\".");
+    device_ =
+        cmd->add_option("--device", input_,
+                        "Host \"ZRAudioDevice\" on INPUT: a sound file, -, mic or mic:DEVICE, "
+                        "tone:HZ, noise or silence.");
+    cmd->add_option("--rate", rate_, "Sample rate in Hz (a file is resampled).")
+        ->check(CLI::Range(1000, 384000));
+    cmd->add_option("--channels", channels_, "Channel count.")->check(CLI::Range(1, 32));
+    cmd->add_option("--buffer", buffer_, "Samples per channel in each buffer.")
+        ->check(CLI::Range(1, 1 << 20));
+    cmd->add_flag("--realtime", realtime_, "Pace the input at real time.");
+    cmd->add_option("-e,--extractor", extractors_, "Extractor to host (repeatable).");
+    cmd->add_option("--load", libraries_,
+                    "Load extractor types from a plugin library (repeatable).");
+    CLI::Option* keys = cmd->add_option("--curve-keys", curveKeys_,
+                                        "This host's key pair (NAME.key of zr keygen): calls to it "
+                                        "then need CURVE.");
+    CLI::Option* allow = cmd->add_option(
+        "--allow", allow_, "Public keys of the clients admitted, one Z85 key a line.");
+    CLI::Option* insecure = cmd->add_flag("--insecure", insecure_,
+                                          "Listen beyond loopback without keys (anyone may call).");
+    allow->needs(keys);
+    keys->needs(allow);
+    insecure->excludes(keys);
+    cmd->add_option("--server-key", serverKey_,
+                    "Public key of the directory and the other hosts, when they require CURVE.");
+    cmd->add_option(
+        "--directory", directory_,
+        std::string("Directory address (default: ZR_DIRECTORY, else ") + kDefaultDirectory + ").");
+    cmd->add_option("--log-level", logLevel_,
+                    "silent, fatal, error, warning (default), info, verbose or debug.");
+    directoryOption_ = cmd->get_option("--directory");
+    return cmd;
+  }
+
+  int run() override;
+
+ private:
+  boost::shared_ptr<ZR::ZRBroker> start(ZR::ZRBrokerOptions o);
+  void createModules(const boost::shared_ptr<ZR::ZRBroker>& broker);
+
+  std::string name_ = defaultHostName(), listen_ = "tcp://127.0.0.1:0", advertise_, input_;
+  std::string curveKeys_, allow_, serverKey_, directory_, logLevel_ = "warning";
+  bool serve_ = false, memory_ = false, realtime_ = false, insecure_ = false;
+  int rate_ = 0, channels_ = 0, buffer_ = 0;
+  std::vector<std::string> extractors_, libraries_;
+  CLI::Option* device_ = nullptr;
+  CLI::Option* directoryOption_ = nullptr;
+};
+
+boost::shared_ptr<ZR::ZRBroker> HostCommand::start(ZR::ZRBrokerOptions o) {
+  if (!o.serveDirectory) {
+    try {
+      requireDirectory(o);
+    } catch (const NoDirectory&) {
+      o.serveDirectory = true;
+    }
+  }
+  if (o.serveDirectory) {
+    try {
+      auto broker = ZR::ZRBroker::createBroker(name_, o);
+      say("host " + name_ + " serves the directory at " + broker->endpoint());
+      return broker;
+    } catch (const ZR::ZRError& e) {
+      // Of two hosts racing for the address, the one that bound it serves; this one joins,
+      // unless serving was asked for.
+      if (serve_) throw;
+    }
+  }
+  o.serveDirectory = false;
+  auto broker = ZR::ZRBroker::createBroker(name_, o);
+  say("host " + name_ + " joined the directory at " + o.directory + ", takes calls at " +
+      broker->endpoint());
+  return broker;
+}
+
+void HostCommand::createModules(const boost::shared_ptr<ZR::ZRBroker>& broker) {
+  auto published = [](const std::string& name, const std::string& what) {
+    say("published " + name + " (" + what + ")");
+  };
+  if (memory_) {
+    ZR::ZRModule::createModule<ZR::ZRMemory>(broker, ZR::kMemoryServiceName);
+    published(ZR::kMemoryServiceName, "service");
+  }
+  if (device_->count() > 0) {
+    ZR::ZRAudioDeviceOptions d = resolveInput(input_, true);
+    if (rate_ > 0) d.sampleRate = rate_;
+    if (channels_ > 0) d.channelCount = channels_;
+    if (buffer_ > 0) d.samplesPerBuffer = buffer_;
+    d.realtime = realtime_;
+    auto device =
+        ZR::ZRModule::createModule<ZR::ZRAudioDevice>(broker, ZR::kAudioDeviceServiceName, d);
+    published(ZR::kAudioDeviceServiceName, "service, " + device->getSourceDescription());
+  }
+  ZR::ZRExtractorRegistry registry = ZR::ZRExtractorRegistry::withStockExtractors();
+  for (const std::string& lib : libraries_) registry.loadPlugin(lib);
+  for (const std::string& e : extractors_) registry.require(e);
+  if (!extractors_.empty() &&
+      broker->session()->waitForService(ZR::kMemoryServiceName).async().wait(kDirectoryWaitMs) !=
+          vo::FutureState::FinishedWithValue)
+    say("waiting for " + std::string(ZR::kMemoryServiceName) + " (a host with --memory)");
+  for (const std::string& e : extractors_) {
+    registry.create(e, broker, e);
+    published(e, "extractor");
+  }
+}
+
+int HostCommand::run() {
+  vo::LogLevel level;
+  if (!vo::log::parseLogLevel(logLevel_, level))
+    throw CLI::ValidationError("--log-level", "unknown level " + logLevel_);
+  vo::log::setLogLevel(level);
+
+  ZR::ZRBrokerOptions o;
+  DirectoryOptions where;
+  where.directory = directory_;
+  where.directoryOption = directoryOption_;
+  o.directory = where.address();
+  o.serveDirectory = serve_;
+  o.listen = listen_;
+  o.advertise = advertise_;
+  o.insecure = insecure_;
+  if (!curveKeys_.empty()) {
+    const KeyPair k = readKeyPair(curveKeys_);
+    o.curvePublicKey = k.publicKey;
+    o.curveSecretKey = k.secretKey;
+    o.allowedClientKeys = readPublicKeys(allow_);
+    o.allowedClientKeys.push_back(k.publicKey);  // itself, and hosts that share its key pair
+  }
+  if (!serverKey_.empty()) {
+    const auto keys = readPublicKeys(serverKey_);
+    if (keys.size() != 1) throw std::runtime_error(serverKey_ + " must hold one public key");
+    o.directoryPublicKey = keys[0];
+  } else {
+    o.directoryPublicKey = o.curvePublicKey;  // one key pair for every host of the network
+  }
+  const std::string bound = serve_ ? o.directory : o.listen;
+  if (!isLoopback(bound) && o.curveSecretKey.empty() && !insecure_)
+    throw CLI::ValidationError(
+        "refusing to listen on " + bound +
+        " beyond loopback without keys: give --curve-keys FILE --allow FILE (see zr keygen), or "
+        "--insecure to let anyone on the network call this host");
+
+  // The signals wait for the main loop (every thread the broker starts inherits the mask), so
+  // that shutdown runs here, in order, and never inside a handler.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+
+  boost::shared_ptr<ZR::ZRBroker> broker = start(o);
+  try {
+    createModules(broker);
+  } catch (...) {
+    broker->shutdown();
+    throw;
+  }
+  say("serving; stop with Ctrl-C");
+
+  std::map<std::string, std::string> peers;
+  const timespec tick{0, 100 * 1000 * 1000};
+  int signal = -1;
+  while (signal < 0) {
+    const std::map<std::string, std::string> now = peersOf(*broker->session());
+    for (const auto& [endpoint, host] : now)
+      if (!peers.count(endpoint)) say("peer joined: " + host + " (" + endpoint + ")");
+    for (const auto& [endpoint, host] : peers)
+      if (!now.count(endpoint)) say("peer lost: " + host + " (" + endpoint + ")");
+    peers = now;
+    signal = sigtimedwait(&signals, nullptr, &tick);
+  }
+  say(std::string("shutting down (") + (signal == SIGINT ? "SIGINT" : "SIGTERM") + ")");
+  broker->shutdown();
+  say("host " + name_ + " stopped");
+  return 0;
+}
+
+}  // namespace
+
+std::unique_ptr<Command> makeHostCommand() {
+  return std::make_unique<HostCommand>();
+}
+
+}  // namespace zr

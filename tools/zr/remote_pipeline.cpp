@@ -1,0 +1,172 @@
+#include "remote_pipeline.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+#include <zrcommon/zrmodule.h>
+#include <zrcommon/zrservicenames.h>
+#include <zrproxies/zrmemoryproxy.h>
+
+namespace zr {
+
+namespace {
+
+/// The run's client module: ZRMemory calls onEvent for each event, from the broker's pool.
+class RemoteRunClient : public ZR::ZRModule {
+ public:
+  using Receiver = std::function<void(const std::string& event, const ZR::ZRValue& value)>;
+  RemoteRunClient(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name,
+                  Receiver receiver)
+      : ZRModule(broker, name), receiver_(std::move(receiver)) {
+    setModuleDescription("The zr tool: receives the results it prints.");
+    functionName("onEvent", "RunClient", "Receives one event from ZRMemory.", 0);
+    addParam("eventName", "Name of the event.");
+    addParam("value", "Value raised with it.");
+    addParam("subscriberIdentifier", "Name of the subscriber.");
+    bindMethod(&RemoteRunClient::onEvent);
+  }
+  void onEvent(const std::string& eventName, const ZR::ZRValue& value, const std::string&) {
+    receiver_(eventName, value);
+  }
+
+ private:
+  Receiver receiver_;
+};
+
+}  // namespace
+
+RemotePipeline::RemotePipeline(const PipelineConfig& config, const DirectoryOptions& directory,
+                               Sink sink)
+    : sink_(std::move(sink)) {
+  for (const std::string& e : config.extractors)
+    if (std::find(extractors_.begin(), extractors_.end(), e) == extractors_.end())
+      extractors_.push_back(e);
+  char host[256] = "host";
+  gethostname(host, sizeof host - 1);
+  name_ = std::string("zr-run-") + host + "-" + std::to_string(getpid());
+  // Raised by this run after the extractors' last results: events reach a subscriber in the
+  // order they were raised, so once it arrives, every result has.
+  marker_ = name_ + "/Done";
+  std::vector<std::string> needed{ZR::kMemoryServiceName, ZR::kAudioDeviceServiceName};
+  needed.insert(needed.end(), extractors_.begin(), extractors_.end());
+  broker_ = joinNetwork(directory, name_, "tcp://127.0.0.1:0", "", needed);
+  try {
+    ZR::ZRMemoryProxy memory(broker_);
+    for (const std::string& e : extractors_)
+      for (const std::string& ev : memory.getExtractorEvent(e)) producerOf_[ev] = e;
+    client_ = ZR::ZRModule::createModule<RemoteRunClient>(
+        broker_, name_,
+        [this](const std::string& event, const ZR::ZRValue& value) { receive(event, value); });
+    device_ = broker_->getProxy(ZR::kAudioDeviceServiceName, 0);
+    device_->call<void>("hold");
+    held_ = true;
+    memory.declareEvent(marker_, "");
+    subscribeNewModule(memory, marker_, name_, "onEvent");
+    subscribed_.push_back(marker_);
+    for (const std::string& e : extractors_) {
+      const std::vector<std::string> events = memory.getExtractorEvent(e);
+      if (events.empty())
+        std::fprintf(stderr, "zr: %s declares no events: it runs, but has nothing to show\n",
+                     e.c_str());
+      for (const std::string& ev : events) {
+        memory.subscribeToEvent(ev, name_, "onEvent");
+        subscribed_.push_back(ev);
+      }
+      boost::shared_ptr<ZR::ZRProxy> extractor = broker_->getProxy(e, 0);
+      if (config.period) extractor->call<void>("updatePeriod", name_, *config.period);
+      if (config.precision) extractor->call<void>("updatePrecision", name_, *config.precision);
+    }
+  } catch (...) {
+    unsubscribeAll();
+    if (held_) device_->call<void>("release");
+    broker_->shutdown();
+    throw;
+  }
+}
+
+RemotePipeline::~RemotePipeline() {
+  {
+    std::lock_guard<std::mutex> lock(sinkMutex_);
+    sink_ = nullptr;
+  }
+  unsubscribeAll();
+  client_.reset();
+  broker_->shutdown();
+}
+
+void RemotePipeline::unsubscribeAll() {
+  ZR::ZRMemoryProxy memory(broker_);
+  for (const std::string& ev : subscribed_) {
+    try {
+      memory.unsubscribeToEvent(ev, name_);
+    } catch (const ZR::ZRError& e) {
+      std::fprintf(stderr, "zr: %s\n", e.what());
+    }
+  }
+  subscribed_.clear();
+}
+
+void RemotePipeline::receive(const std::string& event, const ZR::ZRValue& value) {
+  std::lock_guard<std::mutex> lock(sinkMutex_);
+  if (event == marker_) {
+    marked_ = true;
+    markerSeen_.notify_all();
+    return;
+  }
+  auto it = producerOf_.find(event);
+  const std::string extractor =
+      it == producerOf_.end() ? event.substr(0, event.find('/')) : it->second;
+  const std::string prefix = extractor + "/";
+  const std::string shortName =
+      event.compare(0, prefix.size(), prefix) == 0 ? event.substr(prefix.size()) : event;
+  if (sink_) sink_(Result{extractor, shortName, value});
+}
+
+void RemotePipeline::start() {
+  device_->call<void>("release");
+  held_ = false;
+}
+
+bool RemotePipeline::waitForEnd(int timeoutMs) {
+  const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  for (;;) {
+    if (device_->call<bool>("isEndOfStream")) return true;
+    if (std::chrono::steady_clock::now() >= until) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(std::min(timeoutMs, 20)));
+  }
+}
+
+double RemotePipeline::audioSeconds(double cap) {
+  const double rate = device_->call<int>("getSampleRate");
+  const double perBuffer = device_->call<int>("getSamplesPerBuffer");
+  int delivered = 0;
+  for (const std::string& e : extractors_) {
+    try {
+      delivered = std::max(delivered, device_->call<int>("getDeliveredBufferCount", e));
+    } catch (const ZR::ZRError&) {
+      // An extractor that does not listen to the device.
+    }
+  }
+  const double seconds = rate > 0 ? delivered * perBuffer / rate : 0.0;
+  return cap > 0 ? std::min(seconds, cap) : seconds;
+}
+
+void RemotePipeline::finish() {
+  for (const std::string& e : extractors_) {
+    auto p = broker_->getProxy(e, 0);
+    const auto methods = p->call<std::vector<std::string>>("getMethodList");
+    if (std::find(methods.begin(), methods.end(), "flush") != methods.end()) p->call<void>("flush");
+  }
+  ZR::ZRMemoryProxy(broker_).raiseEvent(marker_, ZR::ZRValue(0));
+  std::unique_lock<std::mutex> lock(sinkMutex_);
+  if (!markerSeen_.wait_for(lock, std::chrono::seconds(10), [this] { return marked_; }))
+    std::fprintf(stderr, "zr: the last results did not arrive within 10 s\n");
+  lock.unlock();
+  unsubscribeAll();
+}
+
+}  // namespace zr

@@ -1,0 +1,263 @@
+// zr across processes: real `zr host` processes and the client subcommands against them.
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include "remote.h"
+
+namespace {
+
+const std::string kZr = ZR_BINARY, kRun = "timeout 60 " + kZr, kSample = ZR_SAMPLE;
+const std::string kTemp = ::testing::TempDir() + "zr_net_" + std::to_string(getpid()) + "_";
+// Turns a hang into a failure; never a pace.
+constexpr int kLimitMs = 60000;
+
+std::pair<int, std::string> sh(const std::string& command) {
+  FILE* p = popen(("{ " + command + "; } 2>&1").c_str(), "r");
+  std::string out;
+  char buf[4096];
+  while (std::size_t n = std::fread(buf, 1, sizeof buf, p)) out.append(buf, n);
+  const int status = pclose(p);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
+}
+
+// A zr process whose output (stdout and stderr together) is read line by line.
+class Zr {
+ public:
+  explicit Zr(const std::string& args) {
+    int fds[2];
+    EXPECT_EQ(pipe(fds), 0);
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(fds[1], 1);
+      dup2(fds[1], 2);
+      close(fds[0]);
+      execl("/bin/sh", "sh", "-c", ("exec " + kZr + " " + args).c_str(), nullptr);
+      _exit(127);
+    }
+    close(fds[1]);
+    fd_ = fds[0];
+  }
+  ~Zr() {
+    if (pid_ > 0) {
+      kill(pid_, SIGKILL);
+      waitpid(pid_, nullptr, 0);
+    }
+    close(fd_);
+  }
+  // The next line holding `what` (the lines before it are kept in seen()); empty at the end.
+  std::string waitFor(const std::string& what) {
+    for (;;) {
+      const std::size_t eol = buffer_.find('\n');
+      if (eol != std::string::npos) {
+        const std::string line = buffer_.substr(0, eol);
+        buffer_.erase(0, eol + 1);
+        seen_ += line + "\n";
+        if (line.find(what) != std::string::npos) return line;
+        continue;
+      }
+      pollfd p{fd_, POLLIN, 0};
+      char buf[4096];
+      if (poll(&p, 1, kLimitMs) <= 0) return "";
+      const ssize_t n = read(fd_, buf, sizeof buf);
+      if (n <= 0) return "";
+      buffer_.append(buf, static_cast<std::size_t>(n));
+    }
+  }
+  int stop(int signal) {
+    kill(pid_, signal);
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  const std::string& seen() const { return seen_; }
+
+ private:
+  pid_t pid_ = -1;
+  int fd_ = -1;
+  std::string buffer_, seen_;
+};
+
+// A host that serves a directory of its own on a free port; `dir` is its address.
+struct Host {
+  explicit Host(const std::string& modules)
+      : zr("host --name testhost --serve-directory --directory tcp://127.0.0.1:0 " + modules) {
+    const std::string line = zr.waitFor("serves the directory at ");
+    dir = " --directory " + line.substr(line.rfind(' ') + 1);
+    EXPECT_NE(zr.waitFor("serving"), "") << zr.seen();
+  }
+  Zr zr;
+  std::string dir;
+};
+
+}  // namespace
+
+TEST(ZrNet, ArgumentsAndResultsFollowTheRules) {
+  const std::pair<std::string, std::string> cases[] = {{"42", "42"},
+                                                       {"-7", "-7"},
+                                                       {"0.1", "0.1"},
+                                                       {"1e3", "1000"},
+                                                       {"true", "true"},
+                                                       {"null", "null"},
+                                                       {"[1,\"a\"]", "[1,\"a\"]"},
+                                                       {"word", "\"word\""},
+                                                       {"\"42\"", "\"42\""},
+                                                       {"{\"a\":1}", "\"{\\\"a\\\":1}\""}};
+  for (const auto& [arg, json] : cases) EXPECT_EQ(zr::toJson(zr::parseArgument(arg)), json) << arg;
+  EXPECT_EQ(zr::toJson(ZR::ZRValue("\x01\x02\xff", 3)), "{\"binary\":\"AQL/\"}");
+  EXPECT_EQ(zr::toJson(ZR::ZRValue(1.0f / 3.0f)), "0.33333334");
+  // One overload of the arity takes the number as the other kind: converted; two: left alone.
+  const auto overloads = zr::parseMethodHelp(
+      "f(int, float) -> void\n  One.\n  a (int): first\n  b (float): second\n"
+      "f(string) -> int\n  returns n: count\n");
+  ASSERT_EQ(overloads.size(), 2u);
+  EXPECT_EQ(overloads[0].description, "One.");
+  EXPECT_EQ(overloads[1].returnName, "n");
+  std::vector<ZR::ZRValue> args{ZR::ZRValue(2.0f), ZR::ZRValue(3)};
+  zr::fitArguments(overloads, args);
+  EXPECT_TRUE(args[0].isInt() && args[1].isFloat());
+  args = {ZR::ZRValue(2.5f), ZR::ZRValue(3)};
+  zr::fitArguments(overloads, args);
+  EXPECT_TRUE(args[0].isFloat()) << "2.5 is no int";
+}
+
+TEST(ZrNet, HostCallListDescribeTopAndShutdown) {
+  Host host("--memory --device " + kSample +
+            " -e SoundLevel --load " ZR_TEST_PLUGIN " -e PeakMeter");
+  const std::string d = host.dir;
+  auto list = sh(kRun + " list -f jsonl" + d);
+  ASSERT_EQ(list.first, 0) << list.second;
+  std::istringstream in(list.second);
+  std::vector<std::string> kinds;
+  for (std::string l; std::getline(in, l);) {
+    const auto o = nlohmann::json::parse(l);
+    EXPECT_EQ(o["host"], "testhost");
+    kinds.push_back(o["name"].get<std::string>() + " " + o["kind"].get<std::string>());
+  }
+  EXPECT_EQ(kinds,
+            (std::vector<std::string>{"PeakMeter soundextractor", "SoundLevel soundextractor",
+                                      "ZRAudioDevice service", "ZRMemory service"}));
+  const auto describe = sh(kRun + " describe PeakMeter -f jsonl" + d);
+  EXPECT_NE(describe.second.find("{\"module\":\"PeakMeter\",\"method\":\"subscribe\",\"signature\":"
+                                 "\"subscribe(string, int, float) -> void\",\"description\":"
+                                 "\"Subscribes to the extractor. "),
+            std::string::npos)
+      << describe.second;
+
+  struct Call {
+    std::string args;
+    int status;
+    std::string out;
+  } calls[] = {
+      {"ZRMemory insertData k 42", 0, ""},  // void: nothing
+      {"ZRMemory getData k", 0, "42\n"},
+      {"ZRMemory insertData k 0.1", 0, ""},
+      {"ZRMemory getData k", 0, "0.1\n"},
+      {"ZRMemory insertData k '[\"x\",true,null]'", 0, ""},
+      {"ZRMemory getData k", 0, "[\"x\",true,null]\n"},
+      {"ZRMemory insertData k hello", 0, ""},
+      {"ZRMemory getData k", 0, "\"hello\"\n"},
+      {"ZRMemory getData nokey", 1, "ZRMemory::getData: "},
+      {"-f jsonl ZRMemory getData nokey", 1, "{\"module\":\"ZRMemory\",\"method\":\"getData\","},
+      {"Nobody ping", 1, "Nobody::ping: no module called \"Nobody\""},
+      {"SoundLevel setThreshold -30 6", 0, ""},         // ints to the float overload
+      {"SoundLevel subscribe slow 200.0 0.25", 0, ""},  // 200.0 to the one int overload
+      {"SoundLevel subscribe fast 50 0.5", 0, ""},
+      {"SoundLevel getCurrentPeriod", 0, "50\n"},
+      {"SoundLevel getMyPeriod nobody", 1, "SoundLevel::getMyPeriod: "},
+  };
+  for (const Call& c : calls) {
+    const auto [status, out] = sh(kRun + " call " + c.args + d);
+    EXPECT_EQ(status, c.status) << c.args << ": " << out;
+    EXPECT_EQ(c.out.empty() ? out : out.substr(0, c.out.size()), c.out) << c.args;
+  }
+  // Requested (the registry) against effective (the current values).
+  const auto top = sh(kRun + " top --once -f jsonl" + d);
+  bool sawExtractor = false, sawHost = false;
+  std::istringstream rows(top.second);
+  for (std::string l; std::getline(rows, l);) {
+    const auto o = nlohmann::json::parse(l);
+    sawHost = sawHost || (o["type"] == "host" && o["host"] == "testhost");
+    if (o["type"] != "extractor" || o["module"] != "SoundLevel") continue;
+    sawExtractor = true;
+    EXPECT_EQ(o["state"], "running");
+    EXPECT_EQ(o["currentPeriod"], 50);
+    EXPECT_EQ(o["currentPrecision"], 0.5);
+    EXPECT_EQ(o["subscribers"],
+              nlohmann::json::parse("[{\"name\":\"fast\",\"period\":50,\"precision\":0.5},"
+                                    "{\"name\":\"slow\",\"period\":200,\"precision\":0.25}]"));
+  }
+  EXPECT_TRUE(sawExtractor && sawHost) << top.second;
+
+  // A name another host holds; listening beyond loopback without keys.
+  const auto taken = sh(kRun + " host --memory" + d);
+  EXPECT_NE(taken.first, 0);
+  EXPECT_NE(taken.second.find("already published by host testhost"), std::string::npos)
+      << taken.second;
+  const auto open = sh(kRun + " host --listen tcp://0.0.0.0:0" + d);
+  EXPECT_EQ(open.first, 2);
+  EXPECT_NE(open.second.find("give --curve-keys FILE --allow FILE"), std::string::npos)
+      << open.second;
+  EXPECT_EQ(host.zr.stop(SIGTERM), 0);
+  EXPECT_NE(host.zr.waitFor("host testhost stopped"), "") << host.zr.seen();
+}
+
+TEST(ZrNet, RunAndWatchAcrossProcesses) {
+  Host host("--memory --device " + kSample + " -e SoundLevel -e VoiceActivity");
+  // The same results as in one process, line for line.
+  const auto local = sh(kRun + " run " + kSample + " -f jsonl 2>/dev/null");
+  ASSERT_EQ(local.first, 0);
+  EXPECT_EQ(sh(kRun + " run " + kSample + host.dir).first, 2);
+  const auto remote = sh(kRun + " run -f jsonl" + host.dir);
+  if (remote.second.find("only a running module can subscribe") != std::string::npos)
+    GTEST_SKIP() << "the memory service takes no subscriber of another process yet";
+  ASSERT_EQ(remote.first, 0) << remote.second;
+  EXPECT_EQ(remote.second.substr(0, remote.second.find("zr: ")), local.second);
+
+  Zr watch("watch SoundLevel/Levels VoiceActivity/Segment" + host.dir);
+  const std::string first = watch.waitFor("\"Levels\"");
+  ASSERT_NE(first, "") << watch.seen();
+  EXPECT_EQ(nlohmann::json::parse(first)["extractor"], "SoundLevel");
+  EXPECT_NE(watch.waitFor("\"Segment\""), "") << watch.seen();
+  EXPECT_EQ(watch.stop(SIGINT), 0);
+
+  // The memory's host dies under a watcher: it says so.
+  Zr orphan("watch SoundLevel/Levels" + host.dir);
+  ASSERT_NE(orphan.waitFor("watching"), "") << orphan.seen();
+  host.zr.stop(SIGKILL);
+  EXPECT_NE(orphan.waitFor("ZRMemory left"), "") << orphan.seen();
+}
+
+TEST(ZrNet, NoDirectoryExitsThreeAndKeysAreWritten) {
+  const std::string none = " --directory tcp://127.0.0.1:1";
+  for (const std::string& args : {"list" + none, "describe X" + none, "call X ping" + none,
+                                  "watch E" + none, "top --once" + none, "run" + none}) {
+    const auto [status, out] = sh(kRun + " " + args);
+    EXPECT_EQ(status, 3) << args << ": " << out;
+    EXPECT_NE(out.find("no directory answers at tcp://127.0.0.1:1"), std::string::npos) << out;
+  }
+  EXPECT_EQ(sh("ZR_DIRECTORY=tcp://127.0.0.1:1 " + kRun + " list").first, 3);
+  ASSERT_EQ(sh(kRun + " keygen " + kTemp + "k").first, 0);
+  struct stat st {};
+  ASSERT_EQ(stat((kTemp + "k.key").c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  EXPECT_EQ(zr::readKeyPair(kTemp + "k.key").publicKey, zr::readPublicKeys(kTemp + "k.pub").at(0));
+  EXPECT_NE(sh(kRun + " keygen " + kTemp + "k").first, 0) << "an existing key stays";
+  std::remove((kTemp + "k.key").c_str());
+  std::remove((kTemp + "k.pub").c_str());
+}

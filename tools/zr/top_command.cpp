@@ -1,0 +1,206 @@
+// zr top: who is subscribed to what, what each asked for against what it got, and where
+// buffers are dropped, across every host of a running directory.
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <map>
+
+#include <nlohmann/json.hpp>
+
+#include "command.h"
+#include "remote.h"
+
+namespace zr {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using Json = nlohmann::ordered_json;
+
+std::vector<std::string> strings(const ZR::ZRValue& v) {
+  std::vector<std::string> out;
+  if (v.isArray())
+    for (const ZR::ZRValue& e : v.arrayElements()) out.push_back(e.toStringRef());
+  return out;
+}
+
+double rounded(double v) {
+  return static_cast<double>(static_cast<long long>(v * 1000.0 + (v < 0 ? -0.5 : 0.5))) / 1000.0;
+}
+
+class TopCommand : public Command {
+ public:
+  CLI::App* define(CLI::App& app) override {
+    CLI::App* cmd =
+        app.add_subcommand("top", "A live view of extractors, devices and hosts of a directory.");
+    cmd->add_flag("--once", once_, "Print one snapshot and exit.");
+    cmd->add_option("-f,--format", format_, "Output format.")
+        ->check(CLI::IsMember({"table", "jsonl"}));
+    cmd->add_option("--interval", intervalMs_, "Refresh period in ms (default 1000).")
+        ->check(CLI::Range(100, 3600000));
+    directory_.define(cmd);
+    return cmd;
+  }
+
+  int run() override;
+
+ private:
+  std::vector<Json> snapshot(DirectoryView& view);
+  void print(const std::vector<Json>& rows, bool inPlace);
+
+  bool once_ = false;
+  std::string format_ = "table";
+  int intervalMs_ = 1000;
+  DirectoryOptions directory_;
+  std::map<std::string, Clock::time_point> lastSeen_;  // by endpoint
+};
+
+std::vector<Json> TopCommand::snapshot(DirectoryView& view) {
+  view.refresh();
+  std::vector<Json> modules;
+  std::map<std::string, std::string> hosts;  // endpoint -> host
+  for (const ZR::ZRDirectoryEntry& e : view.entries()) {
+    hosts[e.endpoint] = e.host;
+    try {
+      const std::vector<std::string> methods = strings(view.call(e.name, "getMethodList"));
+      lastSeen_[e.endpoint] = Clock::now();
+      const std::string kind = kindOf(e.name, methods);
+      if (kind == "extractor" || kind == "soundextractor") {
+        Json subscribers = Json::array();
+        const ZR::ZRValue info = view.call(e.name, "getSubscribersInfo");
+        for (const ZR::ZRValue& s : info.arrayElements())
+          if (s.isArray() && s.getSize() == 3)
+            subscribers.push_back({{"name", s[0].toStringRef()},
+                                   {"period", s[1].toInt()},
+                                   {"precision", rounded(s[2].toFloat())}});
+        modules.push_back(
+            {{"type", "extractor"},
+             {"module", e.name},
+             {"host", e.host},
+             {"state", subscribers.empty() ? "idle" : "running"},
+             {"currentPeriod", view.call(e.name, "getCurrentPeriod").toInt()},
+             {"currentPrecision", rounded(view.call(e.name, "getCurrentPrecision").toFloat())},
+             // Not measured yet: the memory service counts no raised events.
+             {"eventsPerSecond", nullptr},
+             {"subscribers", subscribers}});
+      } else if (e.name == "ZRAudioDevice") {
+        Json subscribers = Json::array();
+        for (const std::string& s : strings(view.call(e.name, "getSubscribers"))) {
+          const int delivered = view.call(e.name, "getDeliveredBufferCount", {s}).toInt();
+          const int dropped = view.call(e.name, "getDroppedBufferCount", {s}).toInt();
+          subscribers.push_back(
+              {{"name", s},
+               {"delivered", delivered},
+               {"dropped", dropped},
+               {"dropRate", delivered + dropped > 0
+                                ? rounded(static_cast<double>(dropped) / (delivered + dropped))
+                                : 0.0}});
+        }
+        modules.push_back({{"type", "device"},
+                           {"module", e.name},
+                           {"host", e.host},
+                           {"source", view.call(e.name, "getSourceDescription").toStringRef()},
+                           {"rate", view.call(e.name, "getSampleRate").toInt()},
+                           {"channels", view.call(e.name, "getChannelCount").toInt()},
+                           {"subscribers", subscribers}});
+      }
+    } catch (const ZR::ZRError&) {
+      // Its host stopped answering since the directory listed it: its last-seen time grows.
+    }
+  }
+  std::vector<Json> rows;
+  for (const auto& [endpoint, host] : hosts) {
+    const auto seen = lastSeen_.find(endpoint);
+    const double ago = seen == lastSeen_.end()
+                           ? -1.0
+                           : std::chrono::duration<double>(Clock::now() - seen->second).count();
+    rows.push_back({{"type", "host"},
+                    {"host", host},
+                    {"endpoint", endpoint},
+                    {"peers", static_cast<int>(hosts.size()) - 1},
+                    {"lastSeenSeconds", ago < 0 ? Json(nullptr) : Json(rounded(ago))}});
+  }
+  rows.insert(rows.end(), modules.begin(), modules.end());
+  return rows;
+}
+
+void TopCommand::print(const std::vector<Json>& rows, bool inPlace) {
+  if (inPlace) std::printf("\033[H\033[2J");
+  if (format_ == "jsonl") {
+    for (const Json& r : rows) std::printf("%s\n", r.dump().c_str());
+    std::fflush(stdout);
+    return;
+  }
+  std::printf("%-16s %-28s %5s %10s\n", "HOST", "ENDPOINT", "PEERS", "LAST SEEN");
+  for (const Json& r : rows)
+    if (r["type"] == "host")
+      std::printf(
+          "%-16s %-28s %5d %9s\n", r["host"].get<std::string>().c_str(),
+          r["endpoint"].get<std::string>().c_str(), r["peers"].get<int>(),
+          r["lastSeenSeconds"].is_null()
+              ? "lost"
+              : (std::to_string(r["lastSeenSeconds"].get<double>()).substr(0, 4) + "s").c_str());
+  std::printf("\n%-16s %-16s %-8s %7s %9s  %s\n", "EXTRACTOR", "HOST", "STATE", "PERIOD",
+              "PRECISION", "SUBSCRIBERS (asked period/precision)");
+  for (const Json& r : rows) {
+    if (r["type"] != "extractor") continue;
+    std::string subs;
+    for (const Json& s : r["subscribers"])
+      subs += (subs.empty() ? "" : ", ") + s["name"].get<std::string>() + " " +
+              std::to_string(s["period"].get<int>()) + "ms/" + s["precision"].dump();
+    std::printf("%-16s %-16s %-8s %5dms %9s  %s\n", r["module"].get<std::string>().c_str(),
+                r["host"].get<std::string>().c_str(), r["state"].get<std::string>().c_str(),
+                r["currentPeriod"].get<int>(), r["currentPrecision"].dump().c_str(), subs.c_str());
+  }
+  std::printf("\n%-16s %-16s %-24s %6s %3s  %s\n", "DEVICE", "HOST", "SOURCE", "RATE", "CH",
+              "SUBSCRIBERS (delivered/dropped, drop rate)");
+  for (const Json& r : rows) {
+    if (r["type"] != "device") continue;
+    std::string subs;
+    for (const Json& s : r["subscribers"])
+      subs += (subs.empty() ? "" : ", ") + s["name"].get<std::string>() + " " +
+              std::to_string(s["delivered"].get<int>()) + "/" +
+              std::to_string(s["dropped"].get<int>()) + " " + s["dropRate"].dump();
+    std::printf("%-16s %-16s %-24s %6d %3d  %s\n", r["module"].get<std::string>().c_str(),
+                r["host"].get<std::string>().c_str(), r["source"].get<std::string>().c_str(),
+                r["rate"].get<int>(), r["channels"].get<int>(), subs.c_str());
+  }
+  std::fflush(stdout);
+}
+
+int TopCommand::run() {
+  DirectoryView view(directory_);
+  if (once_) {
+    print(snapshot(view), false);
+    return 0;
+  }
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  const bool inPlace = isatty(STDOUT_FILENO) && format_ == "table";
+  const timespec interval{intervalMs_ / 1000, (intervalMs_ % 1000) * 1000000L};
+  do {
+    try {
+      print(snapshot(view), inPlace);
+    } catch (const NoDirectory& e) {
+      // The directory's host went away: say so and keep looking.
+      if (inPlace) std::printf("\033[H\033[2J");
+      std::printf("%s\n", e.what());
+      std::fflush(stdout);
+    }
+    if (!inPlace && format_ == "table") std::printf("\n");
+  } while (sigtimedwait(&signals, nullptr, &interval) < 0);
+  return 0;
+}
+
+}  // namespace
+
+std::unique_ptr<Command> makeTopCommand() {
+  return std::make_unique<TopCommand>();
+}
+
+}  // namespace zr
