@@ -22,7 +22,7 @@
 #include <zrextractors/zrextractorregistry.h>
 #include <zrmemory/zrmemory.h>
 
-#include "../tests/pipeline/pipeline_harness.h"
+#include "../tests/support/zrhostprocess.h"
 
 namespace {
 

@@ -1,12 +1,8 @@
 // Hosts as separate processes: a directory host, two module hosts (the test host program) and
 // this process as the client. Hosts are killed with SIGKILL for real; every wait is on an event
 // with a hang guard, never a sleep.
-#include <fcntl.h>
 #include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdio>
 #include <future>
 #include <string>
 #include <vector>
@@ -15,6 +11,7 @@
 
 #include <zrcommon/zrbroker.h>
 #include <zrcommon/zrproxy.h>
+#include <zrhostprocess.h>
 #include <zrtest.h>
 
 namespace {
@@ -30,72 +27,14 @@ const std::string kBeat = "1000";
 const std::string kBeat = "250";
 #endif
 
-// A test host process, its standard input and output on pipes.
-class Host {
- public:
-  explicit Host(std::vector<std::string> args) {
+// A test host process (its output read line by line), beating at the rate above.
+struct Host : zrtest::HostProcess {
+  explicit Host(std::vector<std::string> args)
+      : HostProcess(ZRCOMMON_TEST_HOST, withBeat(std::move(args))) {}
+  static std::vector<std::string> withBeat(std::vector<std::string> args) {
     args.insert(args.end(), {"--heartbeat", kBeat});
-    int out[2], in[2];
-    // Close-on-exec: a host started later must not hold this one's input open.
-    if (pipe2(out, O_CLOEXEC) != 0 || pipe2(in, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
-    pid_ = fork();
-    if (pid_ == 0) {
-      dup2(out[1], STDOUT_FILENO);
-      dup2(in[0], STDIN_FILENO);
-      close(out[0]);
-      close(in[1]);
-      std::vector<char*> argv{const_cast<char*>(ZRCOMMON_TEST_HOST)};
-      for (auto& a : args) argv.push_back(a.data());
-      argv.push_back(nullptr);
-      execv(ZRCOMMON_TEST_HOST, argv.data());
-      _exit(127);
-    }
-    close(out[1]);
-    close(in[0]);
-    out_ = fdopen(out[0], "r");
-    in_ = in[1];
+    return args;
   }
-  ~Host() {
-    if (pid_ > 0) kill9();
-    if (out_) fclose(out_);
-  }
-  // The next line it prints ("" once it is gone).
-  std::string line() {
-    char buffer[512];
-    if (!fgets(buffer, sizeof buffer, out_)) return "";
-    std::string s(buffer);
-    if (!s.empty() && s.back() == '\n') s.pop_back();
-    return s;
-  }
-  // The endpoint from its "ready" line.
-  std::string ready() {
-    const std::string l = line();
-    EXPECT_EQ(l.rfind("ready ", 0), 0u) << l;
-    return l.size() > 6 ? l.substr(6) : "";
-  }
-  void kill9() {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-    closeInput();
-  }
-  // Closes its input: it shuts down. Its exit status.
-  int finish() {
-    closeInput();
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-
- private:
-  void closeInput() {
-    if (in_ >= 0) close(in_);
-    in_ = -1;
-  }
-  pid_t pid_ = -1;
-  FILE* out_ = nullptr;
-  int in_ = -1;
 };
 
 bool appears(const boost::shared_ptr<ZR::ZRBroker>& broker, const std::string& name) {
@@ -135,7 +74,7 @@ TEST(Hosts, AKilledHostFailsItsCallersTheOthersGoOnAndComesBackByName) {
   });
   auto pending = std::async(std::launch::async,
                             [&] { return zrtest::errorOf([&] { alpha->call<bool>("hold"); }); });
-  ASSERT_EQ(a->line(), "holding Alpha");
+  ASSERT_NE(a->waitFor("holding Alpha"), "");
   a->kill9();
   ASSERT_EQ(pending.wait_for(zrtest::kWaitLimit), std::future_status::ready);
   const ZR::ZRError e = pending.get();

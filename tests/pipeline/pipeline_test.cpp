@@ -17,7 +17,7 @@
 #include <zrproxies/zrmemoryproxy.h>
 #include <zrtest.h>
 
-#include "pipeline_harness.h"
+#include <zrhostprocess.h>
 #include "pipeline_modules.h"
 
 namespace {
