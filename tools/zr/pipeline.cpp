@@ -1,5 +1,7 @@
 #include "pipeline.h"
 
+#include "eventclient.h"
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -11,28 +13,6 @@
 namespace zr {
 
 namespace {
-
-/// The tool's own module: the client every extractor serves. ZRMemory calls onEvent for each
-/// event it subscribed to, from the broker's pool.
-class RunClient : public ZR::ZRModule {
- public:
-  using Receiver = std::function<void(const std::string& event, const ZR::ZRValue& value)>;
-  RunClient(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name, Receiver receiver)
-      : ZRModule(broker, name), receiver_(std::move(receiver)) {
-    setModuleDescription("The zr tool: receives the results it prints.");
-    functionName("onEvent", "RunClient", "Receives one event from ZRMemory.", 0);
-    addParam("eventName", "Name of the event.");
-    addParam("value", "Value raised with it.");
-    addParam("subscriberIdentifier", "Name of the subscriber.");
-    bindMethod(&RunClient::onEvent);
-  }
-  void onEvent(const std::string& eventName, const ZR::ZRValue& value, const std::string&) {
-    receiver_(eventName, value);
-  }
-
- private:
-  Receiver receiver_;
-};
 
 std::string shortEventName(const std::string& event, const std::string& extractor) {
   const std::string prefix = extractor + "/";
@@ -61,8 +41,9 @@ RunPipeline::RunPipeline(const PipelineConfig& config, const ZR::ZRExtractorRegi
   for (const std::string& e : extractors_)
     for (const std::string& ev : memory.getExtractorEvent(e)) producerOf_[ev] = e;
 
-  client_ = ZR::ZRModule::createModule<RunClient>(
-      broker_, kClientName, [this](const std::string& event, const ZR::ZRValue& value) {
+  client_ = ZR::ZRModule::createModule<EventClient>(
+      broker_, kClientName, "RunClient", "The zr tool: receives the results it prints.",
+      [this](const std::string& event, const ZR::ZRValue& value) {
         auto it = producerOf_.find(event);
         const std::string extractor =
             it == producerOf_.end() ? event.substr(0, event.find('/')) : it->second;

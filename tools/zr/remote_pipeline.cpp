@@ -1,5 +1,7 @@
 #include "remote_pipeline.h"
 
+#include "eventclient.h"
+
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,31 +15,7 @@
 
 namespace zr {
 
-namespace {
-
-/// The run's client module: ZRMemory calls onEvent for each event, from the broker's pool.
-class RemoteRunClient : public ZR::ZRModule {
- public:
-  using Receiver = std::function<void(const std::string& event, const ZR::ZRValue& value)>;
-  RemoteRunClient(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name,
-                  Receiver receiver)
-      : ZRModule(broker, name), receiver_(std::move(receiver)) {
-    setModuleDescription("The zr tool: receives the results it prints.");
-    functionName("onEvent", "RunClient", "Receives one event from ZRMemory.", 0);
-    addParam("eventName", "Name of the event.");
-    addParam("value", "Value raised with it.");
-    addParam("subscriberIdentifier", "Name of the subscriber.");
-    bindMethod(&RemoteRunClient::onEvent);
-  }
-  void onEvent(const std::string& eventName, const ZR::ZRValue& value, const std::string&) {
-    receiver_(eventName, value);
-  }
-
- private:
-  Receiver receiver_;
-};
-
-}  // namespace
+namespace {}  // namespace
 
 RemotePipeline::RemotePipeline(const PipelineConfig& config, const DirectoryOptions& directory,
                                Sink sink)
@@ -58,8 +36,8 @@ RemotePipeline::RemotePipeline(const PipelineConfig& config, const DirectoryOpti
     ZR::ZRMemoryProxy memory(broker_);
     for (const std::string& e : extractors_)
       for (const std::string& ev : memory.getExtractorEvent(e)) producerOf_[ev] = e;
-    client_ = ZR::ZRModule::createModule<RemoteRunClient>(
-        broker_, name_,
+    client_ = ZR::ZRModule::createModule<EventClient>(
+        broker_, name_, "RunClient", "The zr tool: receives the results it prints.",
         [this](const std::string& event, const ZR::ZRValue& value) { receive(event, value); });
     device_ = broker_->getProxy(ZR::kAudioDeviceServiceName, 0);
     device_->call<void>("hold");

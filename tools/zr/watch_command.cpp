@@ -18,32 +18,12 @@
 #include <nlohmann/json.hpp>
 
 #include "command.h"
+#include "eventclient.h"
 #include "output.h"
 #include "remote.h"
 
 namespace zr {
 namespace {
-
-/// The watcher's module: ZRMemory calls onEvent for each event, from the broker's pool.
-class WatchClient : public ZR::ZRModule {
- public:
-  using Receiver = std::function<void(const std::string& event, const ZR::ZRValue& value)>;
-  WatchClient(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name, Receiver receiver)
-      : ZRModule(broker, name), receiver_(std::move(receiver)) {
-    setModuleDescription("zr watch: prints the events it receives.");
-    functionName("onEvent", "WatchClient", "Receives one event from ZRMemory.", 0);
-    addParam("eventName", "Name of the event.");
-    addParam("value", "Value raised with it.");
-    addParam("subscriberIdentifier", "Name of the subscriber.");
-    bindMethod(&WatchClient::onEvent);
-  }
-  void onEvent(const std::string& eventName, const ZR::ZRValue& value, const std::string&) {
-    receiver_(eventName, value);
-  }
-
- private:
-  Receiver receiver_;
-};
 
 std::string defaultName() {
   char host[256] = "host";
@@ -114,7 +94,8 @@ int WatchCommand::run() {
     }
     std::fflush(stdout);
   };
-  auto client = ZR::ZRModule::createModule<WatchClient>(broker, name_, print);
+  auto client = ZR::ZRModule::createModule<EventClient>(
+      broker, name_, "WatchClient", "zr watch: prints the events it receives.", print);
   // A producer (or the memory service) that leaves is said at once: its host died or stopped.
   const unsigned long listener =
       broker->session()->connectServiceRemoved([&producers](const std::string& name) {
