@@ -56,6 +56,10 @@ std::vector<std::string> ZRMemoryProxy::getSubscribers(const std::string& eventN
   return proxy_->call<std::vector<std::string>>("getSubscribers", eventName);
 }
 
+int ZRMemoryProxy::getRaisedEventCount(const std::string& eventName) {
+  return proxy_->call<int>("getRaisedEventCount", eventName);
+}
+
 int ZRMemoryProxy::getDroppedEventCount(const std::string& moduleName) {
   return proxy_->call<int>("getDroppedEventCount", moduleName);
 }

@@ -44,6 +44,7 @@ class ZRMemoryProxy {
   std::vector<std::string> getSubscribers(const std::string& eventName);
   /// Events dropped for `moduleName` because it did not keep up, since the service started.
   int getDroppedEventCount(const std::string& moduleName);
+  int getRaisedEventCount(const std::string& eventName);
 
   /// The generic proxy underneath, for methods this class does not wrap.
   const boost::shared_ptr<ZRProxy>& getGenericProxy() const { return proxy_; }

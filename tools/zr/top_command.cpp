@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <map>
 
+#include <zrcommon/zrservicenames.h>
 #include <nlohmann/json.hpp>
 
 #include "command.h"
@@ -55,6 +56,29 @@ class TopCommand : public Command {
   int intervalMs_ = 1000;
   DirectoryOptions directory_;
   std::map<std::string, Clock::time_point> lastSeen_;  // by endpoint
+  // Events an extractor raised, summed over its events, when last read.
+  std::map<std::string, std::pair<long, Clock::time_point>> raised_;
+
+  // Its events per second since the previous reading; null on the first one, or without a
+  // memory service to ask.
+  Json eventRate(DirectoryView& view, const std::string& extractor) {
+    long count = 0;
+    try {
+      for (const std::string& ev :
+           strings(view.call(ZR::kMemoryServiceName, "getExtractorEvent", {extractor})))
+        count += view.call(ZR::kMemoryServiceName, "getRaisedEventCount", {ev}).toInt();
+    } catch (const ZR::ZRError&) {
+      return nullptr;
+    }
+    const auto now = Clock::now();
+    const auto previous = raised_.find(extractor);
+    const bool first = previous == raised_.end();
+    const auto before = first ? std::make_pair(0L, now) : previous->second;
+    raised_[extractor] = {count, now};
+    const double seconds = std::chrono::duration<double>(now - before.second).count();
+    if (first || seconds <= 0) return nullptr;
+    return rounded(static_cast<double>(count - before.first) / seconds);
+  }
 };
 
 std::vector<Json> TopCommand::snapshot(DirectoryView& view) {
@@ -82,8 +106,7 @@ std::vector<Json> TopCommand::snapshot(DirectoryView& view) {
              {"state", subscribers.empty() ? "idle" : "running"},
              {"currentPeriod", view.call(e.name, "getCurrentPeriod").toInt()},
              {"currentPrecision", rounded(view.call(e.name, "getCurrentPrecision").toFloat())},
-             // Not measured yet: the memory service counts no raised events.
-             {"eventsPerSecond", nullptr},
+             {"eventsPerSecond", eventRate(view, e.name)},
              {"subscribers", subscribers}});
       } else if (e.name == "ZRAudioDevice") {
         Json subscribers = Json::array();
@@ -173,6 +196,10 @@ void TopCommand::print(const std::vector<Json>& rows, bool inPlace) {
 int TopCommand::run() {
   DirectoryView view(directory_);
   if (once_) {
+    // Two readings an interval apart, so that the snapshot has event rates.
+    snapshot(view);
+    const timespec interval{intervalMs_ / 1000, (intervalMs_ % 1000) * 1000000L};
+    nanosleep(&interval, nullptr);
     print(snapshot(view), false);
     return 0;
   }

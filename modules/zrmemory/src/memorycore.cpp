@@ -228,7 +228,9 @@ void MemoryCore::raiseEvent(const std::string& event, const ZRValue& value) {
     // discards it) or happens before it is raised.
     std::lock_guard<std::mutex> lock(mutex_);
     data_[event] = value;
-    for (const Subscription& s : events_[event].subscriptions)
+    EventRecord& record = events_[event];
+    ++record.raised;
+    for (const Subscription& s : record.subscriptions)
       line_->push(s.subscriber, PendingEvent{event, value, s.callback}, nullptr, &warnings);
   }
   for (const auto& w : warnings) zrDeliveryWarn(kCategory, "raiseEvent", w);
@@ -255,6 +257,13 @@ std::vector<std::string> MemoryCore::getSubscribers(const std::string& event) {
   if (it != events_.end())
     for (const Subscription& s : it->second.subscriptions) names.push_back(s.subscriber);
   return names;
+}
+
+int MemoryCore::getRaisedEventCount(const std::string& event) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto it = events_.find(event);
+  return it == events_.end() ? 0
+                             : static_cast<int>(std::min<std::int64_t>(it->second.raised, INT_MAX));
 }
 
 int MemoryCore::getDroppedEventCount(const std::string& module) {

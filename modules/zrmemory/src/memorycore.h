@@ -45,6 +45,7 @@ struct Subscription {
 struct EventRecord {
   std::string producer;
   std::vector<Subscription> subscriptions;
+  std::int64_t raised = 0;  // since the service started
 };
 
 /// Whether one subscriber is subscribed to one producer. `serial` is held across the call to
@@ -78,6 +79,7 @@ class MemoryCore : public std::enable_shared_from_this<MemoryCore> {
   std::vector<std::string> getExtractorEvent(const std::string& producer);
   std::vector<std::string> getSubscribers(const std::string& event);
   int getDroppedEventCount(const std::string& module);
+  int getRaisedEventCount(const std::string& event);
 
   int queueCapacity() const { return capacity_; }
   bool waitForDeliveries(std::chrono::milliseconds timeout);

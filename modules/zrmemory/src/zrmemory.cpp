@@ -93,6 +93,11 @@ ZRMemory::ZRMemory(boost::shared_ptr<ZRBroker> broker, const std::string& name, 
   addParam("module", "Name of the subscriber module.");
   setReturn("dropped", "Events dropped for it since the service started.");
   bindMethod(&ZRMemory::getDroppedEventCount);
+
+  functionName("getRaisedEventCount", kClassName, "Gives how many times an event was raised.", 0);
+  addParam("event", "Name of the event.");
+  setReturn("raised", "Times it was raised since the service started; 0 for an unknown event.");
+  bindMethod(&ZRMemory::getRaisedEventCount);
 }
 
 ZRMemory::~ZRMemory() {
@@ -143,6 +148,10 @@ std::vector<std::string> ZRMemory::getExtractorEvent(const std::string& producer
 
 std::vector<std::string> ZRMemory::getSubscribers(const std::string& event) {
   return core_->getSubscribers(event);
+}
+
+int ZRMemory::getRaisedEventCount(const std::string& event) {
+  return core_->getRaisedEventCount(event);
 }
 
 int ZRMemory::getDroppedEventCount(const std::string& module) {

@@ -78,6 +78,9 @@ class ZRMemory : public ZRModule {
   std::vector<std::string> getSubscribers(const std::string& event);
   /// How many events were dropped for `module` since this service started (queue overflow).
   int getDroppedEventCount(const std::string& module);
+  /// Times `event` was raised since the service started (0 for an unknown event): a rate for
+  /// tools, from two readings.
+  int getRaisedEventCount(const std::string& event);
 
   // Host side, not remote.
   int getQueueCapacity() const;

@@ -199,6 +199,7 @@ TEST(ZrNet, HostCallListDescribeTopAndShutdown) {
     EXPECT_EQ(o["state"], "running");
     EXPECT_EQ(o["currentPeriod"], 50);
     EXPECT_EQ(o["currentPrecision"], 0.5);
+    EXPECT_TRUE(o["eventsPerSecond"].is_number()) << l;  // read twice, a second apart
     EXPECT_EQ(o["subscribers"],
               nlohmann::json::parse("[{\"name\":\"fast\",\"period\":50,\"precision\":0.5},"
                                     "{\"name\":\"slow\",\"period\":200,\"precision\":0.25}]"));
@@ -237,11 +238,12 @@ TEST(ZrNet, RunAndWatchAcrossProcesses) {
   };
   EXPECT_EQ(byExtractor(remote.second), byExtractor(local.second));
 
-  Zr watch("watch SoundLevel/Levels VoiceActivity/Segment" + host.dir);
+  // Its first subscription starts the file, which runs at full speed: a second extractor
+  // subscribed a moment later could find it over, so one event is watched.
+  Zr watch("watch SoundLevel/Levels" + host.dir);
   const std::string first = watch.waitFor("\"Levels\"");
   ASSERT_NE(first, "") << watch.seen();
   EXPECT_EQ(nlohmann::json::parse(first)["extractor"], "SoundLevel");
-  EXPECT_NE(watch.waitFor("\"Segment\""), "") << watch.seen();
   EXPECT_EQ(watch.stop(SIGINT), 0);
 
   // The memory's host dies under a watcher: it says so.
