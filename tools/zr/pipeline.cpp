@@ -54,31 +54,37 @@ RunPipeline::RunPipeline(const PipelineConfig& config, const ZR::ZRExtractorRegi
 
   // Subscribing to its events subscribes the tool to each extractor, which starts it (with its
   // default period and precision); the device is held until all of them listen.
-  for (const std::string& e : extractors_) {
+  subscribeClient(*broker_, memory, extractors_, kClientName, config, subscribed_);
+}
+
+void subscribeClient(ZR::ZRBroker& broker, ZR::ZRMemoryProxy& memory,
+                     const std::vector<std::string>& extractors, const std::string& client,
+                     const PipelineConfig& config, std::vector<std::string>& subscribed) {
+  for (const std::string& e : extractors) {
     const std::vector<std::string> events = memory.getExtractorEvent(e);
     if (events.empty())
       std::fprintf(stderr, "zr: %s declares no events: it runs, but has nothing to show\n",
                    e.c_str());
     for (const std::string& ev : events) {
-      memory.subscribeToEvent(ev, kClientName, "onEvent");
-      subscribed_.push_back(ev);
+      memory.subscribeToEvent(ev, client, "onEvent");
+      subscribed.push_back(ev);
     }
-    boost::shared_ptr<ZR::ZRProxy> extractor = broker_->getProxy(e, 0);
+    boost::shared_ptr<ZR::ZRProxy> extractor = broker.getProxy(e, 0);
     if (events.empty()) {
       try {
-        extractor->call<void>("subscribe", kClientName);
+        extractor->call<void>("subscribe", client);
       } catch (const ZR::ZRError&) {
         // An extractor keeps a subscriber whose start failed: a failed start is no subscription.
         try {
-          extractor->call<void>("unsubscribe", kClientName);
+          extractor->call<void>("unsubscribe", client);
         } catch (const ZR::ZRError&) {
           // It did not keep it.
         }
         throw;
       }
     }
-    if (config.period) extractor->call<void>("updatePeriod", kClientName, *config.period);
-    if (config.precision) extractor->call<void>("updatePrecision", kClientName, *config.precision);
+    if (config.period) extractor->call<void>("updatePeriod", client, *config.period);
+    if (config.precision) extractor->call<void>("updatePrecision", client, *config.precision);
   }
 }
 

@@ -13,6 +13,7 @@
 #include <zrcommon/zrbroker.h>
 #include <zrextractors/zrextractorregistry.h>
 #include <zrmemory/zrmemory.h>
+#include <zrproxies/zrmemoryproxy.h>
 
 #include "output.h"
 
@@ -27,6 +28,14 @@ struct PipelineConfig {
   std::optional<int> period;
   std::optional<float> precision;
 };
+
+/// Subscribes `client` to every event of each extractor through the memory service (which
+/// subscribes it to the extractor), or to an extractor without events directly, then gives each
+/// the configured period and precision. The events it subscribed to are added to `subscribed`.
+/// A direct "subscribe" whose start failed is taken back before its ZRError goes on.
+void subscribeClient(ZR::ZRBroker& broker, ZR::ZRMemoryProxy& memory,
+                     const std::vector<std::string>& extractors, const std::string& client,
+                     const PipelineConfig& config, std::vector<std::string>& subscribed);
 
 /// One `zr run`, in process: a broker with "ZRMemory", "ZRAudioDevice", the extractors and the
 /// tool's own client module "zr", which subscribes to every event the extractors declare through

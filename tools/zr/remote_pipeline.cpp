@@ -45,19 +45,7 @@ RemotePipeline::RemotePipeline(const PipelineConfig& config, const DirectoryOpti
     memory.declareEvent(marker_, "");
     subscribeNewModule(memory, marker_, name_, "onEvent");
     subscribed_.push_back(marker_);
-    for (const std::string& e : extractors_) {
-      const std::vector<std::string> events = memory.getExtractorEvent(e);
-      if (events.empty())
-        std::fprintf(stderr, "zr: %s declares no events: it runs, but has nothing to show\n",
-                     e.c_str());
-      for (const std::string& ev : events) {
-        memory.subscribeToEvent(ev, name_, "onEvent");
-        subscribed_.push_back(ev);
-      }
-      boost::shared_ptr<ZR::ZRProxy> extractor = broker_->getProxy(e, 0);
-      if (config.period) extractor->call<void>("updatePeriod", name_, *config.period);
-      if (config.precision) extractor->call<void>("updatePrecision", name_, *config.precision);
-    }
+    subscribeClient(*broker_, memory, extractors_, name_, config, subscribed_);
   } catch (...) {
     unsubscribeAll();
     if (held_) device_->call<void>("release");
