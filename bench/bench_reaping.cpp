@@ -1,9 +1,8 @@
 // Reaping after kill -9: this process serves the directory and hosts "ZRMemory", a live
-// "ZRAudioDevice" and SoundLevel; a client host (tests/pipeline's zr_pipeline_host) subscribes to
-// SoundLevel's levels and is killed with SIGKILL once they flow. Measured: from the kill to
-// SoundLevel's stop hook (its registry empty, its device subscription dropped), 20 runs; p50 and
-// max are counters. The host program is found beside this build's tests, or at
-// $ZR_PIPELINE_HOST.
+// "ZRAudioDevice" and SoundLevel; a client (`zr watch`) subscribes to SoundLevel's levels and is
+// killed with SIGKILL once they flow. Measured: from the kill to SoundLevel's stop hook (its
+// registry empty, its device subscription dropped), 20 runs; p50 and max are counters. The zr
+// program is found in this build's tree, or at $ZR_BINARY.
 #include <benchmark/benchmark.h>
 
 #include <signal.h>
@@ -26,13 +25,13 @@
 
 namespace {
 
-std::string hostProgram() {
-  if (const char* p = std::getenv("ZR_PIPELINE_HOST")) return p;
+std::string zrProgram() {
+  if (const char* p = std::getenv("ZR_BINARY")) return p;
   char self[PATH_MAX];
   const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
   std::string dir(self, static_cast<std::size_t>(std::max<ssize_t>(n, 0)));
   dir = dir.substr(0, dir.rfind('/'));
-  return dir + "/../tests/pipeline/zr_pipeline_host";
+  return dir + "/../tools/zr/zr";
 }
 
 void BM_ReapAfterKill(benchmark::State& state) {
@@ -64,9 +63,9 @@ void BM_ReapAfterKill(benchmark::State& state) {
       vo::LogLevel_Verbose);
   std::vector<double> ms;
   for (auto _ : state) {
-    zrtest::HostProcess client(hostProgram(), {"client", "--directory", broker->endpoint(),
-                                               "--client", "SoundLevel/Levels"});
-    if (client.waitFor("event SoundLevel/Levels").empty()) {
+    zrtest::HostProcess client(zrProgram(), {"watch", "SoundLevel/Levels", "--name", "client",
+                                             "--directory", broker->endpoint()});
+    if (client.waitFor("\"event\":\"Levels\"").empty()) {
       for (const auto& l : client.lines()) std::fprintf(stderr, "client: %s\n", l.c_str());
       state.SkipWithError("the client host did not start");
       break;

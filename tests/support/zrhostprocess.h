@@ -1,8 +1,8 @@
 #pragma once
 
 // Host processes for the multi-process tests: started with fork/exec, their standard input and
-// output on pipes, killed with SIGKILL for real. A test waits for the lines a host prints, each
-// wait bounded by a deadline that only turns a hang into a failure.
+// output (standard error merged into it) on pipes, killed with SIGKILL for real. A test waits for
+// the lines a host prints, each wait bounded by a deadline that only turns a hang into a failure.
 
 #include <fcntl.h>
 #include <poll.h>
@@ -33,6 +33,7 @@ class HostProcess {
     pid_ = fork();
     if (pid_ == 0) {
       dup2(out[1], STDOUT_FILENO);
+      dup2(out[1], STDERR_FILENO);
       dup2(in[0], STDIN_FILENO);
       std::vector<char*> argv{const_cast<char*>(program.c_str())};
       for (auto& a : args) argv.push_back(a.data());
@@ -67,8 +68,11 @@ class HostProcess {
       ssize_t n = 0;
       if (left.count() <= 0 || poll(&p, 1, static_cast<int>(left.count())) <= 0 ||
           (n = read(out_, buffer, sizeof buffer)) <= 0) {
+        std::string last;
+        for (std::size_t i = lines_.size() > 5 ? lines_.size() - 5 : 0; i < lines_.size(); ++i)
+          last += "\n  " + lines_[i];
         hostFailure("no line with \"" + part + "\" within " + std::to_string(limit.count()) +
-                    " ms");
+                    " ms; its last lines:" + last);
         return "";
       }
       partial_.append(buffer, static_cast<std::size_t>(n));
@@ -91,20 +95,17 @@ class HostProcess {
     const std::string s = line + "\n";
     if (write(in_, s.data(), s.size()) != static_cast<ssize_t>(s.size())) hostFailure("write");
   }
-  void kill9() {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-    closeInput();
-  }
-  // Closes its input, so that it shuts down; its exit status.
-  int finish() {
+  void kill9() { stop(SIGKILL); }
+  // Sends it `signal` (0: closes its input instead, so that it shuts down); its exit status.
+  int stop(int signal) {
+    if (signal != 0) kill(pid_, signal);
     closeInput();
     int status = 0;
     waitpid(pid_, &status, 0);
     pid_ = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
   }
+  int finish() { return stop(0); }
 
  private:
   void closeInput() {

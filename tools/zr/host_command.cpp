@@ -86,6 +86,7 @@ class HostCommand : public Command {
     cmd->add_option(
         "--directory", directory_,
         std::string("Directory address (default: ZR_DIRECTORY, else ") + kDefaultDirectory + ").");
+    defineHeartbeat(cmd, heartbeat_);
     cmd->add_option("--log-level", logLevel_,
                     "silent, fatal, error, warning (default), info, verbose or debug.");
     directoryOption_ = cmd->get_option("--directory");
@@ -101,7 +102,7 @@ class HostCommand : public Command {
   std::string name_ = defaultHostName(), listen_ = "tcp://127.0.0.1:0", advertise_, input_;
   std::string curveKeys_, allow_, serverKey_, directory_, logLevel_ = "warning";
   bool serve_ = false, memory_ = false, realtime_ = false, insecure_ = false;
-  int rate_ = 0, channels_ = 0, buffer_ = 0;
+  int rate_ = 0, channels_ = 0, buffer_ = 0, heartbeat_ = 0;
   std::vector<std::string> extractors_, libraries_;
   CLI::Option* device_ = nullptr;
   CLI::Option* directoryOption_ = nullptr;
@@ -176,6 +177,7 @@ int HostCommand::run() {
   where.directoryOption = directoryOption_;
   o.directory = where.address();
   o.serveDirectory = serve_;
+  if (heartbeat_ > 0) o.heartbeat = std::chrono::milliseconds(heartbeat_);
   o.listen = listen_;
   o.advertise = advertise_;
   o.insecure = insecure_;

@@ -128,6 +128,13 @@ void DirectoryOptions::define(CLI::App* cmd) {
   cmd->add_option("--curve-keys", curveKeys, "This program's key pair (NAME.key of zr keygen).");
   cmd->add_option("--server-key", serverKey,
                   "Public key of the directory and hosts (NAME.pub), when they require CURVE.");
+  defineHeartbeat(cmd, heartbeatMs);
+}
+
+void defineHeartbeat(CLI::App* cmd, int& ms) {
+  cmd->add_option("--heartbeat", ms,
+                  "Heartbeat interval in ms (default 250); a peer silent for three is dead.")
+      ->check(CLI::Range(10, 60000));
 }
 
 bool DirectoryOptions::explicitlyGiven() const {
@@ -143,6 +150,7 @@ std::string DirectoryOptions::address() const {
 
 void DirectoryOptions::apply(ZR::ZRBrokerOptions& o) const {
   o.directory = address();
+  if (heartbeatMs > 0) o.heartbeat = std::chrono::milliseconds(heartbeatMs);
   if (!curveKeys.empty()) {
     const KeyPair k = readKeyPair(curveKeys);
     o.curvePublicKey = k.publicKey;

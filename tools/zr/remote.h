@@ -44,15 +44,19 @@ std::vector<std::string> readPublicKeys(const std::string& path);
 
 /// --directory, --curve-keys and --server-key, and the rule that picks the address: the option,
 /// else ZR_DIRECTORY, else kDefaultDirectory.
+/// --heartbeat MS, for every subcommand that joins a network.
+void defineHeartbeat(CLI::App* cmd, int& ms);
+
 struct DirectoryOptions {
   std::string directory, curveKeys, serverKey;
+  int heartbeatMs = 0;  // 0: the broker's default
   CLI::Option* directoryOption = nullptr;
 
   void define(CLI::App* cmd);
   /// True when --directory was given or ZR_DIRECTORY is set.
   bool explicitlyGiven() const;
   std::string address() const;
-  /// Fills the directory and key fields of `o` (the client side: no allow-list).
+  /// Fills the directory, heartbeat and key fields of `o` (the client side: no allow-list).
   void apply(ZR::ZRBrokerOptions& o) const;
 };
 

@@ -1,9 +1,15 @@
 // Test doubles for zr: a type whose constructor throws what is no std::exception, an entry point
-// that does the same when ZR_TEST_THROW_AT_LOAD is set, and an extractor that publishes the
-// precision it runs with.
+// that does the same when ZR_TEST_THROW_AT_LOAD is set, an extractor that publishes the
+// precision it runs with, and two sinks for the device's buffers ("Fast", and "Slow" which holds
+// its first buffer until its "release" is called), each printing "buffer NAME N" per buffer.
 
+#include <cstdio>
 #include <cstdlib>
+#include <future>
 
+#include <mutex>
+
+#include <zrcommon/zrmodule.h>
 #include <zrextractors/zrextractorregistry.h>
 #include <zrextractors/zrrecord.h>
 #include <zrproxies/zrmemoryproxy.h>
@@ -23,8 +29,45 @@ class PrecisionProbe : public ZR::ZRSoundExtractor {
   }
 };
 
+class Sink : public ZR::ZRModule {
+ public:
+  Sink(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name, bool slow)
+      : ZRModule(broker, name), slow_(slow), gate_(release_.get_future().share()) {
+    functionName("processRemote", "Sink", "Receives one buffer.", 0);
+    addParam("nbOfChannels", "Channels.");
+    addParam("nbOfSamplesByChannel", "Samples per channel.");
+    addParam("timestamp", "Timestamp.");
+    addParam("buffer", "Samples.");
+    bindMethod(&Sink::processRemote);
+    functionName("release", "Sink", "Lets the held buffer go.", 0);
+    bindMethod(&Sink::release);
+  }
+  ~Sink() override { release(); }
+  void processRemote(const int&, const int&, const ZR::ZRValue&, const ZR::ZRValue&) {
+    // One buffer at a time: the device delivers in order.
+    std::printf("buffer %s %d\n", getName().c_str(), ++count_);
+    std::fflush(stdout);
+    if (slow_) gate_.wait();
+  }
+  void release() {
+    std::call_once(released_, [this] { release_.set_value(); });
+  }
+
+ private:
+  const bool slow_;
+  std::promise<void> release_;
+  std::shared_future<void> gate_;
+  std::once_flag released_;
+  int count_ = 0;
+};
+
 ZR_EXTRACTOR_PLUGIN(registry) {
   if (std::getenv("ZR_TEST_THROW_AT_LOAD")) throw 42;
   registry.add("Thrower", [](auto, auto) -> boost::shared_ptr<ZR::ZRModuleCore> { throw 42; });
   registry.add<PrecisionProbe>("PrecisionProbe");
+  for (const bool slow : {false, true})
+    registry.add(slow ? "Slow" : "Fast", [slow](auto broker, const std::string& name) {
+      return boost::shared_ptr<ZR::ZRModuleCore>(
+          ZR::ZRModule::createModule<Sink>(broker, name, slow));
+    });
 }
