@@ -23,6 +23,12 @@ namespace {
 
 const std::string kZr = ZR_BINARY, kRun = "timeout 60 " + kZr, kSample = ZR_SAMPLE;
 const std::string kTemp = ::testing::TempDir() + "zr_net_" + std::to_string(getpid()) + "_";
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+// Sanitized processes on a loaded machine can stay silent for 3 heartbeats of 250 ms alive.
+const std::string kBeat = " --heartbeat 1000";
+#else
+const std::string kBeat = "";
+#endif
 // Turns a hang into a failure; never a pace.
 constexpr std::chrono::seconds kLimit{60};
 
@@ -55,11 +61,11 @@ struct Host : Zr {
   Host(const std::string& modules, const std::string& name = "testhost",
        const std::string& join = "")
       : Zr("host --name " + name + " " + modules +
-           (join.empty() ? " --serve-directory --directory tcp://127.0.0.1:0" : join)),
+           (join.empty() ? " --serve-directory --directory tcp://127.0.0.1:0" + kBeat : join)),
         dir(join) {
     if (join.empty()) {
       const std::string line = waitFor("serves the directory at ");
-      dir = " --directory " + line.substr(line.rfind(' ') + 1);
+      dir = " --directory " + line.substr(line.rfind(' ') + 1) + kBeat;
     }
     waitFor("serving", kLimit);
   }
