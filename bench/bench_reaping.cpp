@@ -39,9 +39,6 @@ void BM_ReapAfterKill(benchmark::State& state) {
   ZR::ZRBrokerOptions o;
   o.directory = "tcp://127.0.0.1:0";
   o.serveDirectory = true;
-  // The directory's syncs from the other hosts wait on this pool; with 2 threads they could hold
-  // up the memory service waiting for the client's name.
-  o.threads = 4;
   auto broker = ZR::ZRBroker::createBroker("bench", o);
   auto memory = ZR::ZRModule::createModule<ZR::ZRMemory>(broker, "ZRMemory");
   ZR::ZRAudioDeviceOptions d = ZR::ZRAudioDeviceOptions::fromInput("tone:440");
@@ -63,8 +60,11 @@ void BM_ReapAfterKill(benchmark::State& state) {
       vo::LogLevel_Verbose);
   std::vector<double> ms;
   for (auto _ : state) {
-    zrtest::HostProcess client(zrProgram(), {"watch", "SoundLevel/Levels", "--name", "client",
-                                             "--directory", broker->endpoint()});
+    // A name of its own each time: the directory keeps a killed client's name until its lease
+    // runs out, which may come after the reaping.
+    zrtest::HostProcess client(
+        zrProgram(), {"watch", "SoundLevel/Levels", "--name", "client" + std::to_string(ms.size()),
+                      "--directory", broker->endpoint()});
     if (client.waitFor("\"event\":\"Levels\"").empty()) {
       for (const auto& l : client.lines()) std::fprintf(stderr, "client: %s\n", l.c_str());
       state.SkipWithError("the client host did not start");

@@ -232,7 +232,11 @@ void ZRBroker::startNetwork(const ZRBrokerOptions& options) {
   t.curvePublicKey = options.curvePublicKey;
   t.curveSecretKey = options.curveSecretKey;
   t.allowedClientKeys = options.allowedClientKeys;
-  if (options.serveDirectory) impl->directoryServer.reset(new ZRDirectoryServer(options.heartbeat));
+  if (options.serveDirectory) {
+    impl->directoryServer.reset(new ZRDirectoryServer(options.heartbeat));
+    // A module of this host waiting for a name must not keep the directory from publishing it.
+    t.answeredOnIoThread.insert(ZRDirectoryServer::kModuleName);
+  }
   // Calls from other hosts: the directory's, or a module's through an in-process proxy, so that
   // they raise exactly the errors the same call raises here.
   auto handler = [impl](const ZRIncomingCall& c) -> ZRValue {

@@ -92,10 +92,12 @@ struct InProcess {
 // Two brokers in a network: the host serves the directory and holds the modules; the caller
 // reaches them through the transport.
 struct Remote {
+  static constexpr int kHostThreads = 2;
   static ZR::ZRBrokerOptions directory() {
     ZR::ZRBrokerOptions o;
     o.directory = "tcp://127.0.0.1:0";
     o.serveDirectory = true;
+    o.threads = kHostThreads;
     return o;
   }
   boost::shared_ptr<ZR::ZRBroker> host = ZR::ZRBroker::createBroker("hostA", directory());
@@ -233,9 +235,22 @@ TEST_F(RemoteProxy, DeadlinesNamesOfOtherHostsAndShutdown) {
       errorOf([&] { ZR::ZRModule::createModule<Shapes>(b.caller, "Shapes"); });
   EXPECT_THAT(taken.getDescription(), HasSubstr("hostA"));
   EXPECT_TRUE(p->isValid());
-  // Names published by the caller reach the host.
+  // Names published by the caller reach the host, even while every thread of the host's pool
+  // waits (for that very name, say): the directory answers off the pool.
+  std::promise<void> go;
+  std::shared_future<void> gate = go.get_future().share();
+  zrtest::Signal blocked;
+  for (int i = 0; i < Remote::kHostThreads; ++i)
+    b.host->post([&blocked, gate] {
+      blocked.notify();
+      gate.wait();
+    });
+  ASSERT_TRUE(blocked.waitFor(Remote::kHostThreads));
   ZR::ZRModule::createModule<Shapes>(b.caller, "Other");
-  b.host->session()->waitForService("Other").wait();
+  EXPECT_EQ(b.host->session()->waitForService("Other").async().wait(
+                static_cast<int>(zrtest::kWaitLimit.count() * 1000)),
+            vo::FutureState::FinishedWithValue);
+  go.set_value();
   EXPECT_EQ(b.host->getProxy("Other")->call<int>("scale", 2), 4);
 
   // The host shuts down: its names leave the caller's directory, calls fail.

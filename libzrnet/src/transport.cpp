@@ -592,6 +592,7 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
         self->sendToRemote(identity, std::move(frames));
       });
     };
+    if (options.answeredOnIoThread.count(call->module)) return job();
     // A fan-out (no module) is ordered within its stream only: a slow stream holds up no other.
     enqueue(identity + '\0' + call->module + (call->module.empty() ? '\0' + call->stream : ""),
             std::move(job));

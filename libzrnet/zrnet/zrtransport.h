@@ -6,6 +6,7 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -27,6 +28,10 @@ struct ZRTransportOptions {
   std::chrono::milliseconds heartbeat{250};
   /// Larger incoming messages are refused.
   std::size_t maxMessageSize = 64u << 20;
+  /// Modules whose calls are answered on the I/O thread, not on the executor. Only for handlers
+  /// that return at once and never wait (the directory): the executor's tasks may be waiting for
+  /// the very names such a module publishes.
+  std::set<std::string> answeredOnIoThread;
 
   // Security. Listening beyond loopback needs CURVE keys or `insecure`.
   /// Listen beyond loopback without encryption or authentication (logs a warning at start).
@@ -62,11 +67,11 @@ struct ZRCallOptions {
 /// them to this host's modules.
 ///
 /// One I/O thread owns every socket. Incoming calls run on the executor the host gives, never
-/// on the I/O thread; calls from one connection to one module run one after another, in order.
-/// Every member function may be called from any thread at the same time. call() blocks until
-/// the result, an error, the deadline, or the death of the callee (about 3 heartbeats); the
-/// destructor returns once the I/O thread is gone (it waits for no call in flight, and fails
-/// them).
+/// on the I/O thread (but those of ZRTransportOptions::answeredOnIoThread); calls from one
+/// connection to one module run one after another, in order. Every member function may be called
+/// from any thread at the same time. call() blocks until the result, an error, the deadline, or the
+/// death of the callee (about 3 heartbeats); the destructor returns once the I/O thread is gone (it
+/// waits for no call in flight, and fails them).
 class ZRTransport {
  public:
   /// Runs a task somewhere other than the I/O thread (the broker's pool).

@@ -97,7 +97,9 @@ TEST_F(Net, KilledClientsAndExtractorHostsAreReaped) {
   EXPECT_EQ(subscribersOf("SoundLevel"), Strings{});
   EXPECT_EQ(deviceSubscribers(), Strings{});
 
-  // Back under its name, it subscribes afresh; then the extractor host goes.
+  // Back under its name (once the directory's lease on it ran out, which may come after the
+  // reaping), it subscribes afresh; then the extractor host goes.
+  EXPECT_TRUE(zrtest::eventually([&] { return !broker->session()->hasService("Client"); }));
   client = watch();
   EXPECT_EQ(subscribersOf("SoundLevel"), Strings{"Client"});
   extractors->kill9();
