@@ -113,6 +113,8 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
   std::map<std::string, std::string> serverKeys;  // by endpoint; shared: under `mutex`
   std::deque<Frames> routerOutbox;                // identity frame first
   std::map<std::string, std::unique_ptr<Peer>> peers;
+  // Endpoints found dead whose peer-lost listener has not returned yet.
+  std::set<std::string> unreported;
   std::map<std::string, Remote> remotes;
   // Credits granted since the last flush, by connection and stream: one message for them all.
   std::map<std::pair<std::string, std::string>, std::uint32_t> credits;
@@ -285,6 +287,13 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
           std::make_exception_ptr(ZRError(m.module, m.method, "the host is shutting down")));
       return;
     }
+    // Callers that still route names to a host found dead (the listener has yet to tell them)
+    // must not connect to it again and wait out a dead host's connection time once more.
+    if (unreported.count(endpoint)) {
+      promise->set_exception(
+          std::make_exception_ptr(ZRError(m.module, m.method, kModuleDestroyed)));
+      return;
+    }
     Peer& peer = peerFor(endpoint);
     m.id = nextId++;
     m.seq = nextSeq++;
@@ -384,7 +393,14 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
       std::lock_guard<std::mutex> lock(mutex);
       listener = peerLost;
     }
-    if (listener) executor([listener, endpoint] { listener(endpoint); });
+    if (!listener) return;
+    unreported.insert(endpoint);
+    std::weak_ptr<Impl> weak = shared_from_this();
+    executor([weak, listener, endpoint] {
+      listener(endpoint);
+      if (auto self = weak.lock())
+        self->post([self, endpoint] { self->unreported.erase(endpoint); });
+    });
   }
 
   void receiveFromPeer(Peer& peer) {

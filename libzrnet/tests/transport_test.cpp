@@ -203,10 +203,17 @@ Message helloFrom(const std::string& host) {
 }
 
 TEST(Transport, ABusyCalleeThatPingsLivesAndASilentOneDies) {
-  std::promise<std::string> lost;
+  zrtest::Signal lost;
+  std::string lostEndpoint;
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
   Pool pool;
   ZRTransport caller(options("A", ""), noCalls(), pool.executor());
-  caller.setPeerLostListener([&](const std::string& e) { lost.set_value(e); });
+  caller.setPeerLostListener([&, released](const std::string& e) {
+    lostEndpoint = e;
+    lost.notify();
+    released.wait();
+  });
   RawCallee raw;
   auto f = caller.callAsync(raw.endpoint, "M", "slow", {});
   std::string id;
@@ -234,8 +241,23 @@ TEST(Transport, ABusyCalleeThatPingsLivesAndASilentOneDies) {
   // Now silent: the next call fails, and the host is reported lost.
   auto g = caller.callAsync(raw.endpoint, "M", "again", {});
   EXPECT_EQ(describe(errorOfFuture(g)), "M|again|module destroyed");
-  auto lostEndpoint = lost.get_future();
-  EXPECT_EQ(ready(lostEndpoint), raw.endpoint);
+  ASSERT_TRUE(lost.waitFor(1));
+  EXPECT_EQ(lostEndpoint, raw.endpoint);
+  // Until the listener has returned, a call there fails at once, connecting to nothing.
+  auto late = caller.callAsync(raw.endpoint, "M", "late", {});
+  EXPECT_EQ(describe(errorOfFuture(late)), "M|late|module destroyed");
+  release.set_value();
+  pool.pool.join();  // the listener returned, and said so to the transport
+  // Then the endpoint is called afresh: one new connection (after what the old one left).
+  auto fresh = caller.callAsync(raw.endpoint, "M", "fresh", {});
+  int hellos = 0;
+  for (Message m = raw.receive(id); m.type != MsgType::Call || m.method != "fresh";
+       m = raw.receive(id)) {
+    if (m.type != MsgType::Hello) continue;
+    ++hellos;
+    raw.send(id, encode(helloFrom("raw")));
+  }
+  EXPECT_EQ(hellos, 1);
 }
 
 Frames withVersion(Frames frames, std::uint8_t version) {
