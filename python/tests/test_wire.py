@@ -1,6 +1,5 @@
 """The codec against the document's golden bytes, both ways, and the rules a receiver enforces."""
 
-import msgpack
 import pytest
 
 import zr

@@ -136,10 +136,10 @@ class _Method:
 
 
 def _kind_of(v):
-    if v is None:
-        return "invalid"
-    for t, n in ((bool, "bool"), (int, "int"), (float, "float"), (str, "string"),
-                 (memoryview, "binary"), (list, "array")):
+    # The type names C++ hosts use in the same error.
+    if isinstance(v, list):
+        return "list of strings" if all(isinstance(x, str) for x in v) else "ZRValue"
+    for t, n in ((bool, "bool"), (int, "int"), (float, "float"), (str, "string")):
         if isinstance(v, t):
             return n
     return "ZRValue"
@@ -642,12 +642,12 @@ class Client:
                 if now - peer.opened > max(2.0, 3 * self.heartbeat):
                     self._drop_out(peer, MODULE_DESTROYED)
                     continue
-            elif now - peer.last_heard > 3 * max(peer.heartbeat or self.heartbeat, 0.001):
+            elif now - peer.last_heard > 3 * max(peer.heartbeat, self.heartbeat):
                 self._drop_out(peer, MODULE_DESTROYED)
                 continue
             self._send(peer.sock, ping)
         for ident, p in list(self._in.items()):
-            if now - p.last_heard > 3 * (p.heartbeat or self.heartbeat):
+            if now - p.last_heard > 3 * max(p.heartbeat or 0, self.heartbeat):
                 del self._in[ident]
             else:
                 self._send(self._router, [ident] + ping)
@@ -782,7 +782,7 @@ class Client:
         if module is None:
             self._send(self._router, [ident] + w.message(w.ERROR, {
                 "id": call_id, "module": module_name, "method": method_name,
-                "description": "no module called \"%s\" on this host" % module_name}))
+                "description": MODULE_DESTROYED}))  # as C++ hosts answer
             return
         args = m.body
 
