@@ -32,6 +32,14 @@ def wait_until(condition, timeout=STARTUP, what="a condition"):
             raise AssertionError("timed out waiting for " + what)
 
 
+def wait_heartbeats(client, n):
+    """Waits until the client's I/O thread has done `n` more heartbeat rounds (each one syncs
+    the directory): a span of time measured in the client's own beats, not by a clock."""
+    with client._names_lock:
+        target = client._sync_count + n
+        assert client._synced.wait_for(lambda: client._sync_count >= target, STARTUP)
+
+
 def _free_port():
     with socket.socket() as s:
         s.bind(("127.0.0.1", 0))
@@ -39,13 +47,15 @@ def _free_port():
 
 
 class Host:
-    """A `zr host` serving its own directory; ready once it logged that it serves."""
+    """A `zr host` serving its own directory, or joining the one of another (`join`); ready once
+    it logged that it serves."""
 
-    def __init__(self, *args):
+    def __init__(self, *args, join=None):
         for _attempt in range(5):  # the free port may be taken between probe and bind
-            self.directory = "tcp://127.0.0.1:%d" % _free_port()
+            self.directory = join or "tcp://127.0.0.1:%d" % _free_port()
+            serve = [] if join else ["--serve-directory"]
             self.proc = subprocess.Popen(
-                [ZR_BINARY, "host", "--serve-directory", "--directory", self.directory, *args],
+                [ZR_BINARY, "host", *serve, "--directory", self.directory, *args],
                 stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
                 text=True)
             self.lines = []
@@ -89,8 +99,8 @@ class Host:
 def start_host():
     hosts = []
 
-    def start(*args):
-        h = Host(*args)
+    def start(*args, join=None):
+        h = Host(*args, join=join)
         hosts.append(h)
         return h
 

@@ -10,7 +10,7 @@ import pytest
 import zmq
 
 import zr
-from conftest import SAMPLE, wait_until, zr_tool
+from conftest import SAMPLE, wait_heartbeats, wait_until, zr_tool
 
 
 def fields(err):
@@ -145,9 +145,13 @@ def test_python_module_called_and_described_by_zr(start_host):
 
 
 def test_event_stream_from_a_running_pipeline(start_host):
-    host = start_host("--memory", "--device", SAMPLE, "-e", "SoundLevel")
-    c = zr.connect(host.directory)
-    level = c.proxy("SoundLevel")
+    # The memory on another host than the directory: it learns of names a sync later.
+    directory = start_host().directory
+    start_host("--memory", "--device", SAMPLE, "-e", "SoundLevel", join=directory)
+    observer = zr.connect(directory)
+    wait_until(lambda: "SoundLevel" in {m["name"] for m in observer.list()}, what="SoundLevel")
+    memory, level = observer.proxy("ZRMemory"), observer.proxy("SoundLevel")
+    c = zr.connect(directory)
     got, enough, threads = [], threading.Event(), set()
 
     def on_levels(event, value):
@@ -156,7 +160,7 @@ def test_event_stream_from_a_running_pipeline(start_host):
         if len(got) >= 20:
             enough.set()
 
-    c.watch("SoundLevel/Levels", on_levels)
+    watch = c.watch("SoundLevel/Levels", on_levels)
     assert c.name in json.dumps(level.getSubscribersInfo())
     assert enough.wait(120), "events stopped after %d" % len(got)
     times = [v["time"] for _, v in got[:20]]
@@ -165,11 +169,33 @@ def test_event_stream_from_a_running_pipeline(start_host):
         assert event == "SoundLevel/Levels"
         assert len(v["rms"]) == len(v["peak"]) == 1 and v["rms"][0] <= v["peak"][0] <= 0.0
     assert "zr-io" not in threads
+    # The handle unsubscribes while the client lives on: the extractor stops.
+    watch.close()
+    assert c.name not in memory.getSubscribers("SoundLevel/Levels")
+    wait_until(lambda: level.getSubscribersInfo() == [], what="SoundLevel to stop")
+    # Closing the client unsubscribes at once, before the hosts could reap it.
+    c.watch("SoundLevel/Levels", lambda *a: None)
+    assert c.name in memory.getSubscribers("SoundLevel/Levels")
     c.close()
-    # Closing unsubscribed: the extractor has no subscriber left, so it stops.
-    with zr.connect(host.directory) as other:
-        wait_until(lambda: other.proxy("SoundLevel").getSubscribersInfo() == [],
-                   what="SoundLevel to lose its subscriber")
+    assert c.name not in memory.getSubscribers("SoundLevel/Levels")
+    wait_until(lambda: level.getSubscribersInfo() == [], what="SoundLevel to stop")
+    observer.close()
+
+
+def test_pings_keep_a_waiting_caller(start_host):
+    """A hosted method that answers only after many heartbeats: the C++ caller (zr call) keeps
+    waiting because the client pings it meanwhile, instead of finding it dead."""
+    host = start_host()
+    with zr.connect(host.directory) as c:
+        class Slow:
+            def answer(self) -> str:
+                """Answers after 8 heartbeats of the client."""
+                wait_heartbeats(c, 8)
+                return "late"
+
+        c.host("PySlow", Slow())
+        r = zr_tool("call", "PySlow", "answer", directory=host.directory)
+        assert (r.returncode, r.stdout.strip(), r.stderr.strip()) == (0, '"late"', "")
 
 
 def test_killed_host_raises_module_destroyed(start_host):
