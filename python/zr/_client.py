@@ -567,7 +567,9 @@ class Client:
         try:
             sock.send_multipart(frames, zmq.NOBLOCK, copy=False)
         except zmq.Again:
-            log.warning("zr: a peer does not keep up, a message to it was dropped")
+            # No connection (yet, or a refused handshake) or a full queue: the message is lost;
+            # a call lost so fails as its peer does, when no hello comes back.
+            log.debug("zr: a peer does not take messages now, one was dropped")
         except zmq.ZMQError as e:
             log.warning("zr: send failed: %s", e)
 
