@@ -273,6 +273,7 @@ class Client:
         self._event_client = None
         self._watches = {}      # event -> [callbacks]
         self._watch_lock = threading.Lock()
+        self._callback_failures = {}  # event -> (time of the last report, failures held back)
         self._closed = False
         self._thread = threading.Thread(target=self._run, name="zr-io", daemon=True)
         self._thread.start()
@@ -479,7 +480,16 @@ class Client:
             try:
                 cb(event, value)
             except Exception:
-                log.exception("zr: a watch callback of %s failed", event)
+                # A callback failing on every event would bury everything else: one report a
+                # second per event, with how many were held back.
+                now = _now()
+                last, held = self._callback_failures.get(event, (None, 0))
+                if last is not None and now - last < 1.0:
+                    self._callback_failures[event] = (last, held + 1)
+                    continue
+                self._callback_failures[event] = (now, 0)
+                log.exception("zr: a watch callback of %s failed (%d failures held back)",
+                              event, held)
 
     def _unwatch(self, event, callback):
         with self._watch_lock:
