@@ -121,7 +121,9 @@ def test_python_module_called_and_described_by_zr(start_host):
                 (["call", "PyCalc", "fail"], 1, "", "Samples::fail: on purpose"),
                 (["call", "PyCalc", "rotate"], 1, "",
                  "PyCalc::rotate: no method \"rotate\" on this module"),
-                (["call", "PyCalc", "ping"], 0, "true", "")]
+                (["call", "PyCalc", "ping"], 0, "true", ""),
+                (["call", "PyCalc", "version"], 0,
+                 '"%s"' % zr_tool("--version", directory=host.directory).stdout.split()[-1], "")]
         for args, code, out, err in runs:
             r = zr_tool(*args, directory=host.directory)
             assert (r.returncode, r.stdout.strip(), r.stderr.strip()) == (code, out, err), args

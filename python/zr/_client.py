@@ -22,6 +22,7 @@ DEFAULT_DIRECTORY = "tcp://127.0.0.1:7470"
 DIRECTORY_MODULE = "ZRDirectory"
 MEMORY_MODULE = "ZRMemory"
 MODULE_DESTROYED = "module destroyed"
+# The platform's version, as `zr --version` gives it (the tests hold the two together).
 PLATFORM_VERSION = "0.1.0"
 # How long a name just published may take to reach the memory service's host.
 DIRECTORY_WAIT = 3.0
