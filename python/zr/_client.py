@@ -251,6 +251,7 @@ class Client:
         self._poller = zmq.Poller()
         self._wake_r, self._wake_w = os.pipe()
         os.set_blocking(self._wake_r, False)
+        os.set_blocking(self._wake_w, False)  # a full pipe already wakes the I/O thread
         self._poller.register(self._wake_r, zmq.POLLIN)
         self._commands = queue.SimpleQueue()
         self._out = {}          # endpoint -> _OutPeer
