@@ -60,11 +60,8 @@ void BM_ReapAfterKill(benchmark::State& state) {
       vo::LogLevel_Verbose);
   std::vector<double> ms;
   for (auto _ : state) {
-    // A name of its own each time: the directory keeps a killed client's name until its lease
-    // runs out, which may come after the reaping.
-    zrtest::HostProcess client(
-        zrProgram(), {"watch", "SoundLevel/Levels", "--name", "client" + std::to_string(ms.size()),
-                      "--directory", broker->endpoint()});
+    zrtest::HostProcess client(zrProgram(), {"watch", "SoundLevel/Levels", "--name", "client",
+                                             "--directory", broker->endpoint()});
     if (client.waitFor("\"event\":\"Levels\"").empty()) {
       for (const auto& l : client.lines()) std::fprintf(stderr, "client: %s\n", l.c_str());
       state.SkipWithError("the client host did not start");

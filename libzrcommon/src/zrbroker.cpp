@@ -138,6 +138,7 @@ struct ZRBroker::Impl {
   std::unique_ptr<ZRDirectoryServer> directoryServer;
   std::shared_ptr<ZRTransport> transport;
   std::unique_ptr<ZRDirectoryClient> directoryClient;
+  std::chrono::milliseconds heartbeat{0};
   // Streams this host sends, by stream name, told of credits and of their host's death.
   std::mutex streamsMutex;
   std::map<std::string, std::weak_ptr<detail::ZRStreamSender>> streams;
@@ -227,6 +228,7 @@ void ZRBroker::startNetwork(const ZRBrokerOptions& options) {
   t.listen = options.serveDirectory ? options.directory : options.listen;
   t.advertise = options.advertise;
   t.heartbeat = options.heartbeat;
+  impl->heartbeat = options.heartbeat;
   t.maxMessageSize = options.maxMessageSize;
   t.insecure = options.insecure;
   t.curvePublicKey = options.curvePublicKey;
@@ -349,15 +351,38 @@ bool ZRBroker::hasModule(const std::string& moduleName) const {
 
 void ZRBroker::registerModule(const boost::shared_ptr<ZRModuleCore>& module) {
   if (!module) throw ZRError("ZRBroker", "registerModule", "cannot register a null module");
-  std::lock_guard<std::mutex> lock(impl_->mutex);
-  if (impl_->shutdown) {
-    throw ZRError(module->getName(), "registerModule",
-                  "broker \"" + impl_->name + "\" is shut down");
+  const std::string& name = module->getName();
+  // A name another host holds may be that of a process killed a moment ago, whose lease at the
+  // directory has not run out: a process started again at once (by a supervisor, say) gets its
+  // names back once it has. A holder that lives on still refuses it, some heartbeats later.
+  const auto until = std::chrono::steady_clock::now() + 6 * impl_->heartbeat;
+  for (bool waited = false;; waited = true) {
+    std::string heldBy;
+    {
+      std::lock_guard<std::mutex> lock(impl_->mutex);
+      if (impl_->shutdown)
+        throw ZRError(name, "registerModule", "broker \"" + impl_->name + "\" is shut down");
+      // The session refuses a name that is taken, before the broker takes any ownership.
+      module->seal();
+      try {
+        impl_->session->registerService(name, boost::weak_ptr<vo::DynamicObject>(module));
+        impl_->modules.push_back(module);
+        return;
+      } catch (const ZRError& e) {
+        const bool elsewhere =
+            impl_->session->remoteService(name).has_value() ||
+            e.getDescription().find("already published by host") != std::string::npos;
+        if (!impl_->directoryClient || !elsewhere || std::chrono::steady_clock::now() >= until)
+          throw;
+        heldBy = e.what();
+      }
+    }
+    if (!waited)
+      vo::log::LogStream(vo::LogLevel_Info, "", "registerModule", kCategory, 0)
+          << "\"" << name << "\" is still held by another host (" << heldBy
+          << "); waiting for it to be released, in case that host is gone" << std::endl;
+    std::this_thread::sleep_for(impl_->heartbeat);
   }
-  // The session refuses a name that is taken, before the broker takes any ownership.
-  module->seal();
-  impl_->session->registerService(module->getName(), boost::weak_ptr<vo::DynamicObject>(module));
-  impl_->modules.push_back(module);
 }
 
 bool ZRBroker::removeModule(const std::string& moduleName) {
