@@ -109,7 +109,8 @@ class ZRTransport {
   void send(const std::string& endpoint, const std::string& module, const std::string& method,
             std::vector<ZRValue> args, const std::string& stream = "");
 
-  /// Called on the executor with the endpoint of every called host found dead.
+  /// Called on the executor with the endpoint of every called host found dead. Until it returns,
+  /// calls to that endpoint fail at once with "module destroyed".
   void setPeerLostListener(PeerListener listener);
 
   /// Receiver of a stream: allows the sender on `connection` (ZRIncomingCall::connection)
