@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace zrtest {
@@ -23,6 +24,17 @@ namespace zrtest {
 inline void (*hostFailure)(const std::string& message) = [](const std::string& message) {
   std::fprintf(stderr, "%s\n", message.c_str());
 };
+
+// Runs a shell command to its end: its exit status and standard output (with standard error
+// when asked).
+inline std::pair<int, std::string> shell(const std::string& command, bool withStderr = false) {
+  FILE* p = popen(("{ " + command + "; }" + (withStderr ? " 2>&1" : " 2>/dev/null")).c_str(), "r");
+  std::string out;
+  char buf[4096];
+  while (std::size_t n = std::fread(buf, 1, sizeof buf, p)) out.append(buf, n);
+  const int status = pclose(p);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
+}
 
 class HostProcess {
  public:

@@ -12,6 +12,8 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+
+#include <zrhostprocess.h>
 #include <nlohmann/json.hpp>
 
 #include "progress.h"
@@ -21,15 +23,7 @@ namespace {
 const std::string kZr = ZR_BINARY, kSample = ZR_SAMPLE, kDoubles = ZR_TEST_DOUBLES;
 const std::string kTemp = ::testing::TempDir() + "zr_cli_" + std::to_string(getpid()) + "_";
 
-// Runs a shell command: its exit status and standard output (with standard error when asked).
-std::pair<int, std::string> sh(const std::string& command, bool withStderr = false) {
-  FILE* p = popen(("{ " + command + "; }" + (withStderr ? " 2>&1" : " 2>/dev/null")).c_str(), "r");
-  std::string out;
-  char buf[4096];
-  while (std::size_t n = std::fread(buf, 1, sizeof buf, p)) out.append(buf, n);
-  const int status = pclose(p);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
-}
+using zrtest::shell;
 
 std::vector<std::string> lines(const std::string& text) {
   std::vector<std::string> out;
@@ -61,7 +55,7 @@ std::string readFile(const std::string& path) {
 }  // namespace
 
 TEST(ZrRun, JsonLinesAndCsvCarryLevelsAndSegments) {
-  const auto [status, out] = sh(kZr + " run " + kSample + " --format jsonl");
+  const auto [status, out] = shell(kZr + " run " + kSample + " --format jsonl");
   ASSERT_EQ(status, 0) << out;
   int windows = 0, segments = 0;
   double lastTime = -1.0;
@@ -79,7 +73,8 @@ TEST(ZrRun, JsonLinesAndCsvCarryLevelsAndSegments) {
   EXPECT_NEAR(lastTime, 10.1, 1e-6);
   EXPECT_EQ(segments, 3);
 
-  const auto csv = sh(kZr + " run " + kSample + " --format csv --period 500 -e SoundLevel").second;
+  const auto csv =
+      shell(kZr + " run " + kSample + " --format csv --period 500 -e SoundLevel").second;
   const auto rows = lines(csv);
   EXPECT_EQ(rows.at(0), "extractor,event,time,channel,rms,peak,start,end,value");
   for (const std::string& row : rows) EXPECT_EQ(std::count(row.begin(), row.end(), ','), 8) << row;
@@ -90,18 +85,19 @@ TEST(ZrRun, OutputFileAndPlotsWhateverTheNames) {
   // Names that a shell or gnuplot would run commands from: nothing may run, the plot is drawn.
   const std::string dir = kTemp + "plotdir", name = "`touch ran1`$(touch ran2)\"'.wav",
                     png = "`touch ran3`'.png";
-  ASSERT_EQ(sh("mkdir -p " + dir + " && cp " + kSample + " " + quoted(dir + "/" + name)).first, 0);
-  const auto [status, out] = sh("cd " + dir + " && " + kZr + " run " + quoted(name) +
-                                    " -f jsonl -o out.jsonl --plot " + quoted(png),
-                                true);
+  ASSERT_EQ(shell("mkdir -p " + dir + " && cp " + kSample + " " + quoted(dir + "/" + name)).first,
+            0);
+  const auto [status, out] = shell("cd " + dir + " && " + kZr + " run " + quoted(name) +
+                                       " -f jsonl -o out.jsonl --plot " + quoted(png),
+                                   true);
   ASSERT_EQ(status, 0) << out;
   EXPECT_EQ(count(readFile(dir + "/out.jsonl"), "\"Levels\""), 102);
   EXPECT_EQ(readFile(dir + "/" + png).substr(1, 3), "PNG");
   for (const char* marker : {"/ran1", "/ran2", "/ran3"})
     EXPECT_NE(access((dir + marker).c_str(), F_OK), 0) << marker << " was run";
-  ASSERT_EQ(sh(kZr + " run " + kSample + " -o /dev/null --plot " + dir + "/l.svg").first, 0);
+  ASSERT_EQ(shell(kZr + " run " + kSample + " -o /dev/null --plot " + dir + "/l.svg").first, 0);
   EXPECT_NE(readFile(dir + "/l.svg").find("<svg"), std::string::npos);
-  sh("rm -rf " + dir);
+  shell("rm -rf " + dir);
 }
 
 TEST(ZrRun, InterruptEndsALiveRunCleanly) {
@@ -129,9 +125,9 @@ TEST(ZrRun, InterruptEndsALiveRunCleanly) {
 TEST(ZrRun, BadInputsFailWithOneClearLine) {
   const std::string dir = kTemp + "bad", plugin = " --load " + kDoubles;
   // A FLAC whose frames are garbage halfway, and a FIFO nobody writes to.
-  ASSERT_EQ(sh("mkdir -p " + dir + " && sox " + kSample + " " + dir + "/bad.flac && head -c " +
-               "8000 /dev/zero | tr '\\0' U | dd of=" + dir + "/bad.flac bs=1 seek=100000 " +
-               "conv=notrunc && mkfifo " + dir + "/fifo")
+  ASSERT_EQ(shell("mkdir -p " + dir + " && sox " + kSample + " " + dir + "/bad.flac && head -c " +
+                  "8000 /dev/zero | tr '\\0' U | dd of=" + dir + "/bad.flac bs=1 seek=100000 " +
+                  "conv=notrunc && mkfifo " + dir + "/fifo")
                 .first,
             0);
   struct Case {
@@ -156,14 +152,14 @@ TEST(ZrRun, BadInputsFailWithOneClearLine) {
       {"describe Nobody", "unknown extractor \"Nobody\""},
   };
   for (const Case& c : cases) {
-    const auto [status, out] = sh("timeout 60 env " + c.env + " " + kZr + " " + c.args, true);
+    const auto [status, out] = shell("timeout 60 env " + c.env + " " + kZr + " " + c.args, true);
     EXPECT_TRUE(status > 0 && status != 124 && out.find(c.expected) != std::string::npos &&
                 lines(out).size() <= 2)
         << c.args << " printed: " << out;
   }
   EXPECT_NE(access((dir + "/never").c_str(), F_OK), 0) << "a bad plot name fails before the run";
   EXPECT_GT(count(readFile(dir + "/kept"), "Levels"), 20) << "results before the failure stay";
-  sh("rm -rf " + dir);
+  shell("rm -rf " + dir);
 }
 
 TEST(ZrRun, CommandsPrintWhatTheyShouldAndPluginsRunWithThePrecisionAskedFor) {
@@ -188,7 +184,7 @@ TEST(ZrRun, CommandsPrintWhatTheyShouldAndPluginsRunWithThePrecisionAskedFor) {
        "1 byte(s) that make no whole frame", 1},
   };
   for (const auto& [before, args, expected, times] : cases) {
-    const auto [status, out] = sh(before + kZr + " " + args);
+    const auto [status, out] = shell(before + kZr + " " + args);
     EXPECT_EQ(status, 0) << args;
     EXPECT_EQ(count(out, expected), times) << args << " printed: " << out;
   }

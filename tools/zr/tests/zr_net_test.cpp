@@ -33,12 +33,7 @@ const std::string kBeat = "";
 constexpr std::chrono::seconds kLimit{60};
 
 std::pair<int, std::string> sh(const std::string& command) {
-  FILE* p = popen(("{ " + command + "; } 2>&1").c_str(), "r");
-  std::string out;
-  char buf[4096];
-  while (std::size_t n = std::fread(buf, 1, sizeof buf, p)) out.append(buf, n);
-  const int status = pclose(p);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
+  return zrtest::shell(command, true);
 }
 
 std::vector<std::string> words(const std::string& text) {
