@@ -10,11 +10,13 @@
 
 #include <vo/log.h>
 #include <zrmemory/zrmemory.h>
+#include <zrproducer.h>
 #include <zrproxies/zrmemoryproxy.h>
 #include <zrtest.h>
 
 using namespace std::chrono_literals;
 using zrtest::errorOf;
+using zrtest::Producer;
 using Strings = std::vector<std::string>;
 
 namespace {
@@ -44,41 +46,6 @@ class Client : public ZR::ZRModule {
   std::atomic<int> inside{0}, faults{0};
   std::mutex mutex;
   Strings got;
-};
-
-// Records "subscribe"/"unsubscribe" calls and the subscribers it serves; calls back into the
-// memory service from "subscribe", as a real producer may.
-class Producer : public ZR::ZRModule {
- public:
-  Producer(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name)
-      : ZRModule(broker, name) {
-    for (auto m : {std::make_pair("subscribe", &Producer::subscribe),
-                   std::make_pair("unsubscribe", &Producer::unsubscribe)}) {
-      functionName(m.first, "Producer", "Records a call.", 0);
-      addParam("module", "Subscriber.");
-      bindMethod(m.second);
-    }
-  }
-  void subscribe(const std::string& module) {
-    if (failSubscribe) throw ZR::ZRError(getName(), "subscribe", "device unavailable");
-    ZR::ZRMemoryProxy(getParentBroker()).insertData(getName() + "/last", module);
-    std::lock_guard<std::mutex> lock(mutex);
-    subscribes.push_back(module);
-    if (!active.insert(module).second) ++violations;
-    subscribed.notify();
-  }
-  void unsubscribe(const std::string& module) {
-    if (failUnsubscribe) throw ZR::ZRError(getName(), "unsubscribe", "busy");
-    std::lock_guard<std::mutex> lock(mutex);
-    unsubscribes.push_back(module);
-    if (active.erase(module) == 0) ++violations;
-  }
-  std::atomic<bool> failSubscribe{false}, failUnsubscribe{false};
-  std::mutex mutex;
-  zrtest::Signal subscribed;
-  Strings subscribes, unsubscribes;
-  std::set<std::string> active;
-  int violations = 0;
 };
 
 // A broker with 4 threads and the service; keeps the service's warnings.
@@ -222,13 +189,13 @@ TEST(ZRMemory, ProducerSubscribedOnFirstEventAndUnsubscribedOnLast) {
   auto producer = f.make<Producer>("P");
   auto client = f.make("Client");
   f.proxy.subscribeToEvent("P/a", "Client", "onEvent");
-  EXPECT_EQ(producer->subscribes, Strings{"Client"});
+  EXPECT_EQ(producer->of("subscribe"), Strings{"Client"});
   EXPECT_EQ(f.proxy.getData("P/last"), std::string("Client"));  // re-entered the service
   f.proxy.subscribeToEvent("P/b", "Client", "onEvent");
   f.proxy.subscribeToEvent("P/a", "Client", "onEvent");
-  EXPECT_EQ(producer->subscribes.size(), 1u);
+  EXPECT_EQ(producer->of("subscribe").size(), 1u);
   f.proxy.unsubscribeToEvent("P/a", "Client");
-  EXPECT_TRUE(producer->unsubscribes.empty());
+  EXPECT_TRUE(producer->of("unsubscribe").empty());
 
   // A producer refusing to let go keeps the subscription.
   producer->failUnsubscribe = true;
@@ -236,7 +203,7 @@ TEST(ZRMemory, ProducerSubscribedOnFirstEventAndUnsubscribedOnLast) {
   EXPECT_EQ(f.proxy.getSubscribers("P/b"), Strings{"Client"});
   producer->failUnsubscribe = false;
   f.proxy.unsubscribeToEvent("P/b", "Client");
-  EXPECT_EQ(producer->unsubscribes, Strings{"Client"});
+  EXPECT_EQ(producer->of("unsubscribe"), Strings{"Client"});
 
   // A producer refusing the subscription: the caller learns why, nothing is recorded.
   producer->failSubscribe = true;
@@ -245,7 +212,7 @@ TEST(ZRMemory, ProducerSubscribedOnFirstEventAndUnsubscribedOnLast) {
   EXPECT_EQ(f.proxy.getSubscribers("P/a"), Strings{});
   producer->failSubscribe = false;
   f.proxy.subscribeToEvent("P/a", "Client", "onEvent");
-  EXPECT_EQ(producer->subscribes.size(), 2u);
+  EXPECT_EQ(producer->of("subscribe").size(), 2u);
   EXPECT_EQ(producer->violations, 0);
 }
 
@@ -257,7 +224,7 @@ TEST(ZRMemory, ModulesGoingAwayAndComingBack) {
   f.proxy.subscribeToEvent("P/b", "Client", "onEvent");
   f.broker->removeModule("Client");
   client.reset();
-  EXPECT_EQ(producer->unsubscribes, Strings{"Client"});
+  EXPECT_EQ(producer->of("unsubscribe"), Strings{"Client"});
   EXPECT_EQ(f.proxy.getSubscribers("P/a"), Strings{});
 
   // A producer re-created under its name serves the modules still subscribed to its events.
@@ -268,10 +235,10 @@ TEST(ZRMemory, ModulesGoingAwayAndComingBack) {
   producer.reset();
   producer = ZR::ZRModule::createModule<Producer>(f.broker, "P");
   ASSERT_TRUE(producer->subscribed.waitFor());
-  EXPECT_EQ(producer->subscribes, Strings{"Other"});
+  EXPECT_EQ(producer->of("subscribe"), Strings{"Other"});
   f.proxy.unsubscribeToEvent("P/a", "Other");
   f.proxy.unsubscribeToEvent("P/b", "Other");
-  EXPECT_EQ(producer->unsubscribes, Strings{"Other"});
+  EXPECT_EQ(producer->of("unsubscribe"), Strings{"Other"});
 
   // A producer that went away first has nobody to tell; its events can still be left.
   f.proxy.subscribeToEvent("P/a", "Other", "onEvent");
@@ -285,7 +252,7 @@ TEST(ZRMemory, ModulesGoingAwayAndComingBack) {
   f.proxy.subscribeToEvent("P2/a", "Late", "onEvent");
   late.reset();
   f.broker->shutdown();
-  EXPECT_EQ(second->unsubscribes, Strings{"Late"});
+  EXPECT_EQ(second->of("unsubscribe"), Strings{"Late"});
 }
 
 TEST(ZRMemory, OutlivesItsBrokerWithSubscribers) {
