@@ -1,15 +1,12 @@
 #pragma once
 
-// A producer that modules subscribe to, standing in for the audio device or an extractor: records
-// each "subscribe" and "unsubscribe" that it accepts, in order, refuses either on demand, and
-// calls back into the memory service from "subscribe", as a real producer may.
+// A module others subscribe to, standing in for the audio device or an extractor: records the
+// "subscribe" and "unsubscribe" calls it accepts, in order, refuses either on demand, and calls
+// back into the memory service from "subscribe", as a real producer may.
 
 #include <atomic>
-#include <mutex>
 #include <set>
-#include <string>
 #include <utility>
-#include <vector>
 
 #include <zrcommon/zrmodule.h>
 #include <zrcommon/zrproxy.h>
@@ -35,24 +32,26 @@ class Producer : public ZR::ZRModule {
     getParentBroker()
         ->getProxy(ZR::kMemoryServiceName)
         ->call<void>("insertData", getName() + "/last", module);
-    record("subscribe", module);
+    std::lock_guard<std::mutex> lock(mutex_);
+    calls_.emplace_back("subscribe", module);
+    violations += !active.insert(module).second;
     subscribed.notify();
   }
   void unsubscribe(const std::string& module) {
     if (failUnsubscribe) throw ZR::ZRError(getName(), "unsubscribe", "busy");
-    record("unsubscribe", module);
+    std::lock_guard<std::mutex> lock(mutex_);
+    calls_.emplace_back("unsubscribe", module);
+    violations += active.erase(module) == 0;
   }
-  // The calls accepted since the last take().
-  std::vector<Call> take() {
+  std::vector<Call> take() {  // the calls since the last take()
     std::lock_guard<std::mutex> lock(mutex_);
     return std::exchange(calls_, {});
   }
-  // The modules named by those of `method`.
-  std::vector<std::string> of(const std::string& method) {
+  std::vector<std::string> of(const std::string& method) {  // the modules of those of `method`
     std::lock_guard<std::mutex> lock(mutex_);
     std::vector<std::string> modules;
-    for (const auto& [m, module] : calls_)
-      if (m == method) modules.push_back(module);
+    for (const auto& call : calls_)
+      if (call.first == method) modules.push_back(call.second);
     return modules;
   }
   std::atomic<bool> failSubscribe{false}, failUnsubscribe{false};
@@ -61,11 +60,6 @@ class Producer : public ZR::ZRModule {
   int violations = 0;            // subscribes of the subscribed, unsubscribes of the others
 
  private:
-  void record(const std::string& method, const std::string& module) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    calls_.emplace_back(method, module);
-    violations += method == "subscribe" ? !active.insert(module).second : !active.erase(module);
-  }
   std::mutex mutex_;
   std::vector<Call> calls_;
 };
