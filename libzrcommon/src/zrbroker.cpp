@@ -369,9 +369,8 @@ void ZRBroker::registerModule(const boost::shared_ptr<ZRModuleCore>& module) {
         impl_->modules.push_back(module);
         return;
       } catch (const ZRError& e) {
-        const bool elsewhere =
-            impl_->session->remoteService(name).has_value() ||
-            e.getDescription().find("already published by host") != std::string::npos;
+        const bool elsewhere = impl_->session->remoteService(name).has_value() ||
+                               e.getDescription().rfind(ZRDirectoryServer::kHeldBy, 0) == 0;
         if (!impl_->directoryClient || !elsewhere || std::chrono::steady_clock::now() >= until)
           throw;
         heldBy = e.what();

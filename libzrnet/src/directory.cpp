@@ -46,6 +46,7 @@ void expectArgs(const ZRIncomingCall& c, std::size_t strings, std::size_t ints) 
 }  // namespace
 
 const char* const ZRDirectoryServer::kModuleName = "ZRDirectory";
+const char* const ZRDirectoryServer::kHeldBy = "already published by host ";
 
 ZRDirectoryServer::ZRDirectoryServer(std::chrono::milliseconds heartbeat)
     : heartbeat_(heartbeat), epoch_(randomId()) {}
@@ -100,9 +101,7 @@ ZRValue ZRDirectoryServer::handle(const ZRIncomingCall& c) {
     }
     if (it != names_.end()) {
       if (it->second.hostId == h.hostId) return ZRValue(true);
-      throw ZRError(
-          name, "publish",
-          "already published by host " + it->second.host + " (" + it->second.endpoint + ")");
+      throw ZRError(name, "publish", kHeldBy + it->second.host + " (" + it->second.endpoint + ")");
     }
     names_[name] = h;
     record(true, name, h);

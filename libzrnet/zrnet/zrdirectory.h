@@ -36,6 +36,8 @@ struct ZRDirectoryEntry {
 class ZRDirectoryServer {
  public:
   static const char* const kModuleName;
+  /// How the description of a refused "publish" begins; the holder's host and endpoint follow.
+  static const char* const kHeldBy;
   explicit ZRDirectoryServer(std::chrono::milliseconds heartbeat = std::chrono::milliseconds(250));
   /// Answers "publish", "unpublish" and "sync"; throws ZRError like any module.
   ZRValue handle(const ZRIncomingCall& call);
