@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstring>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -110,6 +111,8 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
   };
   std::unique_ptr<zmq::socket_t> router;
   std::unique_ptr<zmq::socket_t> zap;             // authenticates CURVE clients
+  std::unique_ptr<zmq::socket_t> monitor;         // the router's connections coming and going
+  int connections = 0;                            // open on the router, by `monitor`
   std::map<std::string, std::string> serverKeys;  // by endpoint; shared: under `mutex`
   std::deque<Frames> routerOutbox;                // identity frame first
   std::map<std::string, std::unique_ptr<Peer>> peers;
@@ -173,6 +176,16 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
       }
       advertised =
           options.advertise.empty() ? router->get(zmq::sockopt::last_endpoint) : options.advertise;
+      const std::string watch =
+          "inproc://zrnet-connections-" + std::to_string(reinterpret_cast<std::uintptr_t>(this));
+      if (zmq_socket_monitor(router->handle(), watch.c_str(),
+                             ZMQ_EVENT_ACCEPTED | ZMQ_EVENT_DISCONNECTED) != 0) {
+        ::close(wakeFd);
+        throw ZRError("zrnet", "listen", "cannot watch the connections of " + options.listen);
+      }
+      monitor = std::make_unique<zmq::socket_t>(context, zmq::socket_type::pair);
+      monitor->set(zmq::sockopt::linger, 0);
+      monitor->connect(watch);
     }
     io = std::thread([this] { run(); });
   }
@@ -201,6 +214,7 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
                          0});
       const std::size_t zapItem = items.size();
       if (zap) items.push_back({zap->handle(), 0, ZMQ_POLLIN, 0});
+      if (monitor) items.push_back({monitor->handle(), 0, ZMQ_POLLIN, 0});
       std::vector<Peer*> polled;
       for (auto& [endpoint, peer] : peers) {
         polled.push_back(peer.get());
@@ -224,6 +238,7 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
       if (stopNow) break;
 
       if (zap && (items[zapItem].revents & ZMQ_POLLIN)) authenticate();
+      countConnections();
       if (router) receiveFromRouter();
       for (Peer* p : polled)
         if (peers.count(p->endpoint) && peers[p->endpoint].get() == p) receiveFromPeer(*p);
@@ -262,7 +277,9 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
     peers.clear();
     if (router) {
       for (auto& [identity, remote] : remotes) sendToRemote(identity, encode(bye), false);
+      awaitCallersGone();
       router->close();
+      monitor->close();
     }
     if (zap) zap->close();
     // Commands that raced with the stop still hold promises: they fail now.
@@ -276,6 +293,37 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
     std::lock_guard<std::mutex> lock(mutex);
     ::close(wakeFd);
     wakeFd = -1;
+  }
+
+  void countConnections() {
+    if (!monitor) return;
+    while (true) {
+      Frames event;
+      if (!zmq::recv_multipart(*monitor, std::back_inserter(event), zmq::recv_flags::dontwait))
+        return;
+      if (event.empty() || event[0].size() < sizeof(std::uint16_t)) continue;
+      std::uint16_t id;
+      std::memcpy(&id, event[0].data(), sizeof id);
+      if (id == ZMQ_EVENT_ACCEPTED) ++connections;
+      if (id == ZMQ_EVENT_DISCONNECTED) connections = std::max(0, connections - 1);
+    }
+  }
+
+  // Closing the router while a caller's connection is still open races in ZeroMQ with that
+  // connection failing: a message half received is then never freed, and one half sent by the
+  // caller can abort the caller's process. Callers close their side when told bye, so the router
+  // waits for that, a heartbeat at most (a caller that is gone without a word is not waited for
+  // longer).
+  void awaitCallersGone() {
+    const auto until = Clock::now() + heartbeat();
+    countConnections();
+    while (connections > 0) {
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now());
+      if (left.count() <= 0) return;
+      zmq::pollitem_t item{monitor->handle(), 0, ZMQ_POLLIN, 0};
+      zmq::poll(&item, 1, left);
+      countConnections();
+    }
   }
 
   // -- calls going out
