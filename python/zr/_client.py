@@ -8,6 +8,7 @@ import os
 import queue
 import random
 import socket
+import struct
 import threading
 import time
 
@@ -257,6 +258,8 @@ class Client:
         self._out = {}          # endpoint -> _OutPeer
         self._by_sock = {}      # DEALER -> _OutPeer
         self._router = None
+        self._monitor = None    # the router's connections coming and going
+        self._connections = 0
         self.endpoint = ""
         self._in = {}           # routing identity -> _InPeer
         self._modules = {}      # name -> _HostedModule (read by the I/O thread)
@@ -537,7 +540,9 @@ class Client:
                 except Exception:
                     log.exception("zr: a command of the I/O thread failed")
             for sock in list(ready):
-                if sock is self._router:
+                if sock is self._monitor:
+                    self._count_connections()
+                elif sock is self._router:
                     self._drain(sock, self._on_router)
                 elif sock in self._by_sock:
                     peer = self._by_sock[sock]
@@ -570,10 +575,35 @@ class Client:
         if self._router is not None:
             for ident in list(self._in):
                 self._send(self._router, [ident] + bye)
-            self._router.close(linger=200)
+            self._await_callers_gone()
+            self._router.close(linger=0)
             self._router = None
+            self._monitor.close(linger=0)
+            self._monitor = None
         for m in self._modules.values():
             m.executor.shutdown(wait=False)
+
+    def _count_connections(self):
+        while True:
+            try:
+                event = self._monitor.recv_multipart(zmq.NOBLOCK)
+            except zmq.Again:
+                return
+            kind = struct.unpack_from("=H", event[0])[0] if len(event[0]) >= 2 else 0
+            if kind == zmq.EVENT_ACCEPTED:
+                self._connections += 1
+            elif kind == zmq.EVENT_DISCONNECTED:
+                self._connections = max(0, self._connections - 1)
+
+    def _await_callers_gone(self):
+        # Closing the router under a caller's open connection races in ZeroMQ with that
+        # connection failing: a C++ caller closing its side on our bye, mid-send, may abort.
+        # Callers hang up when told bye; wait for that, a heartbeat at most.
+        until = _now() + self.heartbeat
+        self._count_connections()
+        while self._connections > 0 and _now() < until:
+            self._monitor.poll((until - _now()) * 1000)
+            self._count_connections()
 
     def _send(self, sock, frames):
         try:
@@ -593,6 +623,8 @@ class Client:
             self._router = r
             self.endpoint = self._advertise or r.getsockopt_string(zmq.LAST_ENDPOINT)
             self._poller.register(r, zmq.POLLIN)
+            self._monitor = r.get_monitor_socket(zmq.EVENT_ACCEPTED | zmq.EVENT_DISCONNECTED)
+            self._poller.register(self._monitor, zmq.POLLIN)
         f.set_result(self.endpoint)
 
     def _peer_for(self, endpoint):
