@@ -214,6 +214,7 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
                          0});
       const std::size_t zapItem = items.size();
       if (zap) items.push_back({zap->handle(), 0, ZMQ_POLLIN, 0});
+      const std::size_t monitorItem = items.size();
       if (monitor) items.push_back({monitor->handle(), 0, ZMQ_POLLIN, 0});
       std::vector<Peer*> polled;
       for (auto& [endpoint, peer] : peers) {
@@ -238,7 +239,7 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
       if (stopNow) break;
 
       if (zap && (items[zapItem].revents & ZMQ_POLLIN)) authenticate();
-      countConnections();
+      if (monitor && (items[monitorItem].revents & ZMQ_POLLIN)) countConnections();
       if (router) receiveFromRouter();
       for (Peer* p : polled)
         if (peers.count(p->endpoint) && peers[p->endpoint].get() == p) receiveFromPeer(*p);
@@ -296,7 +297,6 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
   }
 
   void countConnections() {
-    if (!monitor) return;
     while (true) {
       Frames event;
       if (!zmq::recv_multipart(*monitor, std::back_inserter(event), zmq::recv_flags::dontwait))
