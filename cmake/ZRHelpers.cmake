@@ -54,23 +54,29 @@ function(zr_add_library name)
   set(ZR_PKGCONFIG_LIBS "-l${name} ${ZR_PKGCONFIG_LIBS}" CACHE INTERNAL "")
 endfunction()
 
-# zr_add_test(name SOURCES ... DEPS ... [LABELS ...])
+# zr_add_test(name SOURCES ... DEPS ... [LABELS ...] [PROCESSORS n])
 # One GoogleTest program; its cases are registered with ctest one by one. It links zrtest, the
 # helpers and test doubles shared by the test programs (tests/support, #include <zrtest.h>).
 function(zr_add_test name)
   if(NOT ZR_BUILD_TESTS)
     return()
   endif()
-  cmake_parse_arguments(A "" "" "SOURCES;DEPS;LABELS" ${ARGN})
+  cmake_parse_arguments(A "" "PROCESSORS" "SOURCES;DEPS;LABELS" ${ARGN})
   add_executable(${name} ${A_SOURCES})
   target_link_libraries(${name} PRIVATE ${A_DEPS} zrtest GTest::gtest GTest::gtest_main GTest::gmock Threads::Threads)
   zr_warnings(${name})
   # Tests compute expectations from counts on purpose (sizes as doubles, small ints as chars).
   target_compile_options(${name} PRIVATE -Wno-conversion)
+  # A test that starts processes of its own says how many cores they keep busy, so that a
+  # parallel ctest does not starve them into missing each other's heartbeats.
+  if(NOT A_PROCESSORS)
+    set(A_PROCESSORS 1)
+  endif()
   if(A_LABELS)
-    gtest_discover_tests(${name} PROPERTIES LABELS "${A_LABELS}" DISCOVERY_TIMEOUT 60)
+    gtest_discover_tests(${name} PROPERTIES LABELS "${A_LABELS}" PROCESSORS ${A_PROCESSORS}
+                         DISCOVERY_TIMEOUT 60)
   else()
-    gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60)
+    gtest_discover_tests(${name} PROPERTIES PROCESSORS ${A_PROCESSORS} DISCOVERY_TIMEOUT 60)
   endif()
 endfunction()
 
