@@ -576,7 +576,7 @@ class Client:
             for ident in list(self._in):
                 self._send(self._router, [ident] + bye)
             self._await_callers_gone()
-            self._router.close(linger=0)
+            self._router.close(linger=200)
             self._router = None
             self._monitor.close(linger=0)
             self._monitor = None
