@@ -25,6 +25,8 @@
 #include <zrcommon/zrproxy.h>
 #include <zrnet/zrtransport.h>
 
+#include "executors.h"
+
 namespace {
 
 std::string address(int kind) {
@@ -56,22 +58,22 @@ struct ZrPair {
   Counter received;
   std::unique_ptr<ZR::ZRTransport> server, client;
   explicit ZrPair(int kind) {
-    auto executor = [this](std::function<void()> t) { boost::asio::post(pool, std::move(t)); };
+    const ZR::ZRTransportExecutors executor = zrtest::poolExecutors(pool);
     ZR::ZRTransportOptions o;
     o.listen = address(kind);
     server = std::make_unique<ZR::ZRTransport>(
-        o,
-        [this](const ZR::ZRIncomingCall& c) -> ZR::ZRValue {
+        o, ZR::ZRTransport::SyncHandler([this](const ZR::ZRIncomingCall& c) -> ZR::ZRValue {
           if (c.method == "push") {
             received.add();
             return ZR::ZRValue();
           }
           return c.args.at(0);
-        },
+        }),
         executor);
     o.listen = "";
     client = std::make_unique<ZR::ZRTransport>(
-        o, [](const ZR::ZRIncomingCall&) { return ZR::ZRValue(); }, executor);
+        o, ZR::ZRTransport::SyncHandler([](const ZR::ZRIncomingCall&) { return ZR::ZRValue(); }),
+        executor);
   }
   ~ZrPair() {
     client.reset();

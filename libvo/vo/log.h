@@ -108,3 +108,7 @@ class LogStream {
 
 }  // namespace log
 }  // namespace vo
+
+/// The platform's one way to log: a record that keeps where it was written.
+///   VO_LOG(vo::LogLevel_Warning, "zrnet") << "peer " << endpoint << " lost";
+#define VO_LOG(level, category) ::vo::log::LogStream(level, __FILE__, __func__, category, __LINE__)

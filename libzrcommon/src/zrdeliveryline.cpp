@@ -1,4 +1,9 @@
+// The delivery line's queues, its local drains on strands, its remote pumps paced by answers,
+// and the accounting that tells producers and waiters when there is room or nothing left.
+
 #include "zrcommon/detail/zrdeliveryline.h"
+
+#include <algorithm>
 
 #include <vo/log.h>
 
@@ -24,6 +29,511 @@ bool ZRWarningLimiter::allow(std::int64_t& heldBack) {
 void zrDeliveryWarn(const std::string& category, const std::string& function,
                     const std::string& message) {
   vo::log::LogStream(vo::LogLevel_Warning, "", function.c_str(), category.c_str(), 0) << message;
+}
+
+struct ZRDeliveryLine::Entry {
+  ZRDelivery call;
+  bool keep = false;        // queued by a lossless delivery: never dropped, never waits
+  ZRCompletionToken holds;  // that delivery, until this call is over
+};
+
+struct ZRDeliveryLine::Current {
+  std::string name;
+  std::vector<const ZRDelivery*> calls;
+  std::thread::id thread;  // running here; none: unanswered on another host
+};
+
+struct ZRDeliveryLine::Subscriber {
+  explicit Subscriber(const Options& o)
+      : dropWarnings(std::chrono::seconds(1), o.clock),
+        failureWarnings(std::chrono::seconds(1), o.clock) {}
+  std::string name;
+  Post post;
+  Call call;
+  Send send;
+  int window = 1;
+  Gone gone;
+  ZRDeliveryCounts* counts = nullptr;  // in counts_, which never erases
+  bool remote() const { return static_cast<bool>(send); }
+  // Guarded by the line's mutex.
+  std::deque<Entry> queue;
+  int underWay = 0;        // local: calls not over; remote: batches unanswered
+  bool scheduled = false;  // local: a drain task is posted or running
+  bool pumping = false;    // remote: a thread is sending its batches
+  bool active = true;
+  ZRWarningLimiter dropWarnings, failureWarnings;
+};
+
+ZRDeliveryLine::ZRDeliveryLine(Options options) : options_(std::move(options)) {
+  options_.capacity = std::max<std::size_t>(1, options_.capacity);
+  options_.resumeAt = std::min(options_.resumeAt, options_.capacity - 1);
+  options_.batch = std::max(1, options_.batch);
+  options_.messageBatch = std::max(1, options_.messageBatch);
+  options_.localWindow = std::max(1, options_.localWindow);
+}
+
+ZRDeliveryLine::~ZRDeliveryLine() = default;
+
+bool ZRDeliveryLine::addLocked(const std::string& name, SubscriberPtr sub) {
+  if (closed_ || subscribers_.count(name)) return false;
+  sub->name = name;
+  sub->counts = &counts_[name];
+  subscribers_[name] = std::move(sub);
+  return true;
+}
+
+bool ZRDeliveryLine::add(const std::string& name, Post post, Call call, Gone gone) {
+  auto sub = std::make_shared<Subscriber>(options_);
+  sub->post = std::move(post);
+  sub->call = std::move(call);
+  sub->gone = std::move(gone);
+  std::lock_guard<std::mutex> lock(mutex_);
+  return addLocked(name, std::move(sub));
+}
+
+bool ZRDeliveryLine::addRemote(const std::string& name, Send send, int window, Gone gone) {
+  auto sub = std::make_shared<Subscriber>(options_);
+  sub->send = std::move(send);
+  sub->window = std::max(1, window);
+  sub->gone = std::move(gone);
+  std::lock_guard<std::mutex> lock(mutex_);
+  return addLocked(name, std::move(sub));
+}
+
+bool ZRDeliveryLine::remove(const std::string& name, bool waitForCurrent) {
+  std::vector<Entry> dead;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = subscribers_.find(name);
+    if (it == subscribers_.end()) return false;
+    retireLocked(it);
+    dead.swap(graveyard_);
+  }
+  room_.notify_all();
+  settled_.notify_all();
+  dead.clear();
+  if (waitForCurrent) awaitCurrent(name, Match());
+  return true;
+}
+
+std::size_t ZRDeliveryLine::discard(const std::string& name, const Match& which,
+                                    bool waitForCurrent) {
+  std::deque<Entry> discarded;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = subscribers_.find(name);
+    if (it != subscribers_.end()) {
+      std::deque<Entry> kept;
+      for (Entry& e : it->second->queue) (which(e.call) ? discarded : kept).push_back(std::move(e));
+      it->second->queue.swap(kept);
+    }
+  }
+  const std::size_t n = discarded.size();
+  if (n) {
+    room_.notify_all();
+    settled_.notify_all();
+  }
+  discarded.clear();
+  if (waitForCurrent) awaitCurrent(name, which);
+  return n;
+}
+
+void ZRDeliveryLine::awaitCurrent(const std::string& name, const Match& which) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  settled_.wait(lock, [&] {
+    for (const Current& c : current_) {
+      if (c.name != name || c.thread == std::this_thread::get_id()) continue;
+      for (const ZRDelivery* call : c.calls)
+        if (!which || which(*call)) return false;
+    }
+    return true;
+  });
+}
+
+void ZRDeliveryLine::clear(bool forGood) {
+  std::vector<Entry> dead;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    closed_ = closed_ || forGood;
+    while (!subscribers_.empty()) retireLocked(subscribers_.begin());
+    dead.swap(graveyard_);
+  }
+  room_.notify_all();
+  settled_.notify_all();
+}
+
+bool ZRDeliveryLine::publish(const ZRDelivery& call, const std::atomic<bool>* stop,
+                             std::vector<std::string>* warnings) {
+  std::vector<std::string> own;
+  std::vector<std::string>& out = warnings ? *warnings : own;
+  std::vector<SubscriberPtr> toPump;
+  Entry proto{call, currentDeliveryIsLossless(), holdFor()};
+  bool anyone = false;
+  std::vector<Entry> dead;
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (!proto.keep && !waitForRoomLocked(lock, nullptr, stop)) return false;
+    std::vector<SubscriberPtr> targets;
+    targets.reserve(subscribers_.size());
+    for (auto& entry : subscribers_) targets.push_back(entry.second);
+    for (auto& sub : targets) queueLocked(sub, proto, out, toPump);
+    anyone = !subscribers_.empty();
+    dead.swap(graveyard_);
+  }
+  for (auto& sub : toPump) pump(sub);
+  if (!warnings) emit(own);
+  return anyone;
+}
+
+bool ZRDeliveryLine::push(const std::string& name, ZRDelivery call, const std::atomic<bool>* stop,
+                          std::vector<std::string>* warnings) {
+  std::vector<std::string> own;
+  std::vector<std::string>& out = warnings ? *warnings : own;
+  std::vector<SubscriberPtr> toPump;
+  Entry entry{std::move(call), currentDeliveryIsLossless(), holdFor()};
+  bool queued = false;
+  std::vector<Entry> dead;
+  {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (!entry.keep && !waitForRoomLocked(lock, &name, stop)) return false;
+    auto it = subscribers_.find(name);
+    if (it != subscribers_.end()) {
+      SubscriberPtr sub = it->second;
+      queueLocked(sub, std::move(entry), out, toPump);
+      queued = true;
+    }
+    dead.swap(graveyard_);
+  }
+  for (auto& sub : toPump) pump(sub);
+  if (!warnings) emit(own);
+  return queued;
+}
+
+void ZRDeliveryLine::wake() {
+  { std::lock_guard<std::mutex> lock(mutex_); }
+  room_.notify_all();
+  settled_.notify_all();
+}
+
+bool ZRDeliveryLine::isIdle() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return idleLocked();
+}
+
+bool ZRDeliveryLine::waitUntilIdle(std::chrono::milliseconds timeout,
+                                   const std::atomic<bool>* stop) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  auto done = [&] { return idleLocked() || (stop && *stop); };
+  if (timeout.count() < 0)
+    settled_.wait(lock, done);
+  else
+    settled_.wait_for(lock, timeout, done);
+  return idleLocked();
+}
+
+bool ZRDeliveryLine::waitUntilProducerWaits(std::chrono::milliseconds timeout) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return settled_.wait_for(lock, timeout, [&] { return waiting_ > 0; });
+}
+
+std::vector<std::string> ZRDeliveryLine::subscribers() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<std::string> names;
+  for (const auto& entry : subscribers_) names.push_back(entry.first);
+  return names;
+}
+
+bool ZRDeliveryLine::has(const std::string& name) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return subscribers_.count(name) != 0;
+}
+
+bool ZRDeliveryLine::counts(const std::string& name, ZRDeliveryCounts& out) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto it = counts_.find(name);
+  if (it == counts_.end()) return false;
+  out = it->second;
+  return true;
+}
+
+std::size_t ZRDeliveryLine::queued(const std::string& name) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto it = subscribers_.find(name);
+  return it == subscribers_.end() ? 0 : it->second->queue.size();
+}
+
+// ---- internals
+
+void ZRDeliveryLine::emit(const std::vector<std::string>& warnings) const {
+  for (const std::string& w : warnings)
+    zrDeliveryWarn(options_.category, options_.publishFunction, w);
+}
+
+ZRCompletionToken ZRDeliveryLine::holdFor() const {
+  return options_.heldByAnyDelivery ? completionForMessage() : completionForItem();
+}
+
+bool ZRDeliveryLine::losslessFor(const Entry& entry) const {
+  return entry.keep || options_.losslessDeliveries;
+}
+
+bool ZRDeliveryLine::anyFullLocked(const std::string* only) const {
+  return anyAboveLocked(only, options_.capacity - 1);
+}
+
+bool ZRDeliveryLine::anyAboveLocked(const std::string* only, std::size_t size) const {
+  if (only) {
+    auto it = subscribers_.find(*only);
+    return it != subscribers_.end() && it->second->queue.size() > size;
+  }
+  for (const auto& entry : subscribers_)
+    if (entry.second->queue.size() > size) return true;
+  return false;
+}
+
+bool ZRDeliveryLine::waitForRoomLocked(std::unique_lock<std::mutex>& lock, const std::string* only,
+                                       const std::atomic<bool>* stop) {
+  if (options_.policy == ZRDeliveryPolicy::Lossless && anyFullLocked(only)) {
+    ++waiting_;
+    settled_.notify_all();  // for waitUntilProducerWaits
+    room_.wait(lock, [&] { return (stop && *stop) || !anyAboveLocked(only, options_.resumeAt); });
+    --waiting_;
+  }
+  return !(stop && *stop);
+}
+
+void ZRDeliveryLine::queueLocked(const SubscriberPtr& sub, Entry entry,
+                                 std::vector<std::string>& warnings,
+                                 std::vector<SubscriberPtr>& toPump) {
+  if (options_.policy == ZRDeliveryPolicy::DropOldest && !entry.keep &&
+      sub->queue.size() >= options_.capacity) {
+    // The oldest call that may go; calls of a lossless delivery stay, and upstream bounds them.
+    auto oldest =
+        std::find_if(sub->queue.begin(), sub->queue.end(), [](const Entry& e) { return !e.keep; });
+    if (oldest != sub->queue.end()) {
+      sub->queue.erase(oldest);
+      const std::int64_t dropped = ++sub->counts->dropped;
+      std::int64_t heldBack = 0;
+      if (sub->dropWarnings.allow(heldBack) && options_.texts.dropped)
+        warnings.push_back(options_.texts.dropped(sub->name, dropped, heldBack));
+    }
+  }
+  sub->queue.push_back(std::move(entry));
+  sub->counts->mostQueued =
+      std::max(sub->counts->mostQueued, static_cast<std::int64_t>(sub->queue.size()));
+  if (sub->remote()) {
+    if (!sub->pumping && sub->underWay < sub->window) toPump.push_back(sub);
+  } else if (!sub->scheduled && sub->underWay < options_.localWindow) {
+    scheduleLocked(sub, warnings);
+  }
+}
+
+bool ZRDeliveryLine::scheduleLocked(const SubscriberPtr& sub, std::vector<std::string>& warnings) {
+  sub->scheduled = true;
+  try {
+    std::weak_ptr<ZRDeliveryLine> self = shared_from_this();
+    sub->post([self, sub] {
+      if (auto line = self.lock()) line->drain(sub);
+    });
+    return true;
+  } catch (const ZRError& e) {
+    sub->scheduled = false;
+    bury(sub->queue);
+    std::int64_t heldBack = 0;
+    if (sub->dropWarnings.allow(heldBack) && options_.texts.refused)
+      warnings.push_back(options_.texts.refused(sub->name, e.what(), heldBack));
+    if (options_.removeWhenRefused) {
+      auto it = subscribers_.find(sub->name);
+      if (it != subscribers_.end() && it->second == sub) retireLocked(it);
+    }
+    room_.notify_all();
+    settled_.notify_all();
+    return false;
+  }
+}
+
+void ZRDeliveryLine::retireLocked(SubscriberMap::iterator it) {
+  it->second->active = false;
+  bury(it->second->queue);
+  subscribers_.erase(it);
+}
+
+void ZRDeliveryLine::bury(std::deque<Entry>& queue) {
+  for (Entry& e : queue) graveyard_.push_back(std::move(e));
+  queue.clear();
+}
+
+bool ZRDeliveryLine::idleLocked() const {
+  if (!current_.empty()) return false;
+  for (const auto& entry : subscribers_)
+    if (!entry.second->queue.empty() || entry.second->underWay > 0) return false;
+  return true;
+}
+
+void ZRDeliveryLine::drain(const SubscriberPtr& sub) {
+  std::vector<std::string> refusal;
+  for (int n = 0;; ++n) {
+    Entry entry;
+    std::list<Current>::iterator current;
+    std::vector<Entry> dead;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      dead.swap(graveyard_);
+      if (!sub->active || sub->queue.empty() || sub->underWay >= options_.localWindow) {
+        // Parked when its window is full: the call that ends schedules it again.
+        sub->scheduled = false;
+        settled_.notify_all();
+        return;
+      }
+      if (n == options_.batch) {
+        // Still scheduled: the next task goes on from here.
+        if (!scheduleLocked(sub, refusal)) break;
+        return;
+      }
+      entry = std::move(sub->queue.front());
+      sub->queue.pop_front();
+      ++sub->underWay;
+      current = current_.insert(current_.end(), Current{sub->name, {}, std::this_thread::get_id()});
+      if (waiting_ && sub->queue.size() <= options_.resumeAt) room_.notify_all();
+    }
+    runLocal(sub, entry, current);
+  }
+  emit(refusal);
+}
+
+void ZRDeliveryLine::runLocal(const SubscriberPtr& sub, Entry& entry,
+                              std::list<Current>::iterator current) {
+  auto call = std::make_shared<ZRDelivery>(std::move(entry.call));
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    current->calls.push_back(call.get());
+  }
+  auto failure = std::make_shared<std::string>();
+  std::weak_ptr<ZRDeliveryLine> weak = shared_from_this();
+  // Over once the call has returned and what it sent on is over too; the delivery that queued
+  // it is let go only then.
+  auto completion = std::make_shared<ZRCompletion>(
+      [weak, sub, call, failure, holds = std::move(entry.holds)]() mutable {
+        if (auto line = weak.lock()) {
+          const ZRError error(sub->name, call->method, *failure);
+          line->finished(sub, 1, *call, failure->empty() ? nullptr : &error, false);
+        }
+        holds.reset();
+      });
+  {
+    ZRDeliveryScope scope(ZRDeliveryContext{losslessFor(entry), std::move(completion)});
+    try {
+      sub->call(*call);
+    } catch (const std::exception& e) {
+      *failure = e.what();
+    } catch (...) {
+      *failure = "unknown exception";
+    }
+  }
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    current_.erase(current);
+  }
+  settled_.notify_all();
+}
+
+void ZRDeliveryLine::pump(const SubscriberPtr& sub) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (sub->pumping) return;  // that thread looks at the queue again before it stops
+    sub->pumping = true;
+  }
+  for (;;) {
+    struct Batch {
+      std::vector<ZRDelivery> calls;
+      std::vector<ZRCompletionToken> holds;
+    };
+    auto batch = std::make_shared<Batch>();
+    std::list<Current>::iterator current;
+    bool lossless = false;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (!sub->active || sub->queue.empty() || sub->underWay >= sub->window) {
+        sub->pumping = false;
+        return;
+      }
+      // One method per message; as many calls as wait, up to the batch.
+      const std::string method = sub->queue.front().call.method;
+      while (!sub->queue.empty() &&
+             batch->calls.size() < static_cast<std::size_t>(options_.messageBatch) &&
+             sub->queue.front().call.method == method) {
+        Entry& e = sub->queue.front();
+        lossless = lossless || losslessFor(e);
+        batch->calls.push_back(std::move(e.call));
+        if (e.holds) batch->holds.push_back(std::move(e.holds));
+        sub->queue.pop_front();
+      }
+      ++sub->underWay;
+      Current c{sub->name, {}, std::thread::id()};
+      for (const ZRDelivery& d : batch->calls) c.calls.push_back(&d);
+      current = current_.insert(current_.end(), std::move(c));
+      if (waiting_ && sub->queue.size() <= options_.resumeAt) room_.notify_all();
+    }
+    std::weak_ptr<ZRDeliveryLine> weak = shared_from_this();
+    auto once = std::make_shared<std::atomic<bool>>(false);
+    Done done = [weak, sub, batch, current, once](const ZRError* failure) {
+      if (once->exchange(true)) return;
+      if (auto line = weak.lock()) {
+        {
+          std::lock_guard<std::mutex> lock(line->mutex_);
+          line->current_.erase(current);
+        }
+        line->finished(sub, batch->calls.size(), batch->calls.front(), failure, true);
+      }
+      // The deliveries that queued these calls go on now, whoever still holds a copy of this.
+      std::vector<ZRCompletionToken> holds;
+      holds.swap(batch->holds);
+      batch->calls.clear();
+    };
+    try {
+      sub->send(batch->calls, lossless, done);
+    } catch (const std::exception& e) {
+      const ZRError error(sub->name, batch->calls.front().method, e.what());
+      done(&error);
+    }
+  }
+}
+
+void ZRDeliveryLine::finished(const SubscriberPtr& sub, std::size_t calls, const ZRDelivery& first,
+                              const ZRError* failure, bool remote) {
+  const bool gone = failure && sub->gone && sub->gone();
+  std::string warning;
+  std::vector<std::string> refusal;
+  std::vector<Entry> dead;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    --sub->underWay;
+    std::int64_t heldBack = 0;
+    if (!failure) {
+      sub->counts->delivered += static_cast<std::int64_t>(calls);
+    } else {
+      sub->counts->failed += static_cast<std::int64_t>(calls);
+      if (gone) {
+        if (options_.texts.gone) warning = options_.texts.gone(sub->name);
+        auto it = subscribers_.find(sub->name);
+        if (it != subscribers_.end() && it->second == sub) retireLocked(it);
+        sub->active = false;
+      } else if (sub->failureWarnings.allow(heldBack) && options_.texts.failed) {
+        warning = options_.texts.failed(sub->name, first, failure->getDescription(), heldBack);
+      }
+    }
+    // A drain parked on a full window goes on.
+    if (!remote && sub->active && !sub->scheduled && !sub->queue.empty())
+      scheduleLocked(sub, refusal);
+    if (gone && waiting_) room_.notify_all();  // it may be the one waited for
+    dead.swap(graveyard_);
+  }
+  // Warned about before anyone learns the call is over, so that whoever waits for idle sees it.
+  if (!warning.empty()) zrDeliveryWarn(options_.category, options_.deliverFunction, warning);
+  emit(refusal);
+  settled_.notify_all();
+  dead.clear();
+  if (remote) pump(sub);
 }
 
 }  // namespace detail

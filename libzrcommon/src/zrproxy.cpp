@@ -76,4 +76,8 @@ ZRValue ZRProxy::metaCall(std::string_view method, const ZRValue* args, std::siz
   }
 }
 
+void ZRProxy::send(std::string_view method, const ZRValue* args, std::size_t count) {
+  metaCall(method, args, count);
+}
+
 }  // namespace ZR

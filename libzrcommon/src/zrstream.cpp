@@ -1,73 +1,101 @@
+// A stream of one-way messages to another host: each message waits for its credit, which says
+// the receiver is done with it (and with what it set off, when it was lossless).
+
 #include <zrcommon/detail/zrstream.h>
 
-#include <zrerror/zrerror.h>
 #include <zrnet/zrtransport.h>
 
 namespace ZR {
 namespace detail {
 
+namespace {
+const char* const kModuleDestroyed = "module destroyed";
+}
+
 ZRStreamSender::ZRStreamSender(std::weak_ptr<ZRTransport> transport, std::string endpoint,
-                               std::string stream, int window)
+                               std::string stream)
     : transport_(std::move(transport)),
       endpoint_(std::move(endpoint)),
-      stream_(std::move(stream)),
-      window_(window < 1 ? 1 : window) {}
+      stream_(std::move(stream)) {}
 
-void ZRStreamSender::send(const std::vector<std::string>& modules, const std::string& method,
-                          std::vector<ZRValue> calls) {
-  const std::string module = modules.empty() ? std::string() : modules.front();
+ZRStreamSender::~ZRStreamSender() {
+  failAll(false);
+}
+
+void ZRStreamSender::send(const std::string& module, const std::string& method,
+                          std::vector<ZRValue> args, bool lossless, Done done) {
+  std::shared_ptr<ZRTransport> transport = transport_.lock();
   {
     std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [&] { return lost_ || closed_ || unanswered_ < window_; });
-    if (lost_ || closed_) throw ZRError(module, method, "module destroyed");
-    ++unanswered_;
+    if (!lost_ && !closed_ && transport) {
+      ZRSendOptions o;
+      o.stream = stream_;
+      o.seq = nextSeq_++;
+      o.lossless = lossless;
+      unanswered_.push_back(Unanswered{o.seq, module, method, std::move(done), std::nullopt});
+      // Under the lock: the messages of a stream leave in the order of their numbers.
+      transport->send(endpoint_, module, method, std::move(args), o);
+      return;
+    }
+    if (!transport) lost_ = true;
   }
-  std::shared_ptr<ZRTransport> transport = transport_.lock();
-  if (!transport) {
-    lose();
-    throw ZRError(module, method, "module destroyed");
-  }
+  const ZRError gone(module, method, kModuleDestroyed);
+  if (done) done(&gone);
+}
+
+void ZRStreamSender::sendCalls(const std::vector<std::string>& modules, const std::string& method,
+                               std::vector<ZRValue> calls, bool lossless, Done done) {
   ZRValue names;
   names.arraySetSize(static_cast<int>(modules.size()));
   for (std::size_t i = 0; i < modules.size(); ++i) names[static_cast<int>(i)] = modules[i];
   calls.insert(calls.begin(), std::move(names));
-  // An empty module name: the receiving host fans the message out to the named modules.
-  transport->send(endpoint_, "", method, std::move(calls), stream_);
-}
-
-bool ZRStreamSender::waitUntilDrained(const std::atomic<bool>* stop) {
-  std::unique_lock<std::mutex> lock(mutex_);
-  changed_.wait(lock, [&] { return lost_ || closed_ || unanswered_ == 0 || (stop && *stop); });
-  return unanswered_ == 0;
+  send("", method, std::move(calls), lossless, std::move(done));
 }
 
 void ZRStreamSender::grant(std::uint32_t credits) {
+  std::vector<Unanswered> answered;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    unanswered_ -= std::min<int>(unanswered_, static_cast<int>(credits));
+    while (credits-- > 0 && !unanswered_.empty()) {
+      answered.push_back(std::move(unanswered_.front()));
+      unanswered_.pop_front();
+    }
   }
-  changed_.notify_all();
+  for (Unanswered& u : answered)
+    if (u.done) u.done(u.error ? &*u.error : nullptr);
+}
+
+void ZRStreamSender::error(std::uint64_t seq, const ZRError& error) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (Unanswered& u : unanswered_) {
+    if (u.seq != seq) continue;
+    u.error = error;
+    return;
+  }
 }
 
 void ZRStreamSender::lose() {
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    lost_ = true;
-  }
-  changed_.notify_all();
+  failAll(true);
 }
 
 void ZRStreamSender::close() {
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    closed_ = true;
-  }
-  changed_.notify_all();
+  failAll(false);
 }
 
-void ZRStreamSender::wake() {
-  { std::lock_guard<std::mutex> lock(mutex_); }
-  changed_.notify_all();
+void ZRStreamSender::failAll(bool lost) {
+  std::deque<Unanswered> failed;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (lost)
+      lost_ = true;
+    else
+      closed_ = true;
+    failed.swap(unanswered_);
+  }
+  for (Unanswered& u : failed) {
+    const ZRError gone(u.module.empty() ? stream_ : u.module, u.method, kModuleDestroyed);
+    if (u.done) u.done(&gone);
+  }
 }
 
 bool ZRStreamSender::isLost() const {

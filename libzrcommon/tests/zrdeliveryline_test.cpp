@@ -13,8 +13,12 @@
 
 namespace {
 
-using Line = ZR::detail::ZRDeliveryLine<int>;
+using Line = ZR::detail::ZRDeliveryLine;
+using ZR::detail::ZRCompletion;
+using ZR::detail::ZRDelivery;
+using ZR::detail::ZRDeliveryContext;
 using ZR::detail::ZRDeliveryPolicy;
+using ZR::detail::ZRDeliveryScope;
 using namespace std::chrono_literals;
 
 // An executor the test runs by hand, so that what is queued and what runs is never a race.
@@ -41,8 +45,14 @@ struct Manual {
   }
 };
 
-Line::Sink into(std::vector<int>& items) {
-  return [&items](int& i) { items.push_back(i); };
+ZRDelivery call(int i, const std::string& method = "m") {
+  return ZRDelivery{method, {ZR::ZRValue(i)}};
+}
+int numberOf(const ZRDelivery& d) {
+  return d.args.at(0).toInt();
+}
+Line::Call into(std::vector<int>& items) {
+  return [&items](ZRDelivery& d) { items.push_back(numberOf(d)); };
 }
 
 std::shared_ptr<Line> makeLine(ZRDeliveryPolicy policy, std::size_t capacity,
@@ -51,13 +61,16 @@ std::shared_ptr<Line> makeLine(ZRDeliveryPolicy policy, std::size_t capacity,
   o.policy = policy;
   o.capacity = capacity;
   o.resumeAt = 1;
+  o.messageBatch = 3;
+  o.localWindow = 2;
   o.category = "test.line";
   o.clock = std::move(clock);
   o.texts.dropped = [](const std::string& s, std::int64_t n, std::int64_t held) {
     return s + " dropped " + std::to_string(n) + " held " + std::to_string(held);
   };
-  o.texts.failed = [](const std::string& s, const int& i, const std::string& why, std::int64_t) {
-    return s + " failed " + std::to_string(i) + ": " + why;
+  o.texts.failed = [](const std::string& s, const ZRDelivery& d, const std::string& why,
+                      std::int64_t) {
+    return s + " failed " + std::to_string(numberOf(d)) + ": " + why;
   };
   o.texts.gone = [](const std::string& s) { return s + " gone"; };
   return std::make_shared<Line>(std::move(o));
@@ -71,17 +84,46 @@ Counts countsOf(Line& line, const std::string& name) {
   return {c.delivered, c.dropped, c.failed, c.mostQueued};
 }
 
+// A remote subscriber whose batches the test answers by hand.
+struct Remote {
+  std::mutex mutex;
+  std::deque<std::pair<std::vector<int>, Line::Done>> sent;
+  std::vector<bool> lossless;
+  Line::Send send() {
+    return [this](const std::vector<ZRDelivery>& batch, bool isLossless, Line::Done done) {
+      std::vector<int> numbers;
+      for (const ZRDelivery& d : batch) numbers.push_back(numberOf(d));
+      std::lock_guard<std::mutex> lock(mutex);
+      sent.emplace_back(std::move(numbers), std::move(done));
+      lossless.push_back(isLossless);
+    };
+  }
+  std::vector<std::vector<int>> batches() {
+    std::lock_guard<std::mutex> lock(mutex);
+    std::vector<std::vector<int>> out;
+    for (auto& s : sent) out.push_back(s.first);
+    return out;
+  }
+  void answer(std::size_t index, const ZR::ZRError* failure = nullptr) {
+    Line::Done done;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      done = sent.at(index).second;
+    }
+    done(failure);
+  }
+};
+
 TEST(ZRDeliveryLine, LosslessBoundsItsQueueAndTheProducerWaitsUntilRoomOrLeave) {
   Manual run;
   std::vector<int> seen;
   auto line = makeLine(ZRDeliveryPolicy::Lossless, 3);
   ASSERT_TRUE(line->add("a", run.post(), into(seen)));
-  for (int i = 0; i < 3; ++i) EXPECT_TRUE(line->tryPublish(i));
-  EXPECT_FALSE(line->tryPublish(99)) << "a full queue takes nothing more and drops nothing";
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(line->publish(call(i)));
   EXPECT_EQ(line->queued("a"), 3u);
 
   // Full: the producer waits, and goes on once the queue is down to resumeAt (1).
-  auto producer = std::async(std::launch::async, [&] { return line->publish(3); });
+  auto producer = std::async(std::launch::async, [&] { return line->publish(call(3)); });
   ASSERT_TRUE(line->waitUntilProducerWaits(10s));
   run.runOne();
   run.runOne();
@@ -92,9 +134,9 @@ TEST(ZRDeliveryLine, LosslessBoundsItsQueueAndTheProducerWaitsUntilRoomOrLeave) 
   EXPECT_EQ(countsOf(*line, "a"), (Counts{4, 0, 0, 3}));
 
   // A subscriber that leaves while the producer waits for it lets the producer go.
-  for (int i = 0; i < 3; ++i) line->tryPublish(i);
+  for (int i = 0; i < 3; ++i) line->publish(call(i));
   std::atomic<bool> stop{false};
-  auto blocked = std::async(std::launch::async, [&] { return line->publish(7, &stop); });
+  auto blocked = std::async(std::launch::async, [&] { return line->publish(call(7), &stop); });
   ASSERT_TRUE(line->waitUntilProducerWaits(10s));
   line->remove("a");
   if (blocked.wait_for(10s) != std::future_status::ready) {
@@ -106,8 +148,8 @@ TEST(ZRDeliveryLine, LosslessBoundsItsQueueAndTheProducerWaitsUntilRoomOrLeave) 
 
   // So does a stop flag with wake().
   ASSERT_TRUE(line->add("b", run.post(), into(seen)));
-  for (int i = 0; i < 3; ++i) line->tryPublish(i);
-  auto stopped = std::async(std::launch::async, [&] { return line->publish(8, &stop); });
+  for (int i = 0; i < 3; ++i) line->publish(call(i));
+  auto stopped = std::async(std::launch::async, [&] { return line->publish(call(8), &stop); });
   ASSERT_TRUE(line->waitUntilProducerWaits(10s));
   stop = true;
   line->wake();
@@ -123,9 +165,9 @@ TEST(ZRDeliveryLine, DropOldestCountsAndWarnsAtMostOnceAnInterval) {
   std::vector<int> seen;
   auto line = makeLine(ZRDeliveryPolicy::DropOldest, 2, [&] { return now; });
   line->add("a", run.post(), into(seen));
-  for (int i = 0; i < 6; ++i) EXPECT_TRUE(line->publish(i));  // never waits
+  for (int i = 0; i < 6; ++i) EXPECT_TRUE(line->publish(call(i)));  // never waits
   now += 1s;
-  line->publish(6);
+  line->publish(call(6));
   run.runAll();
   EXPECT_EQ(seen, (std::vector<int>{5, 6}));
   EXPECT_EQ(countsOf(*line, "a"), (Counts{2, 5, 0, 2}));
@@ -139,20 +181,20 @@ TEST(ZRDeliveryLine, FailuresAreNotDeliveriesAGoneSubscriberLeavesASecondAddKeep
   auto line = makeLine(ZRDeliveryPolicy::Lossless, 8);
   bool gone = false;
   std::vector<int> first, second;
-  line->add("odd", run.post(), [](int& i) {
-    if (i % 2) throw ZR::ZRError("odd", "sink", "odd item");
+  line->add("odd", run.post(), [](ZRDelivery& d) {
+    if (numberOf(d) % 2) throw ZR::ZRError("odd", "sink", "odd item");
   });
   line->add(
-      "gone", run.post(), [](int&) { throw std::runtime_error("no such module"); },
+      "gone", run.post(), [](ZRDelivery&) { throw std::runtime_error("no such module"); },
       [&] { return gone; });
   ASSERT_TRUE(line->add("a", run.post(), into(first)));
-  line->publish(1);
+  line->publish(call(1));
   EXPECT_FALSE(line->add("a", run.post(), into(second)));
-  line->publish(2);
+  line->publish(call(2));
   run.runAll();
   gone = true;
-  line->publish(3);
-  line->publish(4);
+  line->publish(call(3));
+  line->publish(call(4));
   run.runAll();
   EXPECT_EQ(first, (std::vector<int>{1, 2, 3, 4}));
   EXPECT_TRUE(second.empty());
@@ -166,44 +208,123 @@ TEST(ZRDeliveryLine, FailuresAreNotDeliveriesAGoneSubscriberLeavesASecondAddKeep
   // Counts outlive a leave.
   line->remove("a");
   line->add("a", run.post(), into(second));
-  line->publish(5);
+  line->publish(call(5));
   run.runAll();
   EXPECT_EQ(countsOf(*line, "a")[0], 5);
 }
 
-TEST(ZRDeliveryLine, IdleOnlyOnceTheLastSinkReturnedAndDiscardWaitsForItsItem) {
+TEST(ZRDeliveryLine, IdleOnlyOnceTheLastCallReturnedAndDiscardWaitsForItsCall) {
   Manual run;
   auto line = makeLine(ZRDeliveryPolicy::Lossless, 8);
   std::vector<bool> idleInside;
-  line->add("a", run.post(), [&](int&) { idleInside.push_back(line->isIdle()); });
-  line->publish(1);
-  line->publish(2);
+  line->add("a", run.post(), [&](ZRDelivery&) { idleInside.push_back(line->isIdle()); });
+  line->publish(call(1));
+  line->publish(call(2));
   EXPECT_FALSE(line->isIdle());
   run.runAll();
   EXPECT_EQ(idleInside, (std::vector<bool>{false, false}));
   EXPECT_TRUE(line->waitUntilIdle(10s));
 
-  // An item running on another thread: discard(…, true) returns only once it is over. Its match
-  // opens the gate when it sees that item running, so a discard that does not wait returns first.
+  // A call running on another thread: discard(…, true) returns only once it is over. Its match
+  // opens the gate when it sees that call running, so a discard that does not wait returns first.
   zrtest::Signal entered, gate;
   std::atomic<bool> over{false};
-  line->add("b", run.post(), [&](int& i) {
-    if (i != 5) return;
+  line->add("b", run.post(), [&](ZRDelivery& d) {
+    if (numberOf(d) != 5) return;
     entered.notify();
     gate.waitFor();
     over = true;
   });
-  line->publish(5);
-  line->publish(6);
+  line->publish(call(5));
+  line->publish(call(6));
   std::thread worker([&] { run.runAll(); });
   ASSERT_TRUE(entered.waitFor());
-  EXPECT_EQ(line->discard("b", [](const int& i) { return i == 6; }), 1u);
+  EXPECT_EQ(line->discard("b", [](const ZRDelivery& d) { return numberOf(d) == 6; }), 1u);
   line->discard(
-      "b", [&](const int& i) { return i == 5 && (gate.notify(), true); }, true);
-  EXPECT_TRUE(over) << "discard returned while its item still ran";
+      "b", [&](const ZRDelivery& d) { return numberOf(d) == 5 && (gate.notify(), true); }, true);
+  EXPECT_TRUE(over) << "discard returned while its call still ran";
   gate.notify();  // for a discard that did not wait
   worker.join();
   EXPECT_EQ(countsOf(*line, "b")[0], 1);
+}
+
+TEST(ZRDeliveryLine, ARemoteSubscriberGetsBatchesOfOneMethodWithinItsWindowAndWaitersSeeThem) {
+  auto line = makeLine(ZRDeliveryPolicy::DropOldest, 16);
+  Remote remote;
+  ASSERT_TRUE(line->addRemote("r", remote.send(), 2));
+  // The first goes at once; what waits behind a full window goes in batches of the same method.
+  line->publish(call(1));
+  line->publish(call(2));
+  for (int i = 3; i <= 7; ++i) line->publish(call(i));
+  line->publish(call(8, "other"));
+  EXPECT_EQ(remote.batches(), (std::vector<std::vector<int>>{{1}, {2}}));
+  EXPECT_FALSE(line->isIdle());
+  remote.answer(0);
+  EXPECT_EQ(remote.batches().back(), (std::vector<int>{3, 4, 5}));
+  const ZR::ZRError failure("r", "m", "it threw there");
+  remote.answer(1, &failure);
+  remote.answer(2);
+  remote.answer(3);
+  EXPECT_EQ(remote.batches().back(), (std::vector<int>{8}));
+  EXPECT_EQ(countsOf(*line, "r"), (Counts{6, 0, 1, 6}));
+
+  // Waiting for a call counts it until its host answered.
+  std::atomic<bool> waited{false};
+  std::thread waiter([&] {
+    line->awaitCurrent("r", [](const ZRDelivery& d) { return d.method == "other"; });
+    waited = true;
+  });
+  remote.answer(4);  // whenever the waiter looked, the call is over now
+  waiter.join();
+  EXPECT_TRUE(waited);
+  EXPECT_TRUE(line->waitUntilIdle(10s));
+  EXPECT_EQ(remote.lossless, (std::vector<bool>(5, false)));
+}
+
+TEST(ZRDeliveryLine, ALosslessDeliveryIsHeldUntilWhatItQueuedIsDeliveredAndLosesNothing) {
+  Manual run;
+  auto events = makeLine(ZRDeliveryPolicy::DropOldest, 2);
+  std::vector<int> seen;
+  events->add("local", run.post(), into(seen));
+  Remote remote;
+  events->addRemote("remote", remote.send(), 4);
+
+  std::atomic<bool> over{false};
+  {
+    auto completion = std::make_shared<ZRCompletion>([&] { over = true; });
+    ZRDeliveryScope scope(ZRDeliveryContext{true, std::move(completion)});
+    for (int i = 0; i < 5; ++i) events->publish(call(i));  // beyond capacity: nothing dropped
+  }
+  EXPECT_FALSE(over) << "over before its calls were delivered";
+  run.runAll();
+  EXPECT_EQ(seen, (std::vector<int>{0, 1, 2, 3, 4}));
+  EXPECT_FALSE(over) << "over before the other host answered";
+  for (std::size_t i = 0; i < remote.batches().size(); ++i) remote.answer(i);
+  EXPECT_TRUE(over);
+  EXPECT_EQ(remote.lossless.front(), true);
+  EXPECT_EQ(countsOf(*events, "local"), (Counts{5, 0, 0, 5}));
+
+  // A lossless call on a local subscriber holds its window until what it queued is over: the
+  // drain parks at the window (2) and goes on when one ends.
+  auto buffers = makeLine(ZRDeliveryPolicy::Lossless, 8);
+  std::vector<std::shared_ptr<ZRCompletion>> children;
+  buffers->add("x", run.post(), [&](ZRDelivery&) {
+    children.push_back(ZR::detail::ZRDeliveryContext::current()->completion);
+  });
+  {
+    ZRDeliveryScope scope(ZRDeliveryContext{true, nullptr});
+    for (int i = 0; i < 4; ++i) buffers->publish(call(i));
+  }
+  run.runAll();
+  EXPECT_EQ(children.size(), 2u);
+  children.front().reset();
+  run.runAll();
+  EXPECT_EQ(children.size(), 3u);
+  children.clear();
+  run.runAll();
+  children.clear();  // the last one's
+  EXPECT_TRUE(buffers->waitUntilIdle(10s));
+  EXPECT_EQ(countsOf(*buffers, "x")[0], 4);
 }
 
 }  // namespace

@@ -131,7 +131,7 @@ class ZRBroker : public boost::enable_shared_from_this<ZRBroker> {
   ZRBroker(const std::string& name, int threads);
   void startNetwork(const ZRBrokerOptions& options);
   struct Impl;
-  std::unique_ptr<Impl> impl_;
+  std::shared_ptr<Impl> impl_;
 };
 
 }  // namespace ZR

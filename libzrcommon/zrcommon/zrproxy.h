@@ -69,6 +69,19 @@ class ZRProxy {
 
   /// The dynamic form: arguments and result as values.
   virtual ZRValue metaCall(std::string_view method, const ZRValue* args, std::size_t count);
+
+  /// One way: runs `method` with `args` without waiting for its result, in order with this
+  /// proxy's other calls. In process it is metaCall: it runs at once on the caller's thread and
+  /// throws what the method throws. To a module of another host it goes on a stream of this
+  /// proxy's own, and waits only while that stream is full (never inside a lossless delivery);
+  /// an error the module raises is logged and counted on this host, and thrown by this proxy's
+  /// next send.
+  virtual void send(std::string_view method, const ZRValue* args, std::size_t count);
+  template <class... Args>
+  void sendArgs(std::string_view method, const Args&... args) {
+    std::array<ZRValue, sizeof...(Args)> argv{vo::toArgument(args)...};
+    send(method, argv.data(), argv.size());
+  }
   ZRValue callValues(const std::string& method, const std::vector<ZRValue>& args) {
     return metaCall(method, args.data(), args.size());
   }

@@ -128,12 +128,24 @@ void packEnvelope(Packer& pk, const Message& m) {
       packStr(pk, "description", m.description);
       break;
     case MsgType::Data:
-      pk.pack_map(5);
+      pk.pack_map(m.lossless ? 6 : 5);
       packStr(pk, "stream", m.stream);
       packUint(pk, "seq", m.seq);
       packStr(pk, "module", m.module);
       packStr(pk, "method", m.method);
       packStr(pk, "caller", m.caller);
+      if (m.lossless) {
+        pk.pack("lossless");
+        pk.pack_true();
+      }
+      break;
+    case MsgType::StreamError:
+      pk.pack_map(5);
+      packStr(pk, "stream", m.stream);
+      packUint(pk, "seq", m.seq);
+      packStr(pk, "module", m.module);
+      packStr(pk, "method", m.method);
+      packStr(pk, "description", m.description);
       break;
     case MsgType::Credit:
       pk.pack_map(2);
@@ -197,6 +209,13 @@ struct Envelope {
     if (o->type != msgpack::type::POSITIVE_INTEGER || o->via.u64 > max)
       r.fail(std::string("envelope field \"") + key + "\" is not an unsigned integer in range");
     return o->via.u64;
+  }
+  bool boolField(const char* key, const Reader& r) const {
+    const msgpack::object* o = find(key);
+    if (!o) return false;
+    if (o->type != msgpack::type::BOOLEAN)
+      r.fail(std::string("envelope field \"") + key + "\" is not a boolean");
+    return o->via.boolean;
   }
   std::string strField(const char* key, const Reader& r) const {
     const msgpack::object* o = find(key);
@@ -310,6 +329,8 @@ const char* msgTypeName(MsgType type) noexcept {
       return "ping";
     case MsgType::Bye:
       return "bye";
+    case MsgType::StreamError:
+      return "stream error";
   }
   return "unknown";
 }
@@ -362,7 +383,7 @@ Message decode(Frames& frames, std::size_t maxMessageSize) {
            ", this host speaks version " + std::to_string(kProtocolVersion));
   Message m;
   m.type = static_cast<MsgType>(h[3]);
-  if (h[3] < static_cast<int>(MsgType::Hello) || h[3] > static_cast<int>(MsgType::Bye))
+  if (h[3] < static_cast<int>(MsgType::Hello) || h[3] > static_cast<int>(MsgType::StreamError))
     r.fail("unknown message type " + std::to_string(h[3]));
   m.flags = h[4];
   if (m.flags != 0) r.fail("unknown flags " + std::to_string(m.flags));
@@ -409,6 +430,14 @@ Message decode(Frames& frames, std::size_t maxMessageSize) {
       m.module = env.strField("module", r);
       m.method = env.strField("method", r);
       m.caller = env.strField("caller", r);
+      m.lossless = env.boolField("lossless", r);
+      break;
+    case MsgType::StreamError:
+      m.stream = env.strField("stream", r);
+      m.seq = env.uintField("seq", r, u64);
+      m.module = env.strField("module", r);
+      m.method = env.strField("method", r);
+      m.description = env.strField("description", r);
       break;
     case MsgType::Credit:
       m.stream = env.strField("stream", r);

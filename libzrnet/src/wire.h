@@ -16,7 +16,7 @@
 namespace ZR {
 namespace net {
 
-constexpr std::uint8_t kProtocolVersion = 1;
+constexpr std::uint8_t kProtocolVersion = 2;
 constexpr std::size_t kHeaderSize = 5;
 constexpr std::size_t kDefaultMaxMessageSize = 64u << 20;
 /// Extension type of a binary reference inside msgpack arguments.
@@ -35,6 +35,7 @@ enum class MsgType : std::uint8_t {
   Credit = 7,
   Ping = 8,
   Bye = 9,
+  StreamError = 10,
 };
 /// "hello", "call", ...; "unknown" for anything else.
 const char* msgTypeName(MsgType type) noexcept;
@@ -45,15 +46,16 @@ struct Message {
   MsgType type = MsgType::Ping;
   std::uint8_t flags = 0;
   std::uint64_t id = 0;           // call, reply, error, cancel
-  std::uint64_t seq = 0;          // call, data
+  std::uint64_t seq = 0;          // call, data, stream error
   std::uint32_t deadlineMs = 0;   // call; 0: none
   std::uint32_t heartbeatMs = 0;  // hello
   std::uint32_t credits = 0;      // credit
   std::string host, endpoint;     // hello
-  std::string module, method;     // call, data, error
+  std::string module, method;     // call, data, error, stream error
   std::string caller;             // call, data
-  std::string description;        // error
-  std::string stream;             // data, credit
+  std::string description;        // error, stream error
+  std::string stream;             // data, credit, stream error
+  bool lossless = false;          // data
   std::vector<ZRValue> args;      // call, data
   ZRValue value;                  // reply
 };

@@ -3,6 +3,8 @@
 
 #include <zrnet/zrdirectory.h>
 
+#include "executors.h"
+
 #include <unistd.h>
 
 #include <condition_variable>
@@ -44,7 +46,7 @@ struct Host {
       : transport(
             options(name, "tcp://127.0.0.1:0"),
             [](const ZRIncomingCall& c) -> ZRValue { throw ZRError(c.module, c.method, "none"); },
-            [this](std::function<void()> t) { boost::asio::post(pool, std::move(t)); }),
+            zrtest::poolExecutors(pool)),
         client(transport, directory, name, kBeat) {
     client.setListener([this](const ZRDirectoryEntry& e, bool added) {
       std::lock_guard<std::mutex> lock(mutex);
@@ -67,8 +69,9 @@ struct DirectoryHost {
   ZRTransport transport;
   explicit DirectoryHost(const std::string& endpoint)
       : transport(
-            options("dir", endpoint), [this](const ZRIncomingCall& c) { return server.handle(c); },
-            [this](std::function<void()> t) { boost::asio::post(pool, std::move(t)); }) {}
+            options("dir", endpoint),
+            ZRTransport::SyncHandler([this](const ZRIncomingCall& c) { return server.handle(c); }),
+            zrtest::poolExecutors(pool)) {}
 };
 
 TEST(Directory, HostsSeeEachOthersNamesConflictsLateJoinersLeasesAndRestarts) {

@@ -1,8 +1,12 @@
 #pragma once
 
 // Golden messages, one per message type: the wire test checks their bytes, the fuzzer starts
-// from them. Frames are written in hex, separated by '|'.
+// from them. The bytes come from the protocol document's tables (ZR_PROTOCOL_DOC), their only
+// copy; the messages they stand for are built here. Frames are written in hex, separated by '|'.
 
+#include <fstream>
+#include <map>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -44,6 +48,32 @@ inline Frames fromHex(const std::string& hex) {
     }
   }
   return frames;
+}
+
+/// The rows of the table that follows `heading` in the protocol document: first cell -> the
+/// backquoted hex of the second, frames joined by '|'.
+inline std::map<std::string, std::string> goldenTable(const std::string& heading) {
+  std::ifstream in(ZR_PROTOCOL_DOC);
+  if (!in) throw std::runtime_error(std::string("cannot read ") + ZR_PROTOCOL_DOC);
+  std::map<std::string, std::string> rows;
+  bool inSection = false;
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind(heading, 0) == 0) inSection = true;
+    if (!inSection) continue;
+    if (!rows.empty() && line.empty()) break;  // the table ended
+    if (line.rfind("| ", 0) != 0 || line.find('`') == std::string::npos) continue;
+    const std::size_t split = line.find(" | `");
+    const std::string label = line.substr(2, split - 2);
+    std::string hex;
+    for (std::size_t at = line.find('`', split); at != std::string::npos;) {
+      const std::size_t end = line.find('`', at + 1);
+      hex += (hex.empty() ? "" : "|") + line.substr(at + 1, end - at - 1);
+      at = line.find('`', end + 1);
+    }
+    rows[label] = hex;
+  }
+  if (rows.empty()) throw std::runtime_error("no table after \"" + heading + "\"");
+  return rows;
 }
 
 struct GoldenMessage {
@@ -90,32 +120,37 @@ inline std::vector<GoldenMessage> goldenMessages() {
   credit.type = MsgType::Credit;
   credit.stream = "s";
   credit.credits = 4;
+  Message lossless = data;
+  lossless.lossless = true;
   Message ping, bye;
   ping.type = MsgType::Ping;
   bye.type = MsgType::Bye;
-  // Envelope keys, as msgpack strings.
-  const std::string id = "a26964", seq = "a3736571", module = "a66d6f64756c65a14d",
-                    method = "a66d6574686f64a16d", caller = "a663616c6c6572a163",
-                    stream = "a673747265616da173";
-  return {
-      {"hello", hello,
-       "5a52010100|83a4686f7374a168a8656e64706f696e74a165a9686561727462656174ccfa|c0"},
-      {"call", call,
-       "5a52010200|85" + id + "07" + seq + "01" + module + method + caller + "|9201a178"},
-      {"call with deadline", timed,
-       "5a52010200|86" + id + "07" + seq + "01" + module + method + caller +
-           "a8646561646c696e65cd01f4|9201a178"},
-      {"reply", reply, "5a52010300|81" + id + "07|03"},
-      {"error", error,
-       "5a52010400|84" + id + "07" + module + method + "ab6465736372697074696f6ea4626f6f6d|c0"},
-      {"cancel", cancel, "5a52010500|81" + id + "07|c0"},
-      {"data", data,
-       "5a52010600|85" + stream + seq + "02" + module + method + caller +
-           "|91d7010000000000000002|abcd"},
-      {"credit", credit, "5a52010700|82" + stream + "a76372656469747304|c0"},
-      {"ping", ping, "5a52010800|80|c0"},
-      {"bye", bye, "5a52010900|80|c0"},
+  Message streamError = make(MsgType::StreamError);
+  streamError.seq = 2;
+  streamError.description = "boom";
+  const std::vector<std::pair<const char*, Message>> messages = {
+      {"hello host \"h\", endpoint \"e\", heartbeat 250", hello},
+      {"call id 7, seq 1, module \"M\", method \"m\", caller \"c\", args [1, \"x\"]", call},
+      {"the same call with deadline 500", timed},
+      {"reply id 7, value 3", reply},
+      {"error id 7, \"M\", \"m\", \"boom\"", error},
+      {"cancel id 7", cancel},
+      {"data stream \"s\", seq 2, \"M\", \"m\", \"c\", args [binary ab cd]", data},
+      {"the same data, lossless", lossless},
+      {"credit stream \"s\", 4 credits", credit},
+      {"ping", ping},
+      {"bye", bye},
+      {"stream error stream \"s\", seq 2, \"M\", \"m\", \"boom\"", streamError},
   };
+  const std::map<std::string, std::string> table = goldenTable("## Golden messages");
+  std::vector<GoldenMessage> out;
+  for (const auto& [label, message] : messages) {
+    auto row = table.find(label);
+    if (row == table.end()) throw std::runtime_error(std::string("no golden row: ") + label);
+    out.push_back({label, message, row->second});
+  }
+  if (out.size() != table.size()) throw std::runtime_error("a golden row has no message here");
+  return out;
 }
 
 }  // namespace net

@@ -15,6 +15,7 @@
 #include <boost/asio/thread_pool.hpp>
 #include <zmq_addon.hpp>
 
+#include "executors.h"
 #include "wire.h"
 #include "zrtest.h"
 
@@ -30,14 +31,12 @@ const auto kHangGuard = std::chrono::seconds(10);        // far beyond any answe
 
 struct Pool {
   boost::asio::thread_pool pool{4};
-  ZRTransport::Executor executor() {
-    return [this](std::function<void()> task) {
-      boost::asio::post(pool, [task = std::move(task)] {
-        onExecutor = true;
-        task();
-        onExecutor = false;
-      });
-    };
+  ZRTransportExecutors executor() {
+    return zrtest::poolExecutors(pool, [](const std::function<void()>& task) {
+      onExecutor = true;
+      task();
+      onExecutor = false;
+    });
   }
 };
 
@@ -51,7 +50,8 @@ ZRTransportOptions options(const std::string& host,
 }
 
 ZRTransport::CallHandler noCalls() {
-  return [](const ZRIncomingCall& c) -> ZRValue { throw ZRError(c.module, c.method, "no calls"); };
+  return ZRTransport::answering(
+      [](const ZRIncomingCall& c) -> ZRValue { throw ZRError(c.module, c.method, "no calls"); });
 }
 
 std::string describe(const ZRError& e) {
@@ -284,23 +284,23 @@ Frames withVersion(Frames frames, std::uint8_t version) {
 TEST(Transport, AnotherProtocolVersionIsRefusedNamingBothVersions) {
   Pool pool;
   const std::string mismatch =
-      "protocol version mismatch: peer speaks version 2, this host speaks version 1";
-  // Calling a host of version 2.
+      "protocol version mismatch: peer speaks version 1, this host speaks version 2";
+  // Calling a host of version 1.
   ZRTransport caller(options("A", ""), noCalls(), pool.executor());
   RawCallee raw;
   auto f = caller.callAsync(raw.endpoint, "M", "m", {});
   std::string id;
   raw.receive(id);
-  raw.send(id, withVersion(encode(helloFrom("raw")), 2));
+  raw.send(id, withVersion(encode(helloFrom("raw")), 1));
   EXPECT_EQ(describe(errorOfFuture(f)), "M|m|" + mismatch);
 
-  // Called by a client of version 2.
+  // Called by a client of version 1.
   ZRTransport callee(options("B"), noCalls(), pool.executor());
   zmq::context_t ctx;
   zmq::socket_t dealer(ctx, zmq::socket_type::dealer);
   dealer.set(zmq::sockopt::rcvtimeo, static_cast<int>(kHangGuard.count() * 1000));
   dealer.connect(callee.endpoint());
-  Frames hello = withVersion(encode(helloFrom("old")), 2);
+  Frames hello = withVersion(encode(helloFrom("old")), 1);
   zmq::send_multipart(dealer, hello);
   Frames answer;
   ASSERT_TRUE(zmq::recv_multipart(dealer, std::back_inserter(answer)));

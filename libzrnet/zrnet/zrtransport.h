@@ -1,5 +1,8 @@
 #pragma once
 
+// The transport of one process: calls and one-way streams to the modules of other hosts, and
+// theirs to this host's modules, over ZeroMQ. docs/protocol.md is the wire contract.
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -29,7 +32,7 @@ struct ZRTransportOptions {
   /// Larger incoming messages are refused.
   std::size_t maxMessageSize = 64u << 20;
   /// Modules whose calls are answered on the I/O thread, not on the executor. Only for handlers
-  /// that return at once and never wait (the directory): the executor's tasks may be waiting for
+  /// that answer at once and never wait (the directory): the executor's tasks may be waiting for
   /// the very names such a module publishes.
   std::set<std::string> answeredOnIoThread;
 
@@ -43,15 +46,34 @@ struct ZRTransportOptions {
   std::vector<std::string> allowedClientKeys;
 };
 
-/// A call that another host makes on one of this host's modules.
+/// A call, or a one-way message, that another host sends to one of this host's modules.
 struct ZRIncomingCall {
   std::string module, method, caller;
   /// The calling host, as it named itself.
   std::string peerHost;
   std::vector<ZRValue> args;
-  /// One-way messages only: the stream they belong to (empty: none), and the connection they
-  /// came on, to grant that stream credit (see ZRTransport::credit).
-  std::string stream, connection;
+  /// One-way messages: no result goes back. `stream` names the sender's stream (empty: none);
+  /// `lossless` says the sender's data must not be dropped on the way on.
+  bool oneWay = false;
+  std::string stream;
+  bool lossless = false;
+};
+
+/// The answer to one incoming call or one-way message, given exactly once, from any thread, at
+/// once or later. For a call it is the reply or the error; for a one-way message of a named
+/// stream it grants that stream its credit (credits go out in the order the messages came), after
+/// a stream error when it failed. An answer dropped without being given fails the call.
+class ZRAnswer {
+ public:
+  ZRAnswer() = default;
+  void reply(ZRValue result = ZRValue()) const;
+  void fail(const ZRError& error) const;
+  explicit operator bool() const { return static_cast<bool>(state_); }
+
+ private:
+  friend class ZRTransport;
+  struct State;
+  std::shared_ptr<State> state_;
 };
 
 /// Per-call choices of a caller.
@@ -63,28 +85,56 @@ struct ZRCallOptions {
   std::string caller;
 };
 
-/// The transport of one process: calls to modules of other hosts by endpoint, and calls from
-/// them to this host's modules.
+/// Per-message choices of a sender of one-way messages.
+struct ZRSendOptions {
+  /// The stream the message belongs to, and its number in that stream (1, 2, ...). A named
+  /// stream's receiver answers each message with a credit, and a failure with a stream error.
+  std::string stream;
+  std::uint64_t seq = 0;
+  /// The receiver must not drop what this message sets off, and grants its credit only once
+  /// that has been processed too (see docs/protocol.md).
+  bool lossless = false;
+  std::string caller;
+};
+
+/// Where the transport runs the work that must not run on its I/O thread.
+struct ZRTransportExecutors {
+  using Executor = std::function<void(std::function<void()>)>;
+  /// Runs a task somewhere (the broker's pool).
+  Executor post;
+  /// Makes an executor that runs its tasks one at a time, in order (a strand of that pool).
+  std::function<Executor()> makeSerial;
+};
+
+/// Calls to modules of other hosts by endpoint, one-way messages to them, and the calls and
+/// messages of other hosts to this host's modules.
 ///
-/// One I/O thread owns every socket. Incoming calls run on the executor the host gives, never
-/// on the I/O thread (but those of ZRTransportOptions::answeredOnIoThread); calls from one
-/// connection to one module run one after another, in order. Every member function may be called
-/// from any thread at the same time. call() blocks until the result, an error, the deadline, or the
-/// death of the callee (about 3 heartbeats); the destructor returns once the I/O thread is gone (it
-/// waits for no call in flight, and fails them).
+/// One I/O thread owns every socket. Incoming calls and messages run on the executors the host
+/// gives, never on the I/O thread (but those of ZRTransportOptions::answeredOnIoThread); those
+/// from one connection to one module start one after another, in order, on one serial executor.
+/// Every member function may be called from any thread at the same time. call() blocks until the
+/// result, an error, the deadline, or the death of the callee (about 3 heartbeats); send() never
+/// blocks; the destructor returns once the I/O thread is gone (it waits for no call in flight,
+/// and fails them).
 class ZRTransport {
  public:
-  /// Runs a task somewhere other than the I/O thread (the broker's pool).
-  using Executor = std::function<void(std::function<void()>)>;
-  /// Answers an incoming call; throws ZRError to fail it with that error's three fields.
-  using CallHandler = std::function<ZRValue(const ZRIncomingCall&)>;
+  using Executor = ZRTransportExecutors::Executor;
+  /// Takes an incoming call or one-way message; answers it through `answer`, now or later.
+  using CallHandler = std::function<void(const ZRIncomingCall&, ZRAnswer answer)>;
+  /// A handler that answers at once: its result, or the ZRError it throws.
+  using SyncHandler = std::function<ZRValue(const ZRIncomingCall&)>;
   using PeerListener = std::function<void(const std::string& endpoint)>;
 
   /// Binds (throws ZRError when the address cannot be bound) and starts the I/O thread.
-  ZRTransport(ZRTransportOptions options, CallHandler handler, Executor executor);
+  ZRTransport(ZRTransportOptions options, CallHandler handler, ZRTransportExecutors executors);
+  /// The same, with a handler that answers at once (see answering()).
+  ZRTransport(ZRTransportOptions options, SyncHandler handler, ZRTransportExecutors executors);
   ~ZRTransport();
   ZRTransport(const ZRTransport&) = delete;
   ZRTransport& operator=(const ZRTransport&) = delete;
+
+  /// A CallHandler that answers each call with what `handler` returns or throws.
+  static CallHandler answering(SyncHandler handler);
 
   /// The address other hosts connect to; empty when not listening.
   std::string endpoint() const;
@@ -98,35 +148,39 @@ class ZRTransport {
                                  const std::string& method, std::vector<ZRValue> args,
                                  const ZRCallOptions& options = {});
 
+  /// One way: runs `method` of `module` on the host at `endpoint`, with no result back, in order
+  /// with the other messages and calls from this host to that module. An empty `module` fans the
+  /// message out (docs/protocol.md). What happens to it is told, for a named stream, through the
+  /// credit and stream-error listeners; it is lost if that host dies.
+  void send(const std::string& endpoint, const std::string& module, const std::string& method,
+            std::vector<ZRValue> args, const ZRSendOptions& options = {});
+
   /// Calls to `endpoint` use CURVE with this server public key (Z85), and this host's keys.
   void setServerKey(const std::string& endpoint, const std::string& serverPublicKey);
 
   /// A new CURVE key pair, Z85 text: {public, secret}.
   static std::pair<std::string, std::string> generateKeyPair();
 
-  /// One way: runs `method` of `module` on the host at `endpoint` with no answer and no error
-  /// back, in order with the other sends and calls to that module. Lost if that host dies.
-  void send(const std::string& endpoint, const std::string& module, const std::string& method,
-            std::vector<ZRValue> args, const std::string& stream = "");
-
   /// Called on the executor with the endpoint of every called host found dead. Until it returns,
   /// calls to that endpoint fail at once with "module destroyed".
   void setPeerLostListener(PeerListener listener);
 
-  /// Receiver of a stream: allows the sender on `connection` (ZRIncomingCall::connection)
-  /// `credits` more messages of `stream`.
-  void credit(const std::string& connection, const std::string& stream, std::uint32_t credits);
-  /// Sender of streams: called with every credit a called host grants. It runs on the I/O thread
-  /// and must return at once (e.g. count and notify).
+  /// Sender of streams: told of every credit and every stream error a called host sends. They
+  /// run on the I/O thread and must return at once (e.g. count, notify, send on).
   using CreditListener = std::function<void(const std::string& endpoint, const std::string& stream,
                                             std::uint32_t credits)>;
+  using StreamErrorListener =
+      std::function<void(const std::string& endpoint, const std::string& stream, std::uint64_t seq,
+                         const ZRError& error)>;
   void setCreditListener(CreditListener listener);
+  void setStreamErrorListener(StreamErrorListener listener);
 
   /// Says bye to every peer, fails the calls still pending and stops the I/O thread. Idempotent.
   void shutdown();
 
- private:
   struct Impl;
+
+ private:
   std::shared_ptr<Impl> impl_;
 };
 

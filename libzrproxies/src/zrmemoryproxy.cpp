@@ -31,7 +31,8 @@ void ZRMemoryProxy::declareEvent(const std::string& eventName, const std::string
 }
 
 void ZRMemoryProxy::raiseEvent(const std::string& eventName, const ZRValue& value) {
-  proxy_->call<void>("raiseEvent", eventName, value);
+  // One way: a memory service on another host is not waited for, event by event.
+  proxy_->sendArgs("raiseEvent", eventName, value);
 }
 
 void ZRMemoryProxy::subscribeToEvent(const std::string& eventName, const std::string& moduleName,

@@ -32,7 +32,10 @@ class ZRMemoryProxy {
   void removeData(const std::string& key);
 
   void declareEvent(const std::string& eventName, const std::string& producerName);
-  /// Stores `value` under the event's name and notifies the event's subscribers.
+  /// Stores `value` under the event's name and notifies the event's subscribers. In process it
+  /// returns once the event is queued for them, with the service's error if it fails; to a memory
+  /// service on another host it goes one way (ZRProxy::send): an error comes back to this proxy's
+  /// next raiseEvent.
   void raiseEvent(const std::string& eventName, const ZRValue& value);
   /// `callbackMethod` of `moduleName` is called as (eventName, value, subscriberIdentifier).
   void subscribeToEvent(const std::string& eventName, const std::string& moduleName,

@@ -242,12 +242,12 @@ def test_garbage_is_dropped_and_calls_from_many_threads(start_host, caplog):
         H = bytes.fromhex
         call_env = H("85a2696409a373657101a66d6f64756c65a6507943616c63a66d6574686f64a361646"
                      "4a663616c6c6572a0")  # id 9, module PyCalc, method add
-        raw.send_multipart([H("5a5201")])                        # cut short
-        raw.send_multipart([H("5a52010200"), call_env, H("9281a161a16201")])  # a map argument
-        raw.send_multipart([H("5a52010200"), call_env, H("920201")])          # add(2, 1)
+        raw.send_multipart([H("5a5202")])                        # cut short
+        raw.send_multipart([H("5a52020200"), call_env, H("9281a161a16201")])  # a map argument
+        raw.send_multipart([H("5a52020200"), call_env, H("920201")])          # add(2, 1)
         replies = [raw.recv_multipart(), raw.recv_multipart()]
-        assert replies[0][0] == H("5a52010400") and b"a map is not a value" in replies[0][1]
-        assert replies[1] == [H("5a52010300"), H("81a2696409"), H("03")]
+        assert replies[0][0] == H("5a52020400") and b"a map is not a value" in replies[0][1]
+        assert replies[1] == [H("5a52020300"), H("81a2696409"), H("03")]
         assert any("dropped a message" in r.getMessage() for r in caplog.records)
         raw.close()
 

@@ -1,5 +1,8 @@
 """The codec against the document's golden bytes, both ways, and the rules a receiver enforces."""
 
+import os
+import re
+
 import pytest
 
 import zr
@@ -7,34 +10,69 @@ from zr import _wire as w
 
 H = bytes.fromhex
 
+DOC = os.path.join(os.path.dirname(__file__), "..", "..", "docs", "protocol.md")
+
+
+def golden_table(heading):
+    """The rows of the document's table after `heading`: label -> frames in hex, '|'-joined.
+    The document is the only copy of the golden bytes."""
+    rows, inside = {}, False
+    with open(DOC, encoding="utf-8") as f:
+        for line in f:
+            line = line.rstrip("\n")
+            if line.startswith(heading):
+                inside = True
+            if not inside:
+                continue
+            if rows and not line:
+                break
+            if line.startswith("| ") and "`" in line:
+                label, _, cells = line[2:].partition(" | `")
+                rows[label] = "|".join(re.findall(r"`([0-9a-f]*)`", "`" + cells))
+    return rows
+
+
+MESSAGE_ROWS = golden_table("## Golden messages")
 MESSAGES = [
-    (w.HELLO, {"host": "h", "endpoint": "e", "heartbeat": 250}, None,
-     "5a52010100|83a4686f7374a168a8656e64706f696e74a165a9686561727462656174ccfa|c0"),
-    (w.CALL, {"id": 7, "seq": 1, "module": "M", "method": "m", "caller": "c"}, [1, "x"],
-     "5a52010200|85a2696407a373657101a66d6f64756c65a14da66d6574686f64a16da663616c6c6572a163|9201a178"),
-    (w.CALL, {"id": 7, "seq": 1, "module": "M", "method": "m", "caller": "c", "deadline": 500},
-     [1, "x"], "5a52010200|86a2696407a373657101a66d6f64756c65a14da66d6574686f64a16da663616c6c6572a163"
-     "a8646561646c696e65cd01f4|9201a178"),
-    (w.REPLY, {"id": 7}, 3, "5a52010300|81a2696407|03"),
-    (w.ERROR, {"id": 7, "module": "M", "method": "m", "description": "boom"}, None,
-     "5a52010400|84a2696407a66d6f64756c65a14da66d6574686f64a16dab6465736372697074696f6ea4626f6f6d|c0"),
-    (w.CANCEL, {"id": 7}, None, "5a52010500|81a2696407|c0"),
-    (w.DATA, {"stream": "s", "seq": 2, "module": "M", "method": "m", "caller": "c"},
-     [b"\xab\xcd"], "5a52010600|85a673747265616da173a373657102a66d6f64756c65a14da66d6574686f64a16d"
-     "a663616c6c6572a163|91d7010000000000000002|abcd"),
-    (w.CREDIT, {"stream": "s", "credits": 4}, None, "5a52010700|82a673747265616da173a76372656469747304|c0"),
-    (w.PING, {}, None, "5a52010800|80|c0"),
-    (w.BYE, {}, None, "5a52010900|80|c0"),
+    ('hello host "h", endpoint "e", heartbeat 250',
+     w.HELLO, {"host": "h", "endpoint": "e", "heartbeat": 250}, None),
+    ('call id 7, seq 1, module "M", method "m", caller "c", args [1, "x"]',
+     w.CALL, {"id": 7, "seq": 1, "module": "M", "method": "m", "caller": "c"}, [1, "x"]),
+    ("the same call with deadline 500",
+     w.CALL, {"id": 7, "seq": 1, "module": "M", "method": "m", "caller": "c", "deadline": 500},
+     [1, "x"]),
+    ("reply id 7, value 3", w.REPLY, {"id": 7}, 3),
+    ('error id 7, "M", "m", "boom"',
+     w.ERROR, {"id": 7, "module": "M", "method": "m", "description": "boom"}, None),
+    ("cancel id 7", w.CANCEL, {"id": 7}, None),
+    ('data stream "s", seq 2, "M", "m", "c", args [binary ab cd]',
+     w.DATA, {"stream": "s", "seq": 2, "module": "M", "method": "m", "caller": "c"},
+     [b"\xab\xcd"]),
+    ("the same data, lossless",
+     w.DATA, {"stream": "s", "seq": 2, "module": "M", "method": "m", "caller": "c",
+              "lossless": True}, [b"\xab\xcd"]),
+    ('credit stream "s", 4 credits', w.CREDIT, {"stream": "s", "credits": 4}, None),
+    ("ping", w.PING, {}, None),
+    ("bye", w.BYE, {}, None),
+    ('stream error stream "s", seq 2, "M", "m", "boom"',
+     w.STREAM_ERROR, {"stream": "s", "seq": 2, "module": "M", "method": "m",
+                      "description": "boom"}, None),
 ]
 
+VALUE_ROWS = golden_table("Values, as the body of a reply:")
 VALUES = [
-    (None, "c0"), (True, "c3"), (False, "c2"), (0, "00"), (-1, "ff"), (300, "cd012c"),
-    (-40000, "d2ffff63c0"), (2147483647, "ce7fffffff"), (-2147483648, "d280000000"),
-    (0.5, "ca3f000000"), (-1.25, "cabfa00000"), ("", "a0"), ("ab", "a26162"),
-    (b"\x01\x02\x03", "d7010000000000000003|010203"), ([], "90"),
-    ([1, "a", [True, None]], "9301a16192c3c0"),
-    ([b"\x01\x02\x03", b"\x01"], "92d7010000000000000003d7010000000100000001|010203|01"),
+    ("invalid", None), ("true", True), ("false", False), ("0", 0), ("-1", -1), ("300", 300),
+    ("-40000", -40000), ("2147483647", 2147483647), ("-2147483648", -2147483648),
+    ("0.5", 0.5), ("-1.25", -1.25), ('""', ""), ('"ab"', "ab"),
+    ("binary 01 02 03", b"\x01\x02\x03"), ("[]", []),
+    ('[1, "a", [true, invalid]]', [1, "a", [True, None]]),
+    ("[binary 01 02 03, binary 01]", [b"\x01\x02\x03", b"\x01"]),
 ]
+
+
+def test_every_golden_row_is_checked():
+    assert sorted(MESSAGE_ROWS) == sorted(m[0] for m in MESSAGES)
+    assert sorted(VALUE_ROWS) == sorted(v[0] for v in VALUES)
 
 
 def plain(v):
@@ -45,8 +83,9 @@ def plain(v):
     return v
 
 
-@pytest.mark.parametrize("msg_type,fields,args,golden", MESSAGES)
-def test_golden_messages(msg_type, fields, args, golden):
+@pytest.mark.parametrize("label,msg_type,fields,args", MESSAGES)
+def test_golden_messages(label, msg_type, fields, args):
+    golden = MESSAGE_ROWS[label]
     body, blocks = w.encode_values(args) if args is not None else (w.NIL, [])
     frames = [bytes(f) for f in w.message(msg_type, fields, body, blocks)]
     assert "|".join(f.hex() for f in frames) == golden
@@ -54,11 +93,12 @@ def test_golden_messages(msg_type, fields, args, golden):
     assert (m.type, m.envelope, plain(m.body)) == (msg_type, fields, args)
 
 
-@pytest.mark.parametrize("value,golden", VALUES)
-def test_golden_values(value, golden):
+@pytest.mark.parametrize("label,value", VALUES)
+def test_golden_values(label, value):
+    golden = VALUE_ROWS[label]
     body, blocks = w.encode_values(value)
     assert "|".join([body.hex()] + [bytes(b).hex() for b in blocks]) == golden
-    frames = [H("5a52010300"), H("81a2696407")] + [H(f) for f in golden.split("|")]
+    frames = [H("5a52020300"), H("81a2696407")] + [H(f) for f in golden.split("|")]
     assert plain(w.decode(frames).body) == value
 
 
@@ -73,17 +113,17 @@ def test_values_no_value_can_hold_are_refused_before_sending():
     assert body[0] == 0xCA and len(body) == 5
 
 
-REPLY = [H("5a52010300"), H("81a2696407")]
+REPLY = [H("5a52020300"), H("81a2696407")]
 BAD = [
-    ([H("5a52020300"), H("81a2696407"), H("c0")], "protocol version mismatch: peer speaks "
-     "version 2, this host speaks version 1"),
-    ([H("5a520103"), H("81a2696407"), H("c0")], "header"),
-    ([H("5a52010a00"), H("80"), H("c0")], "unknown message type 10"),
-    ([H("5a52010301"), H("81a2696407"), H("c0")], "flags"),
+    ([H("5a52010300"), H("81a2696407"), H("c0")], "protocol version mismatch: peer speaks "
+     "version 1, this host speaks version 2"),
+    ([H("5a520203"), H("81a2696407"), H("c0")], "header"),
+    ([H("5a52020b00"), H("80"), H("c0")], "unknown message type 11"),
+    ([H("5a52020301"), H("81a2696407"), H("c0")], "flags"),
     (REPLY + [H("c0c0")], "bytes after"),
-    ([H("5a52010300"), H("81a269640700"), H("c0")], "bytes after"),
-    ([H("5a52010300"), H("80"), H("c0")], "no 'id'"),
-    ([H("5a52010300"), H("81a26964ff"), H("c0")], "wrong type"),
+    ([H("5a52020300"), H("81a269640700"), H("c0")], "bytes after"),
+    ([H("5a52020300"), H("80"), H("c0")], "no 'id'"),
+    ([H("5a52020300"), H("81a26964ff"), H("c0")], "wrong type"),
     (REPLY + [H("81a161a162")], "map"),
     (REPLY + [H("c40101")], "bin"),
     (REPLY + [H("d7020000000000000001"), H("01")], "ext type 2"),
@@ -92,7 +132,7 @@ BAD = [
     (REPLY + [H("c0"), H("01")], "not referenced"),
     (REPLY + [H("ce80000000")], "outside 32 bits"),
     (REPLY + [H("91" * 40 + "c0")], "nested"),
-    ([H("5a52010200"), H("85a2696407a373657101a66d6f64756c65a14da66d6574686f64a16da663616c6c6572a163"),
+    ([H("5a52020200"), H("85a2696407a373657101a66d6f64756c65a14da66d6574686f64a16da663616c6c6572a163"),
       H("01")], "not an array"),
 ]
 

@@ -779,7 +779,7 @@ class Client:
                 p.future.set_exception(ZRError(e["module"], e["method"], e["description"]))
         elif m.type == w.BYE:
             self._drop_out(peer, MODULE_DESTROYED)
-        elif m.type not in (w.PING, w.CREDIT):
+        elif m.type not in (w.PING, w.CREDIT, w.STREAM_ERROR):
             log.warning("zr: dropped an unexpected message of type %d from %s", m.type,
                         peer.endpoint)
 
@@ -877,14 +877,27 @@ class Client:
                 jobs.append((mod, args))
 
         def run_all():
+            failure = None
             for mod, args in jobs:
                 try:
                     mod.invoke(env["method"], args)
                 except ZRError as e:
                     log.warning("zr: %s", e)
-            if stream:
-                self._submit(lambda: self._send(self._router, [ident] + w.message(
-                    w.CREDIT, {"stream": stream, "credits": 1})))
+                    failure = failure or e
+            if not stream:
+                return
+            # The failure first, then the credit: the sender counts the message as failed.
+            frames = []
+            if failure is not None:
+                frames.append(w.message(w.STREAM_ERROR, {
+                    "stream": stream, "seq": env["seq"], "module": failure.module,
+                    "method": failure.method, "description": failure.description}))
+            frames.append(w.message(w.CREDIT, {"stream": stream, "credits": 1}))
+
+            def answer():
+                for f in frames:
+                    self._send(self._router, [ident] + f)
+            self._submit(answer)
 
         # One thread keeps the stream's order across modules.
         first = jobs[0][0] if jobs else None

@@ -1,4 +1,4 @@
-"""The ZR wire protocol, version 1: frames, envelopes and values (see docs/protocol.md).
+"""The ZR wire protocol, version 2: frames, envelopes and values (see docs/protocol.md).
 
 Pure functions, safe from any thread. Decoding never copies a binary block: a received binary
 becomes a memoryview onto the received frame.
@@ -10,8 +10,8 @@ import msgpack
 
 from ._errors import ZRError
 
-VERSION = 1
-HELLO, CALL, REPLY, ERROR, CANCEL, DATA, CREDIT, PING, BYE = range(1, 10)
+VERSION = 2
+HELLO, CALL, REPLY, ERROR, CANCEL, DATA, CREDIT, PING, BYE, STREAM_ERROR = range(1, 11)
 MAX_DEPTH = 32
 INT_MIN, INT_MAX = -(2**31), 2**31 - 1
 BINARY_EXT = 1
@@ -26,10 +26,12 @@ ENVELOPES = {
             ("description", str, False)),
     CANCEL: (("id", int, False),),
     DATA: (("stream", str, False), ("seq", int, False), ("module", str, False),
-           ("method", str, False), ("caller", str, False)),
+           ("method", str, False), ("caller", str, False), ("lossless", bool, True)),
     CREDIT: (("stream", str, False), ("credits", int, False)),
     PING: (),
     BYE: (),
+    STREAM_ERROR: (("stream", str, False), ("seq", int, False), ("module", str, False),
+                   ("method", str, False), ("description", str, False)),
 }
 
 
@@ -224,7 +226,7 @@ def decode(frames):
     if msg_type not in ENVELOPES:
         raise WireError("unknown message type %d" % msg_type)
     if head[4] != 0:
-        raise WireError("the flags byte is %d, no flag is defined in version 1" % head[4])
+        raise WireError("the flags byte is %d, no flag is defined in version %d" % (head[4], VERSION))
     env = _unpack_one(_frame_view(frames[1]), "envelope")
     if not isinstance(env, dict) or _depth_of(env) > MAX_DEPTH:
         raise WireError("the envelope is not a map", msg_type)
@@ -235,8 +237,12 @@ def decode(frames):
                 continue
             raise WireError("the envelope has no %r" % key, msg_type, envelope or None)
         v = env[key]
-        ok = (isinstance(v, str) if kind is str else
-              isinstance(v, int) and not isinstance(v, bool) and v >= 0)
+        if kind is str:
+            ok = isinstance(v, str)
+        elif kind is bool:
+            ok = isinstance(v, bool)
+        else:
+            ok = isinstance(v, int) and not isinstance(v, bool) and v >= 0
         if not ok:
             raise WireError("the envelope's %r has the wrong type" % key, msg_type,
                             envelope or None)

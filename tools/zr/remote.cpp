@@ -183,8 +183,14 @@ DirectoryView::DirectoryView(const ZR::ZRBrokerOptions& o) : address_(o.director
   t.curveSecretKey = o.curveSecretKey;
   serverKey_ = o.directoryPublicKey;
   // Nothing comes in: there is no listener, and no peer-lost listener.
+  ZR::ZRTransportExecutors nothing;
+  nothing.post = [](std::function<void()>) {};
+  nothing.makeSerial = [] {
+    return ZR::ZRTransportExecutors::Executor([](std::function<void()>) {});
+  };
   transport_ = std::make_unique<ZR::ZRTransport>(
-      t, [](const ZR::ZRIncomingCall&) { return ZR::ZRValue(); }, [](std::function<void()>) {});
+      t, ZR::ZRTransport::SyncHandler([](const ZR::ZRIncomingCall&) { return ZR::ZRValue(); }),
+      nothing);
   if (!serverKey_.empty()) transport_->setServerKey(address_, serverKey_);
   refresh();
 }

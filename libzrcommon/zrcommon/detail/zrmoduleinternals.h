@@ -89,7 +89,7 @@ struct ZRModuleAccess {
   static void unregisterModule(ZRBroker& broker, const std::string& moduleName,
                                const ZRModuleCore* module);
   static std::shared_ptr<ZRStreamSender> openStream(ZRBroker& broker, const std::string& endpoint,
-                                                    const std::string& label, int window);
+                                                    const std::string& label);
 };
 
 /// Proxy calls running on the calling thread, nested ones included.

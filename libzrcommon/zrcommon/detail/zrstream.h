@@ -1,17 +1,19 @@
 #pragma once
 
-// Streams of one-way messages from a module of this host to modules of another host: what the
-// audio device uses to send each buffer once per receiving host, paced by that host's credits.
-// Not installed.
+// Streams of one-way messages from this host to modules of another host: the audio device's
+// buffers, the memory service's event callbacks, and a proxy's one-way calls (a remote
+// "raiseEvent"). Not installed.
 
-#include <atomic>
-#include <condition_variable>
 #include <cstdint>
+#include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include <zrerror/zrerror.h>
 #include <zrvalue/zrvalue.h>
 
 namespace ZR {
@@ -21,51 +23,66 @@ class ZRTransport;
 
 namespace detail {
 
-/// One stream to one host. Each send() goes out as one message naming the modules it is for and
-/// carrying one or more calls (each an array of arguments); the receiving host makes every call
-/// on each of those modules, in order, then grants one credit. At most `window` messages are
-/// unanswered at once: send() waits for a credit beyond that.
+/// One stream to one host. send() hands a message to the transport at once: how many go
+/// unanswered is the caller's business (a delivery line's window). Each message's `done` runs
+/// once: when the receiver's credit for it comes (with the stream error it sent first, if any),
+/// or with "module destroyed" when the host is lost or the stream closed.
 ///
 /// Concurrency: every member may be called from any thread; send() is meant for one sender at a
-/// time (a delivery line's task). send() and waitUntilDrained() block, without a time limit,
-/// until a credit comes, the host is lost, or the stream is closed.
+/// time (the messages of a stream go out in the order of the calls). `done` runs on the
+/// transport's I/O thread for answers, on the thread of lose() or close() otherwise, with no lock
+/// of the stream held; it must not block.
 class ZRStreamSender {
  public:
-  ZRStreamSender(std::weak_ptr<ZRTransport> transport, std::string endpoint, std::string stream,
-                 int window);
+  using Done = std::function<void(const ZRError* failure)>;
 
-  /// Sends `calls` of `method` (each an array of arguments) to `modules`. Throws
-  /// ZRError(`modules[0]`, `method`, "module destroyed") once the host is lost, or when the stream
-  /// is closed.
-  void send(const std::vector<std::string>& modules, const std::string& method,
-            std::vector<ZRValue> calls);
-  /// Waits until every message sent is answered, the host is lost, the stream is closed, or
-  /// `stop` is set (then wake()). True when every message was answered.
-  bool waitUntilDrained(const std::atomic<bool>* stop = nullptr);
+  ZRStreamSender(std::weak_ptr<ZRTransport> transport, std::string endpoint, std::string stream);
+  ~ZRStreamSender();
+  ZRStreamSender(const ZRStreamSender&) = delete;
+  ZRStreamSender& operator=(const ZRStreamSender&) = delete;
 
+  /// Sends `args` as a call of `method` on `module` of the other host (an empty module fans the
+  /// message out: args[0] names the modules, each further argument is one call's arguments).
+  void send(const std::string& module, const std::string& method, std::vector<ZRValue> args,
+            bool lossless, Done done);
+  /// Sends one message of calls of `method`, each an array of arguments, to `modules`.
+  void sendCalls(const std::vector<std::string>& modules, const std::string& method,
+                 std::vector<ZRValue> calls, bool lossless, Done done);
+
+  /// From the transport: the receiver answered `credits` more messages, in order.
   void grant(std::uint32_t credits);
+  /// From the transport: message `seq` failed with `error` (its credit follows).
+  void error(std::uint64_t seq, const ZRError& error);
+  /// The host died: what waits fails, and later sends fail at once.
   void lose();
+  /// Fails what waits; later sends fail at once.
   void close();
-  void wake();
   bool isLost() const;
 
   const std::string& endpoint() const { return endpoint_; }
   const std::string& stream() const { return stream_; }
 
  private:
+  struct Unanswered {
+    std::uint64_t seq;
+    std::string module, method;
+    Done done;
+    std::optional<ZRError> error;
+  };
+  void failAll(bool lost);
+
   const std::weak_ptr<ZRTransport> transport_;
   const std::string endpoint_, stream_;
-  const int window_;
   mutable std::mutex mutex_;
-  std::condition_variable changed_;
-  int unanswered_ = 0;
+  std::deque<Unanswered> unanswered_;
+  std::uint64_t nextSeq_ = 1;
   bool lost_ = false, closed_ = false;
 };
 
-/// A new stream from this broker to the host at `endpoint`, named after `label`; null for a
-/// broker that is not in a network.
+/// A new stream from this broker to the host at `endpoint`, named after `label`, told of its
+/// credits, errors and host's death; null for a broker that is not in a network.
 std::shared_ptr<ZRStreamSender> openStream(ZRBroker& broker, const std::string& endpoint,
-                                           const std::string& label, int window);
+                                           const std::string& label);
 
 }  // namespace detail
 }  // namespace ZR

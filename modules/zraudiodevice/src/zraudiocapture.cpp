@@ -38,9 +38,8 @@ void ZRAudioDevice::Core::raiseEndOfStream(float seconds) {
 // The event is raised from the broker's pool, never from the producer, so that whoever reacts to
 // it may unsubscribe (and so join the capture thread) without waiting for itself.
 void ZRAudioDevice::Core::finishStream() {
+  // Idle once the other hosts have answered every buffer too.
   if (!line->waitUntilIdle(std::chrono::milliseconds(-1), &stop)) return;
-  remote->waitUntilDrained(&stop);  // the other hosts have processed every buffer too
-  if (stop) return;
   const float seconds = static_cast<float>(static_cast<double>(position) / format.sampleRate);
   vo::log::LogStream(vo::LogLevel_Info, "", "finishStream", kAudioDeviceCategory, 0)
       << name << ": end of " << options.describe() << " after " << seconds << " s";
@@ -107,7 +106,6 @@ void ZRAudioDevice::Core::requestStop() {
   }
   changed.notify_all();
   line->wake();
-  remote->wake();
 }
 
 }  // namespace ZR

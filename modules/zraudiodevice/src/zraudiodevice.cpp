@@ -218,10 +218,8 @@ void ZRAudioDevice::subscribe(const std::string& module) {
     ZRStrand strand = broker->makeStrand();
     core_->line->add(
         module, [strand](std::function<void()> work) { strand.post(std::move(work)); },
-        [proxy](ZRAudioItem& item) {
-          const ZRValue args[4] = {ZRValue(item.channels), ZRValue(item.samplesPerChannel),
-                                   item.timestamp, item.buffer};
-          proxy->metaCall("processRemote", args, 4);
+        [proxy](detail::ZRDelivery& call) {
+          proxy->metaCall(call.method, call.args.data(), call.args.size());
         },
         // In a network, a gone subscriber stays until the broker's reaper unsubscribes it, so
         // that the last one leaving stops the source here, in unsubscribe, as always.

@@ -28,15 +28,9 @@ inline constexpr int kMaxAudioChannels = 32;
 /// The declaring class of the device's remote methods, and the operation its constructor names.
 inline constexpr const char* kAudioDeviceClassName = "ZRAudioDevice";
 
-/// One buffer on its way to one subscriber's "processRemote".
-struct ZRAudioItem {
-  int channels = 0;
-  int samplesPerChannel = 0;
-  ZRValue timestamp;
-  ZRValue buffer;
-};
-
-using ZRAudioLine = detail::ZRDeliveryLine<ZRAudioItem>;
+/// Buffers on their way to the subscribers: calls of "processRemote"(channels,
+/// samplesPerChannel, timestamp, buffer).
+using ZRAudioLine = detail::ZRDeliveryLine;
 
 /// Throws ZRError (module `name`) for options no source can run with.
 void validateAudioDeviceOptions(const ZRAudioDeviceOptions& options, const std::string& name);

@@ -17,6 +17,10 @@ std::shared_ptr<ZRAudioLine> makeAudioLine(const std::string& deviceName,
       options.isLive() ? detail::ZRDeliveryPolicy::DropOldest : detail::ZRDeliveryPolicy::Lossless;
   o.capacity = static_cast<std::size_t>(options.queueCapacity);
   o.resumeAt = o.capacity / 2;
+  // A file's buffers are delivered losslessly: what a subscriber raises from them is never
+  // dropped, and paces the file back. Buffers that waited go to another host several at a time.
+  o.losslessDeliveries = !options.isLive();
+  o.messageBatch = 8;
   o.category = kAudioDeviceCategory;
   o.publishFunction = "publish";
   o.deliverFunction = "deliver";
@@ -32,8 +36,8 @@ std::shared_ptr<ZRAudioLine> makeAudioLine(const std::string& deviceName,
            std::to_string(dropped) + " dropped so far, " + std::to_string(heldBack) +
            " warnings held back)";
   };
-  o.texts.failed = [name](const std::string& sub, const ZRAudioItem&, const std::string& failure,
-                          std::int64_t heldBack) {
+  o.texts.failed = [name](const std::string& sub, const detail::ZRDelivery&,
+                          const std::string& failure, std::int64_t heldBack) {
     return name + ": \"processRemote\" of \"" + sub + "\" failed: " + failure + " (" +
            std::to_string(heldBack) + " warnings held back)";
   };
@@ -71,7 +75,10 @@ bool ZRAudioDevice::Core::publish(const ZRValue& buffer, std::size_t frames) {
   const ZRValue timestamp = timestampOf(position);
   position += static_cast<std::int64_t>(frames);
   recorder.record(buffer, frames, name);
-  return line->publish(ZRAudioItem{channels, static_cast<int>(frames), timestamp, buffer}, &stop);
+  return line->publish(
+      detail::ZRDelivery{"processRemote",
+                         {ZRValue(channels), ZRValue(static_cast<int>(frames)), timestamp, buffer}},
+      &stop);
 }
 
 }  // namespace ZR

@@ -19,8 +19,7 @@
 namespace ZR {
 
 class ZRBroker;
-struct ZRAudioItem;
-using ZRAudioLine = detail::ZRDeliveryLine<ZRAudioItem>;
+using ZRAudioLine = detail::ZRDeliveryLine;
 
 class ZRAudioRemoteSubscribers : public std::enable_shared_from_this<ZRAudioRemoteSubscribers> {
  public:
@@ -40,11 +39,7 @@ class ZRAudioRemoteSubscribers : public std::enable_shared_from_this<ZRAudioRemo
   std::string entryOf(const std::string& module) const;
   static bool isEntry(const std::string& lineName);
 
-  /// Waits until every host answered every buffer sent, or `stop` is set.
-  void waitUntilDrained(const std::atomic<bool>* stop);
-  /// Wakes whoever waits in a send or a drain, to look at their stop flag.
-  void wake();
-  /// Ends every stream: a send waiting for credits gives up (the device is going away).
+  /// Ends every stream: what waits for an answer fails (the device is going away).
   void close();
 
  private:

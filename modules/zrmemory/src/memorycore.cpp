@@ -15,8 +15,15 @@ const char* kCategory = "zrmemory";
 // How long a name unknown here may take to arrive from the directory: a module of another host
 // that just registered can call this service before its name has reached this host.
 const int kPublishWaitMs = 5000;
-// Events one drain task delivers before it lets other work onto the pool.
+// Events one drain task delivers before it lets other work onto the pool, and events one message
+// to another host carries when more wait.
 const int kDrainBatch = 64;
+// Messages of events a subscriber on another host may leave unanswered.
+const int kRemoteWindow = 16;
+
+bool isEvent(const ZRDelivery& call, const std::string& event) {
+  return !call.args.empty() && call.args[0].isString() && call.args[0].toStringRef() == event;
+}
 
 std::string quoted(const std::string& s) {
   return "\"" + s + "\"";
@@ -31,6 +38,8 @@ std::shared_ptr<EventLine> makeEventLine(const std::string& name, int capacity) 
   o.policy = ZRDeliveryPolicy::DropOldest;  // raiseEvent never waits for a subscriber
   o.capacity = static_cast<std::size_t>(capacity);
   o.batch = kDrainBatch;
+  o.messageBatch = kDrainBatch;
+  o.localWindow = capacity;
   o.removeWhenRefused = false;
   o.category = kCategory;
   o.publishFunction = "raiseEvent";
@@ -41,10 +50,12 @@ std::shared_ptr<EventLine> makeEventLine(const std::string& name, int capacity) 
            std::to_string(capacity) + " pending events are full, the oldest is dropped (" +
            std::to_string(total) + " dropped so far)" + heldBack(suppressed);
   };
-  o.texts.failed = [name](const std::string& sub, const PendingEvent& pending,
+  o.texts.failed = [name](const std::string& sub, const ZRDelivery& call,
                           const std::string& failure, std::int64_t suppressed) {
-    return name + ": delivering event " + quoted(pending.event) + " to " + quoted(sub) +
-           " through " + quoted(pending.callback) + " failed: " + failure + heldBack(suppressed);
+    const std::string event =
+        call.args.empty() || !call.args[0].isString() ? std::string() : call.args[0].toStringRef();
+    return name + ": delivering event " + quoted(event) + " to " + quoted(sub) + " through " +
+           quoted(call.method) + " failed: " + failure + heldBack(suppressed);
   };
   o.texts.refused = [name](const std::string& sub, const std::string& why,
                            std::int64_t suppressed) {
@@ -231,7 +242,9 @@ void MemoryCore::raiseEvent(const std::string& event, const ZRValue& value) {
     EventRecord& record = events_[event];
     ++record.raised;
     for (const Subscription& s : record.subscriptions)
-      line_->push(s.subscriber, PendingEvent{event, value, s.callback}, nullptr, &warnings);
+      line_->push(s.subscriber,
+                  ZRDelivery{s.callback, {ZRValue(event), value, ZRValue(s.subscriber)}}, nullptr,
+                  &warnings);
   }
   for (const auto& w : warnings) zrDeliveryWarn(kCategory, "raiseEvent", w);
 }
@@ -299,12 +312,33 @@ void MemoryCore::recordLocked(const std::string& event, const std::string& modul
                               const Delivery& delivery) {
   events_[event].subscriptions.push_back(Subscription{module, callback, producer});
   if (++subscriptionCounts_[module] > 1) return;
+  if (const std::shared_ptr<ZRStreamSender> stream = delivery.stream) {
+    // A subscriber of another host gets its events in messages of several, each answered once
+    // its callbacks ran there.
+    line_->addRemote(
+        module,
+        [stream, module](const std::vector<ZRDelivery>& batch, bool lossless,
+                         EventLine::Done done) {
+          std::vector<ZRValue> calls;
+          calls.reserve(batch.size());
+          for (const ZRDelivery& d : batch) {
+            ZRValue args;
+            args.arraySetSize(0);
+            for (const ZRValue& a : d.args) args.arrayPush(a);
+            calls.push_back(std::move(args));
+          }
+          stream->sendCalls({module}, batch.front().method, std::move(calls), lossless,
+                            std::move(done));
+        },
+        kRemoteWindow);
+    return;
+  }
   const ZRStrand strand = delivery.strand;
   const boost::shared_ptr<ZRProxy> proxy = delivery.proxy;
   line_->add(
       module, [strand](std::function<void()> work) { strand.post(std::move(work)); },
-      [proxy, module](PendingEvent& p) {
-        proxy->call<void>(p.callback, p.event, p.value, module);
+      [proxy](ZRDelivery& call) {
+        proxy->metaCall(call.method, call.args.data(), call.args.size());
       });
 }
 
@@ -318,7 +352,7 @@ bool MemoryCore::removeLocked(const std::string& event, const std::string& modul
   subs.erase(s);
   // Nothing of this event starts after the unsubscription returns (the caller waits for one
   // already running, once it holds no lock).
-  line_->discard(module, [&](const PendingEvent& p) { return p.event == event; });
+  line_->discard(module, [&](const ZRDelivery& call) { return isEvent(call, event); });
   auto count = subscriptionCounts_.find(module);
   if (count != subscriptionCounts_.end() && --count->second == 0) {
     subscriptionCounts_.erase(count);
@@ -379,6 +413,11 @@ void MemoryCore::subscribeToEvent(const std::string& event, const std::string& m
     fresh.strand = broker->makeStrand();
   } catch (const ZRError& e) {
     fail(op, e.what());
+  }
+  // A subscriber of another host is reached on a stream of its own.
+  if (!session_->service(module)) {
+    if (const auto where = session_->remoteService(module))
+      fresh.stream = openStream(*broker, where->address, name_ + ":" + module);
   }
   broker.reset();
 
@@ -498,7 +537,7 @@ void MemoryCore::unsubscribeToEvent(const std::string& event, const std::string&
     break;
   }
   // Outside every lock: the running callback may call this service.
-  line_->awaitCurrent(module, [&](const PendingEvent& p) { return p.event == event; });
+  line_->awaitCurrent(module, [&](const ZRDelivery& call) { return isEvent(call, event); });
 }
 
 void MemoryCore::moduleRemoved(const std::string& module) {

@@ -18,6 +18,7 @@
 
 #include <vo/session.h>
 #include <zrcommon/detail/zrdeliveryline.h>
+#include <zrcommon/detail/zrstream.h>
 #include <zrcommon/zrbroker.h>
 #include <zrcommon/zrproxy.h>
 #include <zrvalue/zrvalue.h>
@@ -25,14 +26,8 @@
 namespace ZR {
 namespace detail {
 
-/// One event on its way to one subscriber's callback.
-struct PendingEvent {
-  std::string event;
-  ZRValue value;
-  std::string callback;
-};
-
-using EventLine = ZRDeliveryLine<PendingEvent>;
+/// The callbacks' queues: each holds calls `callback(event, value, subscriber)`.
+using EventLine = ZRDeliveryLine;
 
 struct Subscription {
   std::string subscriber;
@@ -118,9 +113,12 @@ class MemoryCore : public std::enable_shared_from_this<MemoryCore> {
                            const std::string& module);
 
   Subscription* findLocked(const std::string& event, const std::string& module);
+  /// How a subscriber is reached: through a proxy on a strand of this host, or on a stream to
+  /// its own host.
   struct Delivery {
     ZRStrand strand;
     boost::shared_ptr<ZRProxy> proxy;
+    std::shared_ptr<ZRStreamSender> stream;
   };
   void recordLocked(const std::string& event, const std::string& module,
                     const std::string& callback, const std::string& producer,
