@@ -57,6 +57,12 @@ void SoundLevel::setThreshold(const float& thresholdDb, const float& hysteresisD
 }
 
 void SoundLevel::startDetection() {
+  {
+    // Each run starts afresh: a window or a loud channel of the last run is not this one's.
+    std::lock_guard<std::mutex> lock(mutex_);
+    channels_ = 0;
+    filled_ = 0;
+  }
   // The window length is in samples: learn the device's rate before its first buffer comes.
   sampleRate_ = deviceSampleRate(*this, sampleRate_.load());
   ZRSoundExtractor::startDetection();

@@ -167,6 +167,29 @@ TEST(StockExtractors, SurviveOddBuffers) {
   EXPECT_EQ(ZR::recordField(crossings[0], "state")->toStringRef(), "loud");
 }
 
+TEST(StockExtractors, SoundLevelStartsEachRunAfresh) {
+  Pipeline p(hostSource(1));
+  p.level->setThreshold(-20.0f, 6.0f);
+  std::vector<std::int16_t> loud(1600, 16000);
+  ZR::ZRMemoryProxy m(p.broker);
+  const char* events[] = {"SoundLevel/Levels", "SoundLevel/ThresholdCrossed"};
+  for (int run = 0; run < 2; ++run) {
+    if (run) {  // the last subscriber leaves, so SoundLevel stops, and comes back
+      for (const char* e : events) m.unsubscribeToEvent(e, "client");
+      for (const char* e : events) m.subscribeToEvent(e, "client", "onEvent");
+    }
+    p.device->deliver(loud.data(), 1600);
+    p.device->deliver(loud.data(), 800);  // half a window, which the next run must not finish
+    ASSERT_TRUE(p.device->waitUntilIdle(5000));
+    ASSERT_TRUE(p.memory->waitForDeliveries(std::chrono::seconds(10)));
+  }
+  // Each run went loud at its start, and its first window was whole.
+  EXPECT_EQ(p.client->of("SoundLevel/ThresholdCrossed").size(), 2u);
+  const auto levels = p.client->of("SoundLevel/Levels");
+  ASSERT_EQ(levels.size(), 2u);
+  EXPECT_NEAR(field(levels[1], "time"), 0.15, 1e-4);
+}
+
 TEST(StockExtractors, SoundLevelWindowsWhatFitsWithTheLatestPeriod) {
   Pipeline p(hostSource(1));
   std::vector<std::int16_t> buffer(1600, 1000);
