@@ -40,6 +40,12 @@ VoiceActivity::VoiceActivity(boost::shared_ptr<ZRBroker> broker, const std::stri
 VoiceActivity::~VoiceActivity() = default;
 
 void VoiceActivity::startDetection() {
+  {
+    // Each run starts afresh: the last run's frames, noise estimate and segment are not this
+    // one's.
+    std::lock_guard<std::mutex> lock(mutex_);
+    detector_.reset();
+  }
   // Frame and window lengths are in samples: learn the device's rate before its first buffer.
   sampleRate_ = deviceSampleRate(*this, sampleRate_.load());
   ZRSoundExtractor::startDetection();

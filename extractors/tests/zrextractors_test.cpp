@@ -167,7 +167,7 @@ TEST(StockExtractors, SurviveOddBuffers) {
   EXPECT_EQ(ZR::recordField(crossings[0], "state")->toStringRef(), "loud");
 }
 
-TEST(StockExtractors, SoundLevelStartsEachRunAfresh) {
+TEST(StockExtractors, SoundLevelAndVoiceActivityStartEachRunAfresh) {
   Pipeline p(hostSource(1));
   p.level->setThreshold(-20.0f, 6.0f);
   std::vector<std::int16_t> loud(1600, 16000);

@@ -23,19 +23,11 @@ const char* const kProxyCategory = "zrcommon.ZRProxy";
 // A proxy's one-way calls to another host: how many may wait for the stream (beyond them a
 // sender outside any lossless delivery waits), go in one message, and be unanswered at once.
 const std::size_t kSendQueue = 1024;
-const int kSendBatch = 64;
+const int kSendBatch = 256;
 const int kSendWindow = 8;
 
 std::string quoted(const std::string& s) {
   return "\"" + s + "\"";
-}
-
-ZRValue arrayOf(const std::vector<ZRValue>& elements) {
-  ZRValue a;
-  a.arraySetSize(0);
-  a.arrayReserve(static_cast<int>(elements.size()));
-  for (const ZRValue& e : elements) a.arrayPush(e);
-  return a;
 }
 
 // What a proxy's one-way line remembers of the failures its stream reported.
@@ -70,7 +62,7 @@ class ZRRemoteProxy : public ZRProxy {
                            std::vector<ZRValue>(args, args + count), options);
   }
 
-  void send(std::string_view method, const ZRValue* args, std::size_t count) override {
+  void send(std::string_view method, std::vector<ZRValue> args) override {
     std::optional<vo::Session::RemoteService> at = where();
     if (!at) throw ZRError(getModuleName(), std::string(method), kModuleDestroyed);
     std::shared_ptr<detail::ZRDeliveryLine> line;
@@ -89,8 +81,7 @@ class ZRRemoteProxy : public ZRProxy {
         openLine(at->address, method);
       line = line_;
     }
-    line->push(getModuleName(),
-               detail::ZRDelivery{std::string(method), std::vector<ZRValue>(args, args + count)});
+    line->push(getModuleName(), detail::ZRDelivery{std::string(method), std::move(args)});
   }
 
  private:
@@ -123,21 +114,17 @@ class ZRRemoteProxy : public ZRProxy {
     std::shared_ptr<SendFailures> failures = failures_;
     line_->addRemote(
         module,
-        [stream, module, failures](const std::vector<detail::ZRDelivery>& batch, bool lossless,
+        [stream, module, failures](std::vector<detail::ZRDelivery>& batch, bool lossless,
                                    detail::ZRDeliveryLine::Done done) {
-          std::vector<ZRValue> calls;
-          calls.reserve(batch.size());
-          for (const detail::ZRDelivery& d : batch) calls.push_back(arrayOf(d.args));
-          stream->sendCalls({module}, batch.front().method, std::move(calls), lossless,
-                            [done, failures](const ZRError* failure) {
-                              if (failure && failure->getDescription() != kModuleDestroyed) {
-                                std::lock_guard<std::mutex> lock(failures->mutex);
-                                if (!failures->first) failures->first = *failure;
-                              }
-                              done(failure);
-                            });
+          stream->sendCalls({module}, batch, lossless, [done, failures](const ZRError* failure) {
+            if (failure && failure->getDescription() != kModuleDestroyed) {
+              std::lock_guard<std::mutex> lock(failures->mutex);
+              if (!failures->first) failures->first = *failure;
+            }
+            done(failure);
+          });
         },
-        kSendWindow, [stream] { return stream->isLost(); });
+        kSendWindow, [stream] { return stream->isLost(); }, stream->ioExecutor());
   }
 
   boost::weak_ptr<vo::Session> session_;

@@ -57,9 +57,10 @@ struct ZRDeliveryLine::Subscriber {
   bool remote() const { return static_cast<bool>(send); }
   // Guarded by the line's mutex.
   std::deque<Entry> queue;
-  int underWay = 0;        // local: calls not over; remote: batches unanswered
-  bool scheduled = false;  // local: a drain task is posted or running
-  bool pumping = false;    // remote: a thread is sending its batches
+  int underWay = 0;         // local: calls not over; remote: batches unanswered
+  bool scheduled = false;   // local: a drain task is posted or running
+  bool pumping = false;     // remote: a thread is sending its batches
+  bool pumpPosted = false;  // remote: a pump task waits on its Post
   bool active = true;
   ZRWarningLimiter dropWarnings, failureWarnings;
 };
@@ -91,9 +92,11 @@ bool ZRDeliveryLine::add(const std::string& name, Post post, Call call, Gone gon
   return addLocked(name, std::move(sub));
 }
 
-bool ZRDeliveryLine::addRemote(const std::string& name, Send send, int window, Gone gone) {
+bool ZRDeliveryLine::addRemote(const std::string& name, Send send, int window, Gone gone,
+                               Post pump) {
   auto sub = std::make_shared<Subscriber>(options_);
   sub->send = std::move(send);
+  sub->post = std::move(pump);
   sub->window = std::max(1, window);
   sub->gone = std::move(gone);
   std::lock_guard<std::mutex> lock(mutex_);
@@ -162,12 +165,12 @@ void ZRDeliveryLine::clear(bool forGood) {
   settled_.notify_all();
 }
 
-bool ZRDeliveryLine::publish(const ZRDelivery& call, const std::atomic<bool>* stop,
+bool ZRDeliveryLine::publish(ZRDelivery call, const std::atomic<bool>* stop,
                              std::vector<std::string>* warnings) {
   std::vector<std::string> own;
   std::vector<std::string>& out = warnings ? *warnings : own;
   std::vector<SubscriberPtr> toPump;
-  Entry proto{call, currentDeliveryIsLossless(), holdFor()};
+  Entry proto{std::move(call), currentDeliveryIsLossless(), holdFor()};
   bool anyone = false;
   std::vector<Entry> dead;
   {
@@ -176,7 +179,10 @@ bool ZRDeliveryLine::publish(const ZRDelivery& call, const std::atomic<bool>* st
     std::vector<SubscriberPtr> targets;
     targets.reserve(subscribers_.size());
     for (auto& entry : subscribers_) targets.push_back(entry.second);
-    for (auto& sub : targets) queueLocked(sub, proto, out, toPump);
+    // Each subscriber its own copy; the last takes the original.
+    for (std::size_t i = 0; i < targets.size(); ++i)
+      queueLocked(targets[i], i + 1 < targets.size() ? Entry(proto) : std::move(proto), out,
+                  toPump);
     anyone = !subscribers_.empty();
     dead.swap(graveyard_);
   }
@@ -322,7 +328,12 @@ void ZRDeliveryLine::queueLocked(const SubscriberPtr& sub, Entry entry,
   sub->counts->mostQueued =
       std::max(sub->counts->mostQueued, static_cast<std::int64_t>(sub->queue.size()));
   if (sub->remote()) {
-    if (!sub->pumping && sub->underWay < sub->window) toPump.push_back(sub);
+    if (!sub->pumping && !sub->pumpPosted && sub->underWay < sub->window) {
+      if (sub->post)
+        postPumpLocked(sub);
+      else
+        toPump.push_back(sub);
+    }
   } else if (!sub->scheduled && sub->underWay < options_.localWindow) {
     scheduleLocked(sub, warnings);
   }
@@ -437,20 +448,35 @@ void ZRDeliveryLine::runLocal(const SubscriberPtr& sub, Entry& entry,
   settled_.notify_all();
 }
 
+void ZRDeliveryLine::postPumpLocked(const SubscriberPtr& sub) {
+  sub->pumpPosted = true;
+  // Held by the task: what a proxy sends one way goes even when the proxy is gone meanwhile.
+  std::shared_ptr<ZRDeliveryLine> self = shared_from_this();
+  try {
+    sub->post([self, sub] { self->pump(sub); });
+  } catch (const std::exception&) {
+    // Refused (the transport is going away): what queues stays until the subscriber leaves.
+    sub->pumpPosted = false;
+  }
+}
+
 void ZRDeliveryLine::pump(const SubscriberPtr& sub) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
+    sub->pumpPosted = false;
     if (sub->pumping) return;  // that thread looks at the queue again before it stops
     sub->pumping = true;
   }
   for (;;) {
     struct Batch {
-      std::vector<ZRDelivery> calls;
+      std::vector<ZRDelivery> seen;  // method and first argument of each, for waiters
       std::vector<ZRCompletionToken> holds;
     };
     auto batch = std::make_shared<Batch>();
+    std::vector<ZRDelivery> calls;
     std::list<Current>::iterator current;
     bool lossless = false;
+    std::string method;
     {
       std::lock_guard<std::mutex> lock(mutex_);
       if (!sub->active || sub->queue.empty() || sub->underWay >= sub->window) {
@@ -458,42 +484,43 @@ void ZRDeliveryLine::pump(const SubscriberPtr& sub) {
         return;
       }
       // One method per message; as many calls as wait, up to the batch.
-      const std::string method = sub->queue.front().call.method;
+      method = sub->queue.front().call.method;
       while (!sub->queue.empty() &&
-             batch->calls.size() < static_cast<std::size_t>(options_.messageBatch) &&
+             calls.size() < static_cast<std::size_t>(options_.messageBatch) &&
              sub->queue.front().call.method == method) {
         Entry& e = sub->queue.front();
         lossless = lossless || losslessFor(e);
-        batch->calls.push_back(std::move(e.call));
+        ZRDelivery seen{e.call.method, {}};
+        if (!e.call.args.empty()) seen.args.push_back(e.call.args.front());
+        batch->seen.push_back(std::move(seen));
+        calls.push_back(std::move(e.call));
         if (e.holds) batch->holds.push_back(std::move(e.holds));
         sub->queue.pop_front();
       }
       ++sub->underWay;
       Current c{sub->name, {}, std::thread::id()};
-      for (const ZRDelivery& d : batch->calls) c.calls.push_back(&d);
+      for (const ZRDelivery& d : batch->seen) c.calls.push_back(&d);
       current = current_.insert(current_.end(), std::move(c));
       if (waiting_ && sub->queue.size() <= options_.resumeAt) room_.notify_all();
     }
-    std::weak_ptr<ZRDeliveryLine> weak = shared_from_this();
+    // Held until the other host answers, so that the calls still queued behind go out then.
+    std::shared_ptr<ZRDeliveryLine> line = shared_from_this();
     auto once = std::make_shared<std::atomic<bool>>(false);
-    Done done = [weak, sub, batch, current, once](const ZRError* failure) {
+    Done done = [line, sub, batch, current, once](const ZRError* failure) {
       if (once->exchange(true)) return;
-      if (auto line = weak.lock()) {
-        {
-          std::lock_guard<std::mutex> lock(line->mutex_);
-          line->current_.erase(current);
-        }
-        line->finished(sub, batch->calls.size(), batch->calls.front(), failure, true);
+      {
+        std::lock_guard<std::mutex> lock(line->mutex_);
+        line->current_.erase(current);
       }
+      line->finished(sub, batch->seen.size(), batch->seen.front(), failure, true);
       // The deliveries that queued these calls go on now, whoever still holds a copy of this.
       std::vector<ZRCompletionToken> holds;
       holds.swap(batch->holds);
-      batch->calls.clear();
     };
     try {
-      sub->send(batch->calls, lossless, done);
+      sub->send(calls, lossless, done);
     } catch (const std::exception& e) {
-      const ZRError error(sub->name, batch->calls.front().method, e.what());
+      const ZRError error(sub->name, method, e.what());
       done(&error);
     }
   }

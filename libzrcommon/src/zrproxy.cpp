@@ -76,8 +76,8 @@ ZRValue ZRProxy::metaCall(std::string_view method, const ZRValue* args, std::siz
   }
 }
 
-void ZRProxy::send(std::string_view method, const ZRValue* args, std::size_t count) {
-  metaCall(method, args, count);
+void ZRProxy::send(std::string_view method, std::vector<ZRValue> args) {
+  metaCall(method, args.data(), args.size());
 }
 
 }  // namespace ZR

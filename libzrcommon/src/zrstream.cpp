@@ -43,13 +43,33 @@ void ZRStreamSender::send(const std::string& module, const std::string& method,
   if (done) done(&gone);
 }
 
-void ZRStreamSender::sendCalls(const std::vector<std::string>& modules, const std::string& method,
-                               std::vector<ZRValue> calls, bool lossless, Done done) {
-  ZRValue names;
-  names.arraySetSize(static_cast<int>(modules.size()));
-  for (std::size_t i = 0; i < modules.size(); ++i) names[static_cast<int>(i)] = modules[i];
-  calls.insert(calls.begin(), std::move(names));
-  send("", method, std::move(calls), lossless, std::move(done));
+void ZRStreamSender::sendCalls(const std::vector<std::string>& modules,
+                               std::vector<ZRDelivery>& calls, bool lossless, Done done) {
+  std::vector<ZRValue> args;
+  args.reserve(calls.size() + 1);
+  args.emplace_back(modules);
+  for (ZRDelivery& call : calls) {
+    ZRValue one;
+    one.arrayReserve(static_cast<int>(call.args.size()));
+    for (ZRValue& a : call.args) one.arrayPush(std::move(a));
+    args.push_back(std::move(one));
+  }
+  const std::string method = calls.empty() ? std::string() : calls.front().method;
+  send("", method, std::move(args), lossless, std::move(done));
+}
+
+bool ZRStreamSender::post(std::function<void()> task) {
+  std::shared_ptr<ZRTransport> transport = transport_.lock();
+  return transport && transport->runOnIoThread(std::move(task));
+}
+
+std::function<void(std::function<void()>)> ZRStreamSender::ioExecutor() {
+  std::weak_ptr<ZRTransport> weak = transport_;
+  return [weak, stream = stream_](std::function<void()> task) {
+    std::shared_ptr<ZRTransport> transport = weak.lock();
+    if (!transport || !transport->runOnIoThread(std::move(task)))
+      throw ZRError(stream, "send", "the transport is shut down");
+  };
 }
 
 void ZRStreamSender::grant(std::uint32_t credits) {

@@ -90,7 +90,7 @@ struct Remote {
   std::deque<std::pair<std::vector<int>, Line::Done>> sent;
   std::vector<bool> lossless;
   Line::Send send() {
-    return [this](const std::vector<ZRDelivery>& batch, bool isLossless, Line::Done done) {
+    return [this](std::vector<ZRDelivery>& batch, bool isLossless, Line::Done done) {
       std::vector<int> numbers;
       for (const ZRDelivery& d : batch) numbers.push_back(numberOf(d));
       std::lock_guard<std::mutex> lock(mutex);

@@ -75,12 +75,11 @@ class ZRProxy {
   /// throws what the method throws. To a module of another host it goes on a stream of this
   /// proxy's own, and waits only while that stream is full (never inside a lossless delivery);
   /// an error the module raises is logged and counted on this host, and thrown by this proxy's
-  /// next send.
-  virtual void send(std::string_view method, const ZRValue* args, std::size_t count);
+  /// next send. What was sent goes out even if the proxy is destroyed meanwhile.
+  virtual void send(std::string_view method, std::vector<ZRValue> args);
   template <class... Args>
   void sendArgs(std::string_view method, const Args&... args) {
-    std::array<ZRValue, sizeof...(Args)> argv{vo::toArgument(args)...};
-    send(method, argv.data(), argv.size());
+    send(method, std::vector<ZRValue>{vo::toArgument(args)...});
   }
   ZRValue callValues(const std::string& method, const std::vector<ZRValue>& args) {
     return metaCall(method, args.data(), args.size());

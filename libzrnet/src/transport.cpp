@@ -289,7 +289,14 @@ void ZRTransport::send(const std::string& endpoint, const std::string& module,
   m->caller = options.caller;
   m->args = std::move(args);
   Impl* impl = impl_.get();
-  impl_->post([impl, endpoint, m] { impl->startSend(endpoint, std::move(*m)); });
+  if (std::this_thread::get_id() == impl->ioThread.load())
+    impl->startSend(endpoint, std::move(*m));
+  else
+    impl_->post([impl, endpoint, m] { impl->startSend(endpoint, std::move(*m)); });
+}
+
+bool ZRTransport::runOnIoThread(std::function<void()> task) {
+  return impl_->post(std::move(task));
 }
 
 void ZRTransport::setServerKey(const std::string& endpoint, const std::string& serverPublicKey) {

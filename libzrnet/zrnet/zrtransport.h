@@ -155,6 +155,11 @@ class ZRTransport {
   void send(const std::string& endpoint, const std::string& module, const std::string& method,
             std::vector<ZRValue> args, const ZRSendOptions& options = {});
 
+  /// Runs `task` on the I/O thread, after what it is doing now (so that what comes in meanwhile
+  /// can go out with it); for short, non-blocking work such as sending queued messages. False
+  /// once the transport is shut down (the task is then dropped).
+  bool runOnIoThread(std::function<void()> task);
+
   /// Calls to `endpoint` use CURVE with this server public key (Z85), and this host's keys.
   void setServerKey(const std::string& endpoint, const std::string& serverPublicKey);
 

@@ -93,10 +93,12 @@ class ZRDeliveryLine : public std::enable_shared_from_this<ZRDeliveryLine> {
  public:
   using Call = std::function<void(ZRDelivery&)>;             // runs a local call; throws on failure
   using Done = std::function<void(const ZRError* failure)>;  // a batch is over (null: it ran)
-  /// Hands a batch of calls of one method to another host; `done` once they are over there.
-  using Send = std::function<void(const std::vector<ZRDelivery>& batch, bool lossless, Done done)>;
+  /// Hands a batch of calls of one method to another host (it may take their arguments); `done`
+  /// once they are over there.
+  using Send = std::function<void(std::vector<ZRDelivery>& batch, bool lossless, Done done)>;
   using Post = std::function<void(std::function<void()>)>;  // throws ZRError when refused
   using Gone = std::function<bool()>;                       // after a failure: leave for good?
+  /// Sees a call's method and its first argument only (the rest may be on its way already).
   using Match = std::function<bool(const ZRDelivery&)>;
 
   /// The texts of the line's warnings, which belong to its owner.
@@ -145,10 +147,13 @@ class ZRDeliveryLine : public std::enable_shared_from_this<ZRDeliveryLine> {
   const Options& options() const { return options_; }
 
   /// Adds a local subscriber, whose calls `call` runs on `post`; or a remote one, whose batches
-  /// `send` hands over, at most `window` unanswered. False when one of that name is there already
-  /// (it is kept as it is, with its queue and counts) or the line is closed.
+  /// `send` hands over, at most `window` unanswered, from a task on `pump` (the transport's I/O
+  /// thread, so that what queues meanwhile goes in the same batch) or, without one, at once on
+  /// the producer's thread. False when one of that name is there already (it is kept as it is,
+  /// with its queue and counts) or the line is closed.
   bool add(const std::string& name, Post post, Call call, Gone gone = Gone());
-  bool addRemote(const std::string& name, Send send, int window, Gone gone = Gone());
+  bool addRemote(const std::string& name, Send send, int window, Gone gone = Gone(),
+                 Post pump = Post());
 
   /// Removes a subscriber and discards its pending calls; a producer waiting for it goes on.
   /// With `waitForCurrent`, also waits for its calls under way elsewhere, so that nothing queued
@@ -167,7 +172,7 @@ class ZRDeliveryLine : public std::enable_shared_from_this<ZRDeliveryLine> {
   /// `stop` is set (then queues nothing and returns false). Returns false too when nobody is
   /// subscribed once it is queued. Warnings go to `warnings` when given (the caller logs them
   /// after its own locks), otherwise out at once.
-  bool publish(const ZRDelivery& call, const std::atomic<bool>* stop = nullptr,
+  bool publish(ZRDelivery call, const std::atomic<bool>* stop = nullptr,
                std::vector<std::string>* warnings = nullptr);
   /// Queues `call` for `name` only (nothing when there is no such subscriber). Same waits and
   /// warnings as publish.
@@ -218,6 +223,7 @@ class ZRDeliveryLine : public std::enable_shared_from_this<ZRDeliveryLine> {
   void drain(const SubscriberPtr& sub);
   void runLocal(const SubscriberPtr& sub, Entry& entry, std::list<Current>::iterator current);
   void pump(const SubscriberPtr& sub);
+  void postPumpLocked(const SubscriberPtr& sub);
   void finished(const SubscriberPtr& sub, std::size_t calls, const ZRDelivery& first,
                 const ZRError* failure, bool remote);
   bool losslessFor(const Entry& entry) const;

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include <zrcommon/detail/zrdeliveryline.h>
 #include <zrerror/zrerror.h>
 #include <zrvalue/zrvalue.h>
 
@@ -45,9 +46,16 @@ class ZRStreamSender {
   /// message out: args[0] names the modules, each further argument is one call's arguments).
   void send(const std::string& module, const std::string& method, std::vector<ZRValue> args,
             bool lossless, Done done);
-  /// Sends one message of calls of `method`, each an array of arguments, to `modules`.
-  void sendCalls(const std::vector<std::string>& modules, const std::string& method,
-                 std::vector<ZRValue> calls, bool lossless, Done done);
+  /// Sends one message of `calls` (all of one method) to each of `modules`, taking their
+  /// arguments.
+  void sendCalls(const std::vector<std::string>& modules, std::vector<ZRDelivery>& calls,
+                 bool lossless, Done done);
+
+  /// Runs `task` on the transport's I/O thread, after what it is doing now: where a stream's
+  /// user sends what queued meanwhile, in one message. False when the transport is gone.
+  bool post(std::function<void()> task);
+  /// post() as an executor, which throws ZRError when refused: a delivery line's pump.
+  std::function<void(std::function<void()>)> ioExecutor();
 
   /// From the transport: the receiver answered `credits` more messages, in order.
   void grant(std::uint32_t credits);

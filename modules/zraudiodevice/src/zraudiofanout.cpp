@@ -20,7 +20,7 @@ std::shared_ptr<ZRAudioLine> makeAudioLine(const std::string& deviceName,
   // A file's buffers are delivered losslessly: what a subscriber raises from them is never
   // dropped, and paces the file back. Buffers that waited go to another host several at a time.
   o.losslessDeliveries = !options.isLive();
-  o.messageBatch = 8;
+  o.messageBatch = 32;
   o.category = kAudioDeviceCategory;
   o.publishFunction = "publish";
   o.deliverFunction = "deliver";

@@ -74,22 +74,11 @@ bool ZRAudioRemoteSubscribers::add(const std::shared_ptr<ZRAudioLine>& line, ZRB
         host->entry,
         // One message carries the buffers that waited, each a call of "processRemote" on every
         // subscriber of that host.
-        [weakHost](const std::vector<detail::ZRDelivery>& batch, bool lossless,
-                   ZRAudioLine::Done done) {
+        [weakHost](std::vector<detail::ZRDelivery>& batch, bool lossless, ZRAudioLine::Done done) {
           std::shared_ptr<Host> h = weakHost.lock();
           std::vector<std::string> members = h ? h->snapshot() : std::vector<std::string>();
           if (members.empty()) return done(nullptr);
-          std::vector<ZRValue> calls;
-          calls.reserve(batch.size());
-          for (const detail::ZRDelivery& d : batch) {
-            ZRValue args;
-            args.arraySetSize(0);
-            args.arrayReserve(static_cast<int>(d.args.size()));
-            for (const ZRValue& a : d.args) args.arrayPush(a);
-            calls.push_back(std::move(args));
-          }
-          h->sender->sendCalls(members, "processRemote", std::move(calls), lossless,
-                               std::move(done));
+          h->sender->sendCalls(members, batch, lossless, std::move(done));
         },
         live_ ? kLiveWindow : kFileWindow,
         // The stream leaves the line with its host; its subscribers stay listed until they are
@@ -97,7 +86,8 @@ bool ZRAudioRemoteSubscribers::add(const std::shared_ptr<ZRAudioLine>& line, ZRB
         [weakHost] {
           std::shared_ptr<Host> h = weakHost.lock();
           return !h || h->sender->isLost();
-        });
+        },
+        host->sender->ioExecutor());
     it = hosts_.emplace(key, std::move(host)).first;
   }
   Host& host = *it->second;

@@ -18,6 +18,7 @@ const int kPublishWaitMs = 5000;
 // Events one drain task delivers before it lets other work onto the pool, and events one message
 // to another host carries when more wait.
 const int kDrainBatch = 64;
+const int kMessageBatch = 256;
 // Messages of events a subscriber on another host may leave unanswered.
 const int kRemoteWindow = 16;
 
@@ -38,7 +39,7 @@ std::shared_ptr<EventLine> makeEventLine(const std::string& name, int capacity) 
   o.policy = ZRDeliveryPolicy::DropOldest;  // raiseEvent never waits for a subscriber
   o.capacity = static_cast<std::size_t>(capacity);
   o.batch = kDrainBatch;
-  o.messageBatch = kDrainBatch;
+  o.messageBatch = kMessageBatch;
   o.localWindow = capacity;
   o.removeWhenRefused = false;
   o.category = kCategory;
@@ -317,20 +318,10 @@ void MemoryCore::recordLocked(const std::string& event, const std::string& modul
     // its callbacks ran there.
     line_->addRemote(
         module,
-        [stream, module](const std::vector<ZRDelivery>& batch, bool lossless,
-                         EventLine::Done done) {
-          std::vector<ZRValue> calls;
-          calls.reserve(batch.size());
-          for (const ZRDelivery& d : batch) {
-            ZRValue args;
-            args.arraySetSize(0);
-            for (const ZRValue& a : d.args) args.arrayPush(a);
-            calls.push_back(std::move(args));
-          }
-          stream->sendCalls({module}, batch.front().method, std::move(calls), lossless,
-                            std::move(done));
+        [stream, module](std::vector<ZRDelivery>& batch, bool lossless, EventLine::Done done) {
+          stream->sendCalls({module}, batch, lossless, std::move(done));
         },
-        kRemoteWindow);
+        kRemoteWindow, EventLine::Gone(), stream->ioExecutor());
     return;
   }
   const ZRStrand strand = delivery.strand;
