@@ -35,9 +35,7 @@ def wait_until(condition, timeout=STARTUP, what="a condition"):
 def wait_heartbeats(client, n):
     """Waits until the client's I/O thread has done `n` more heartbeat rounds (each one syncs
     the directory): a span of time measured in the client's own beats, not by a clock."""
-    with client._names_lock:
-        target = client._sync_count + n
-        assert client._synced.wait_for(lambda: client._sync_count >= target, STARTUP)
+    assert client._directory.wait_syncs(n, STARTUP)
 
 
 def _free_port():

@@ -1,0 +1,73 @@
+"""Streams: one-way data messages in order, paced by credits. Receiving (sound buffers for the
+hosted modules, fanned out to each module they name) and granting credits live here."""
+
+import logging
+
+from . import _wire as w
+from ._errors import ZRError
+
+log = logging.getLogger("zr")
+
+MEMORY_MODULE = "ZRMemory"
+
+
+class Streams:
+    def __init__(self, conn, hosting):
+        self._conn = conn
+        self._hosting = hosting
+        conn.on_data = self._incoming_data
+
+    def _incoming_data(self, ident, m):
+        env = m.envelope
+        if env["module"]:
+            calls = [([env["module"]], m.body)]
+        else:
+            if not m.body or not isinstance(m.body[0], list):
+                log.warning("zr: dropped a fan-out without its list of modules")
+                return
+            calls = [(m.body[0], a) for a in m.body[1:]]
+        stream = env["stream"]
+        method_name = env["method"]
+        modules = self._hosting.modules
+        jobs = []
+        for names, args in calls:
+            for n in names:
+                mod = modules.get(n) if isinstance(n, str) else None
+                if mod is None or not isinstance(args, list):
+                    log.warning("zr: a data message for a missing module %r is skipped", n)
+                    continue
+                jobs.append((mod, args))
+        credit = (w.message(w.CREDIT, {"stream": stream, "credits": 1}) if stream else None)
+
+        def run_all():
+            failure = None
+            for mod, args in jobs:
+                try:
+                    mod.invoke(method_name, args)
+                except ZRError as e:
+                    log.warning("zr: %s", e)
+                    failure = failure or e
+            if not stream:
+                return
+            # The failure first, then the credit: the sender counts the message as failed.
+            frames = []
+            if failure is not None:
+                frames.append(w.message(w.STREAM_ERROR, {
+                    "stream": stream, "seq": env["seq"], "module": failure.module,
+                    "method": failure.method, "description": failure.description}))
+            frames.append(credit)
+
+            def answer():
+                for f in frames:
+                    self._conn.send_router(ident, f)
+            self._conn.submit(answer)
+
+        # One thread keeps the stream's order across modules.
+        if not jobs:
+            run_all()
+            return
+        try:
+            jobs[0][0].executor.submit(run_all)
+        except RuntimeError:  # the module was unhosted meanwhile: the sender still gets credit
+            if credit:
+                self._conn.send_router(ident, credit)
