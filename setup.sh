@@ -25,9 +25,9 @@ PACKAGES=(
   gnuplot-nox espeak-ng sox
   libzmq3-dev cppzmq-dev libmsgpack-cxx-dev
   clang libfuzzer-14-dev clang-format
-  # for Debian's /usr/bin/python3, which the Python client's tests run on (not a python3
+  # for Debian's /usr/bin/python3, which the Python client and its extractors run on (not a python3
   # that comes first on the PATH)
-  python3-zmq python3-msgpack python3-pytest
+  python3-zmq python3-msgpack python3-pytest python3-numpy
 )
 
 install_deps() {

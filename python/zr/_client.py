@@ -13,7 +13,8 @@ from ._connections import Connections, now
 from ._directory import DEFAULT_DIRECTORY, DIRECTORY_WAIT, Directory
 from ._errors import ZRError
 from ._hosting import HostedModule, Hosting, method, parse_help
-from ._streams import MEMORY_MODULE, Streams
+from ._reaper import Reaper
+from ._streams import MEMORY_MODULE, Streams, raise_event
 
 log = logging.getLogger("zr")
 
@@ -60,6 +61,8 @@ class Client:
         self._conn.on_tick = self._directory.tick
         self._hosting = Hosting(self._conn)
         self._streams = Streams(self._conn, self._hosting)
+        self._reaper = Reaper(self, self._directory, self._hosting)
+        self._directory.on_changed = self._reaper.names_changed
         self._event_client = None
         self._watches = {}      # event -> [callbacks]
         self._watch_lock = threading.Lock()
@@ -100,6 +103,18 @@ class Client:
         self._directory.resolve(name, "getProxy")
         return Proxy(self, name)
 
+    def wait_for(self, name, timeout=None):
+        """Waits until a module `name` is published (without limit when `timeout` is None);
+        False when the timeout passed first."""
+        until = None if timeout is None else now() + timeout
+        while self._directory.lookup(name) is None:
+            if until is not None and now() >= until:
+                return False
+            self._directory.wait_syncs(1, self.heartbeat * 4)
+            if not self._conn.alive:
+                raise ZRError(name, "waitForService", "the client is closed")
+        return True
+
     def describe(self, name):
         """The module's methods: one dict per overload (method, signature, description,
         parameters [(name, type, documentation)], returnType, returnName, returnDocumentation),
@@ -116,6 +131,11 @@ class Client:
         endpoint = self._directory.resolve(module, method_name)
         return self._conn.call_endpoint(endpoint, module, method_name, body, blocks,
                                         deadline).result()
+
+    def raise_event(self, event, value):
+        """Raises `event` with `value` in "ZRMemory": the memory stores it under the event's
+        name and calls every subscriber of the event."""
+        raise_event(self, event, value)
 
     def watch(self, event, callback):
         """Subscribes to `event` (e.g. "SoundLevel/Levels") through ZRMemory, as a client module
@@ -154,7 +174,12 @@ class Client:
             raise
 
     def unhost(self, name):
-        """Unpublishes the module `name` hosted here."""
+        """Unpublishes the module `name` hosted here; an object that defines _zr_unhosting() is
+        told first (a sound extractor leaves the audio device then)."""
+        module = self._hosting.modules.get(name)
+        leaving = getattr(module.obj, "_zr_unhosting", None) if module else None
+        if leaving:
+            leaving()
         try:
             self._directory.unpublish(name, self.name, self.endpoint)
         finally:
@@ -165,6 +190,7 @@ class Client:
         peer and stops the I/O thread. Idempotent."""
         if self._closed:
             return
+        self._reaper.stop()
         with self._watch_lock:
             events = list(self._watches)
             self._watches.clear()

@@ -204,6 +204,8 @@ class Connections:
                 handler(frames)
             except Exception:
                 log.exception("zr: dropped a message that could not be handled")
+            if sock.closed:  # the handler dropped its peer (a bye)
+                return
 
     def _stop(self):
         self._running = False

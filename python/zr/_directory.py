@@ -20,12 +20,15 @@ DIRECTORY_WAIT = 3.0
 
 class Directory:
     """Contract: every public method may be called from any thread but the I/O thread, except
-    tick, which the I/O thread calls."""
+    tick, which the I/O thread calls. on_changed(added, removed), when set, is called on the
+    I/O thread with the names of other hosts that came into or left the listing; it must not
+    block."""
 
     def __init__(self, conn, address, host_id):
         self._conn = conn
         self.address = address
         self.host_id = host_id
+        self.on_changed = None
         self.lock = threading.Lock()
         self._names = {}        # published module name -> (host name, endpoint)
         self._epoch, self._seq = "", 0
@@ -124,6 +127,7 @@ class Directory:
             epoch, seq, snapshot, changes = f.result()
             republish = []
             with self.lock:
+                before = set(self._names)
                 if epoch != self._epoch:
                     republish = list(self._published)
                 if snapshot:
@@ -137,11 +141,16 @@ class Directory:
                 republish += [n for n in self._published
                               if n not in self._names and n not in republish]
                 republish = [n for n in republish if n not in self._publishing]
+                after = set(self._names)
+                added = sorted(after - before - self._published)
+                removed = sorted(before - after - self._published)
                 self.sync_count += 1
                 self.synced.notify_all()
                 again = self.sync_count < self._wanted
             for n in republish:
                 self._publish_async(n)
+            if (added or removed) and self.on_changed:
+                self.on_changed(added, removed)
             if again:
                 self.tick()
         except ZRError as e:

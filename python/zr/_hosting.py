@@ -16,6 +16,8 @@ log = logging.getLogger("zr")
 
 # The platform's version, as `zr --version` gives it (the tests hold the two together).
 PLATFORM_VERSION = "0.1.0"
+# Threads for the calls of modules run as C++ hosts run theirs (the extractors).
+CALL_THREADS = 8
 
 
 def _type_name(annotation):
@@ -51,11 +53,12 @@ def _is_string_list(v):
     return isinstance(v, list) and all(isinstance(x, str) for x in v)
 
 
-# How well an argument fits a parameter type: 2 exact, 1 anything for a ZRValue, 0 not at all.
+# How well an argument fits a parameter type, as C++ modules score it: 2 exact, 1 converted (an
+# int for a float, anything for a ZRValue), 0 not at all.
 _SCORES = {
     "bool": lambda v: 2 if isinstance(v, bool) else 0,
     "int": lambda v: 2 if _is_int(v) else 0,
-    "float": lambda v: 2 if isinstance(v, float) else 0,
+    "float": lambda v: 2 if isinstance(v, float) else (1 if _is_int(v) else 0),
     "string": lambda v: 2 if isinstance(v, str) else 0,
     "list of strings": lambda v: 2 if _is_string_list(v) else 0,
 }
@@ -82,6 +85,7 @@ class Method:
         self.return_type = return_type
         self.return_name, self.return_doc = returns if returns else ("", "")
         self._scores = [_SCORES.get(t, _any_value) for _, t, _ in self.params]
+        self._floats = [i for i, (_, t, _) in enumerate(self.params) if t == "float"]
 
     @staticmethod
     def _introspect(fn):
@@ -124,6 +128,10 @@ class Method:
         return total
 
     def call(self, args):
+        for i in self._floats:
+            if not isinstance(args[i], float):
+                args = list(args)
+                args[i] = float(args[i])
         return self.fn(*args)
 
 
@@ -139,18 +147,31 @@ def _kind_of(v):
 
 class HostedModule:
     """A Python object published as a module. Its calls run one at a time, in arrival order, on
-    a thread of its own, so a slow method holds up neither the I/O thread nor other modules."""
+    a thread of its own, so a slow method holds up neither the I/O thread nor other modules, and
+    the errors they raise reach the caller as they are. An object whose `_zr_like_cpp` is true
+    is run as a C++ host runs its modules: its calls on the client's call threads, any number at
+    once (its data messages still in order on its own thread), and an error it raises that does
+    not name the call's module and method is named after the call, its text as description.
+
+    An object may give its method table itself: `_zr_methods()` returns Method objects, which
+    follow the built-ins in that order; `_zr_version()`, when defined, answers "version"."""
 
     def __init__(self, name, obj, class_name):
         self.name = name
         self.obj = obj
+        self.like_cpp = bool(getattr(obj, "_zr_like_cpp", False))
         self.methods = [
             Method("getMethodList", self._method_list, "ZRModuleCore"),
             Method("getMethodHelp", self._method_help, "ZRModuleCore"),
-            Method("version", self._version, "ZRModuleCore"),
+            Method("version", getattr(obj, "_zr_version", self._version), "ZRModuleCore",
+                   *_doc_of(self._version)),
             Method("ping", self._ping, "ZRModuleCore"),
         ]
-        self.methods += self._introspect(obj, class_name)
+        own = getattr(obj, "_zr_methods", None)
+        if own is not None:
+            self.methods += own()
+        else:
+            self.methods += self._introspect(obj, class_name)
         self._by_name = {}
         for m in self.methods:
             self._by_name.setdefault(m.name, []).append(m)
@@ -190,6 +211,9 @@ class HostedModule:
     def _ping(self) -> bool:
         return True
 
+    def has(self, method_name):
+        return method_name in self._by_name
+
     def invoke(self, method_name, args):
         candidates = self._by_name.get(method_name)
         if not candidates:
@@ -206,10 +230,17 @@ class HostedModule:
                 ", ".join(m.signature().split(" -> ")[0] for m in candidates)))
         try:
             return best.call(args)
-        except ZRError:
-            raise
+        except ZRError as e:
+            if not self.like_cpp or (e.module == self.name and e.method == method_name):
+                raise
+            raise ZRError(self.name, method_name, str(e)) from None
         except Exception as e:  # the caller gets it; the host lives on
-            raise ZRError(self.name, method_name, "%s: %s" % (type(e).__name__, e))
+            raise ZRError(self.name, method_name, "%s: %s" % (type(e).__name__, e)) from None
+
+
+def _doc_of(fn):
+    """(description, params, return type, returns) of a method marked with @method."""
+    return Method._introspect(fn)
 
 
 class Hosting:
@@ -220,12 +251,19 @@ class Hosting:
         self._conn = conn
         self.modules = {}       # name -> HostedModule
         self._cancelled = set()
+        self._pool = None       # call threads of the concurrent modules, made when needed
         conn.on_call = self._incoming_call
         conn.on_cancel = lambda ident, call_id: self._cancelled.add((ident, call_id))
 
     def add(self, module):
-        self._conn.submit_wait(lambda f: (self.modules.__setitem__(module.name, module),
-                                          f.set_result(0)))
+        def put(f):
+            if module.like_cpp and self._pool is None:
+                self._pool = concurrent.futures.ThreadPoolExecutor(
+                    max_workers=CALL_THREADS, thread_name_prefix="zr-calls")
+            self.modules[module.name] = module
+            f.set_result(0)
+
+        self._conn.submit_wait(put)
 
     def remove(self, name):
         """Takes the module off the table; the module, or None."""
@@ -234,10 +272,15 @@ class Hosting:
             module.executor.shutdown(wait=False)
         return module
 
+    def names(self):
+        return self._conn.submit_wait(lambda f: f.set_result(list(self.modules)))
+
     def shutdown(self):
         """After the I/O thread stopped: no thread of a module takes more work."""
         for m in self.modules.values():
             m.executor.shutdown(wait=False)
+        if self._pool is not None:
+            self._pool.shutdown(wait=False)
 
     def _incoming_call(self, ident, m):
         env = m.envelope
@@ -264,7 +307,7 @@ class Hosting:
             self._conn.submit(lambda: self._reply(ident, call_id, reply))
 
         try:
-            module.executor.submit(run)
+            (self._pool if module.like_cpp else module.executor).submit(run)
         except RuntimeError:  # the module was unhosted meanwhile
             pass
 

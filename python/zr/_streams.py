@@ -1,5 +1,6 @@
 """Streams: one-way data messages in order, paced by credits. Receiving (sound buffers for the
-hosted modules, fanned out to each module they name) and granting credits live here."""
+hosted modules, fanned out to each module they name) and granting credits live here, and so
+does raising an event into the memory service, which is a plain call for now."""
 
 import logging
 
@@ -71,3 +72,9 @@ class Streams:
         except RuntimeError:  # the module was unhosted meanwhile: the sender still gets credit
             if credit:
                 self._conn.send_router(ident, credit)
+
+
+def raise_event(client, event, value):
+    """Raises `event` with `value` in the memory service: it stores the value under the event's
+    name and notifies the subscribers. ZRError when the memory service refuses it."""
+    client.call(MEMORY_MODULE, "raiseEvent", event, value)
