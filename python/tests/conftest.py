@@ -100,7 +100,8 @@ class PyHost(Host):
 
     def __init__(self, directory, *args):
         self.directory = directory
-        env = dict(os.environ, PYTHONPATH=str(ROOT / "python"), ZR_DIRECTORY=directory)
+        env = dict(os.environ, PYTHONPATH=str(ROOT / "python"), ZR_DIRECTORY=directory,
+                   PYTHONDONTWRITEBYTECODE="1")
         self._start([sys.executable, "-m", "zr", "host", *args], env)
         if not self.ready:
             self.kill()

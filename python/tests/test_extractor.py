@@ -317,7 +317,8 @@ def test_host_command_line(start_host, tmp_path):
     from conftest import ROOT
 
     host = start_host("--memory")
-    env = {"PYTHONPATH": str(ROOT / "python"), "ZR_DIRECTORY": host.directory}
+    env = {"PYTHONPATH": str(ROOT / "python"), "ZR_DIRECTORY": host.directory,
+           "PYTHONDONTWRITEBYTECODE": "1"}
 
     def run(*args):
         return subprocess.run([sys.executable, "-m", "zr", *args], capture_output=True,
@@ -355,3 +356,48 @@ def test_host_command_line(start_host, tmp_path):
         assert any("stopped" in l for l in py.lines)
         wait_until(lambda: "Bounded" not in {m["name"] for m in c.list()}, what="unpublished")
 
+
+def centroid_reference(block, rate):
+    frames = block.shape[0]
+    window = 0.5 - 0.5 * numpy.cos(2 * numpy.pi * numpy.arange(frames) / (frames - 1))
+    spectrum = numpy.abs(numpy.fft.rfft(block.astype(numpy.float64) * window[:, None], axis=0))
+    freqs = numpy.arange(spectrum.shape[0]) * rate / frames
+    total = spectrum.sum(axis=0)
+    return [float(freqs @ s / t) if t > 0 else 0.0 for s, t in zip(spectrum.T, total)]
+
+
+def test_example_in_a_pipeline_with_the_cpp_device_and_sound_level(start_host, tmp_path):
+    rate, frames = 16000, 16000 * 3
+    t = numpy.arange(frames) / rate
+    rng = numpy.random.default_rng(5)
+    tone = 0.3 * numpy.sin(2 * numpy.pi * 1000 * t) + 0.01 * rng.standard_normal(frames)
+    chirp = 0.4 * numpy.sin(2 * numpy.pi * (200 * t + 2800 / 6 * t * t))
+    data = numpy.round(numpy.stack([tone, chirp], axis=1) * 32767).astype(numpy.int16)
+    data[16000:17600, 1] = 0  # one silent buffer: centroid 0, level at the floor
+    write_wav(tmp_path / "in.wav", data)
+    host = start_host("--memory", "--device", str(tmp_path / "in.wav"), "-e", "SoundLevel")
+    example = HERE.parents[1] / "examples" / "python" / "spectral_centroid.py"
+    start_host(str(example), join=host.directory, python=True)
+    run = zr_tool("run", "--directory", host.directory, "-e", "SoundLevel", "-e",
+                  "SpectralCentroid", "-f", "jsonl", directory=host.directory)
+    assert run.returncode == 0, run.stderr
+    rows = [json.loads(l) for l in run.stdout.splitlines()]
+    centroids = [r for r in rows if r["extractor"] == "SpectralCentroid"]
+    levels = [r for r in rows if r["extractor"] == "SoundLevel" and r["event"] == "Levels"]
+    assert len(centroids) == len(levels) == frames // 1600
+    for i, (c, lv) in enumerate(zip(centroids, levels)):
+        block = data[i * 1600:(i + 1) * 1600]
+        assert c["event"] == "Centroid" and c["time"] == lv["time"] == round(i * 0.1, 3)
+        assert c["centroid"] == pytest.approx(centroid_reference(block, rate), abs=0.006)
+        x = block.astype(numpy.float64) / 32768
+        with numpy.errstate(divide="ignore"):
+            rms = numpy.maximum(20 * numpy.log10(numpy.sqrt((x * x).mean(axis=0))), -120)
+            peak = numpy.maximum(20 * numpy.log10(numpy.abs(x).max(axis=0)), -120)
+        assert lv["rms"] == pytest.approx(rms.tolist(), abs=0.006)
+        assert lv["peak"] == pytest.approx(peak.tolist(), abs=0.006)
+    assert centroids[10]["centroid"][1] == 0 and centroids[10]["centroid"][0] > 900
+    # The extractor's outputs, as the memory service and the module itself list them.
+    with zr.connect(host.directory) as c:
+        assert c.call("SpectralCentroid", "getOutputNames") == ["SpectralCentroid/Centroid"]
+        assert c.call("ZRMemory", "getExtractorEvent", "SpectralCentroid") == [
+            "SpectralCentroid/Centroid"]
