@@ -87,6 +87,7 @@ case "$cmd" in
     build build-bench -DCMAKE_BUILD_TYPE=Release -DZR_BUILD_TESTS=OFF -DZR_BUILD_BENCHMARKS=ON
     for b in build-bench/bench/bench_*; do [ -x "$b" ] && "$b"; done
     bench/zr_run_speed.sh build-bench/tools/zr/zr
+    /usr/bin/python3 bench/bench_python_extractor.py build-bench/tools/zr/zr
     ;;
   example)
     install_deps
