@@ -55,20 +55,20 @@ def _parser():
     h.add_argument("--name", action="append", default=[], metavar="[CLASS=]NAME",
                    help="The module name of CLASS (repeatable); NAME alone names the file's only "
                    "extractor class.")
-    h.add_argument("--directory", help="Directory address (default: ZR_DIRECTORY, else %s)."
+    h.add_argument("--directory", metavar="ADDR", help="Directory address (default: ZR_DIRECTORY, else %s)."
                    % DEFAULT_DIRECTORY)
-    h.add_argument("--host-name", help="This host's name (default: py-, machine name, process "
+    h.add_argument("--host-name", metavar="NAME", help="This host's name (default: py-, machine name, process "
                    "id).")
-    h.add_argument("--listen", default="tcp://127.0.0.1:*",
+    h.add_argument("--listen", default="tcp://127.0.0.1:*", metavar="ADDR",
                    help="Where this host takes calls (default: loopback, any port).")
-    h.add_argument("--advertise", help="What other hosts connect to (NAT, containers).")
+    h.add_argument("--advertise", metavar="ADDR", help="What other hosts connect to (NAT, containers).")
     h.add_argument("--curve-keys", metavar="FILE", help="This host's key pair (NAME.key of zr "
                    "keygen), for the connections it makes.")
     h.add_argument("--server-key", metavar="FILE", help="Public key of the directory and the "
                    "other hosts, when they require CURVE.")
     h.add_argument("--heartbeat", type=int, default=250, metavar="MS",
                    help="Heartbeat interval in ms (default 250); the same for the whole network.")
-    h.add_argument("--log-level", default="warning", choices=list(LEVELS),
+    h.add_argument("--log-level", default="warning", choices=list(LEVELS), metavar="LEVEL",
                    help="silent, fatal, error, warning (default), info, verbose or debug.")
     return p
 
