@@ -259,6 +259,28 @@ def test_sound_buffers_reach_process_as_numpy_views(start_host, tmp_path):
     assert host.proc.poll() is None
 
 
+def test_a_process_that_always_fails_is_reported_once_a_second(start_host, tmp_path, caplog):
+    write_wav(tmp_path / "in.wav", numpy.zeros((16000 * 2, 1), numpy.int16))
+    host = start_host("--memory", "--device", str(tmp_path / "in.wav"))
+    calls, done = [], threading.Event()
+
+    class Failing(zr.SoundExtractor):
+        def process(self, samples, timestamp):
+            calls.append(timestamp)
+            if len(calls) == 20:
+                done.set()
+            raise ValueError("no good")
+
+    with zr.connect(host.directory) as c:
+        c.host("PyFailing", Failing(c, "PyFailing"))
+        c.call("PyFailing", "subscribe", "tester")
+        assert done.wait(STARTUP)  # every buffer came, failures or not
+        c.call("PyFailing", "unsubscribe", "tester")
+    reports = [r for r in caplog.records if "no good" in r.getMessage()]
+    assert 1 <= len(reports) < 10
+    assert "ValueError: no good" in caplog.text and "raise ValueError" in caplog.text
+
+
 def test_hooks_never_overlap(start_host):
     host = start_host("--memory")
     c = zr.connect(host.directory)

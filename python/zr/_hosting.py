@@ -17,7 +17,7 @@ log = logging.getLogger("zr")
 # The platform's version, as `zr --version` gives it (the tests hold the two together).
 PLATFORM_VERSION = "0.1.0"
 # Threads for the calls of modules run as C++ hosts run theirs (the extractors).
-CALL_THREADS = 8
+CALL_THREADS = 16
 
 
 def _type_name(annotation):
@@ -234,8 +234,8 @@ class HostedModule:
             if not self.like_cpp or (e.module == self.name and e.method == method_name):
                 raise
             raise ZRError(self.name, method_name, str(e)) from None
-        except Exception as e:  # the caller gets it; the host lives on
-            raise ZRError(self.name, method_name, "%s: %s" % (type(e).__name__, e)) from None
+        except Exception as e:  # the caller gets it; the host lives on (the log keeps the cause)
+            raise ZRError(self.name, method_name, "%s: %s" % (type(e).__name__, e))
 
 
 def _doc_of(fn):

@@ -5,6 +5,7 @@ does raising an event into the memory service, which is a plain call for now."""
 import logging
 
 from . import _wire as w
+from ._connections import now
 from ._errors import ZRError
 
 log = logging.getLogger("zr")
@@ -16,7 +17,20 @@ class Streams:
     def __init__(self, conn, hosting):
         self._conn = conn
         self._hosting = hosting
+        self._failures = {}  # (module, method) -> (time of the last report, failures held back)
         conn.on_data = self._incoming_data
+
+    def _failed(self, module, method_name, error):
+        # A module failing on every buffer would bury everything else: its first failure is
+        # reported with its cause, then one report a second, with how many were held back.
+        key = (module.name, method_name)
+        t = now()
+        last, held = self._failures.get(key, (None, 0))
+        if last is not None and t - last < 1.0:
+            self._failures[key] = (last, held + 1)
+            return
+        self._failures[key] = (t, 0)
+        log.warning("zr: %s (%d failures held back)", error, held, exc_info=last is None)
 
     def _incoming_data(self, ident, m):
         env = m.envelope
@@ -46,7 +60,7 @@ class Streams:
                 try:
                     mod.invoke(method_name, args)
                 except ZRError as e:
-                    log.warning("zr: %s", e)
+                    self._failed(mod, method_name, e)
                     failure = failure or e
             if not stream:
                 return
