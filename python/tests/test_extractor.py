@@ -347,10 +347,13 @@ def test_host_command_line(start_host, tmp_path):
                               text=True, env=env, timeout=STARTUP)
 
     (tmp_path / "none.py").write_text("import zr\nclass NotOne:\n    pass\n")
+    (tmp_path / "hookless.py").write_text("import zr\nclass Half(zr.Extractor):\n"
+                                          "    def x_stop_detection(self):\n        pass\n")
     (tmp_path / "broken.py").write_text("import zr\nraise ValueError('no')\n")
     cases = [
         (["host", str(tmp_path / "missing.py")], 1, "missing.py: no such file"),
         (["host", str(tmp_path / "none.py")], 1, "defines no extractor class"),
+        (["host", str(tmp_path / "hookless.py")], 1, "; Half lacks x_start_detection"),
         (["host", str(tmp_path / "broken.py")], 1, "broken.py: ValueError: no"),
         (["host", str(HERE / "probes.py"), "--name", "Nope=X"], 2,
          "defines no extractor class Nope (it has HookProbe, BoundedProbe, PlainSound)"),

@@ -86,12 +86,16 @@ def load_extractors(path):
         spec.loader.exec_module(module)
     except Exception as e:
         raise _Exit(FAILURE, "%s: %s: %s" % (path, type(e).__name__, e)) from None
-    found = [c for c in vars(module).values()
-             if inspect.isclass(c) and issubclass(c, Extractor)
-             and c.__module__ == module.__name__ and not inspect.isabstract(c)]
+    defined = [c for c in vars(module).values()
+               if inspect.isclass(c) and issubclass(c, Extractor)
+               and c.__module__ == module.__name__]
+    found = [c for c in defined if not inspect.isabstract(c)]
     if not found:
+        # Classes that lack a hook are bases for others, unless they are all there is.
+        lacking = "".join("; %s lacks %s" % (c.__name__, ", ".join(sorted(c.__abstractmethods__)))
+                          for c in defined)
         raise _Exit(FAILURE, "%s defines no extractor class (a subclass of zr.Extractor or "
-                    "zr.SoundExtractor)" % path)
+                    "zr.SoundExtractor)%s" % (path, lacking))
     return found
 
 

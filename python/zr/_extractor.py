@@ -2,6 +2,7 @@
 remote method table, subscriber registry, reconciliation, hooks and texts of the C++
 ZR::ZRExtractor, for modules hosted by a Python client."""
 
+import abc
 import logging
 import struct
 import sys
@@ -45,7 +46,7 @@ def _byte_order(name):
     return name.encode("utf-8", "surrogateescape")
 
 
-class Extractor:
+class Extractor(abc.ABC):
     """The base of an extractor module, hosted with `client.host(name, extractor)` or by
     `python3 -m zr host FILE.py`.
 
@@ -103,16 +104,16 @@ class Extractor:
 
     # ---- hooks ----------------------------------------------------------------------------
 
+    @abc.abstractmethod
     def x_start_detection(self, period, precision):
         """The first subscriber arrived: start working with this period and precision."""
-        raise NotImplementedError("%s must define x_start_detection" % type(self).__name__)
 
     def x_update_parameters(self, period, precision):
         """The subscribers changed while working: the reconciled period and precision."""
 
+    @abc.abstractmethod
     def x_stop_detection(self):
         """The last subscriber left: stop working."""
-        raise NotImplementedError("%s must define x_stop_detection" % type(self).__name__)
 
     # ---- remote methods -------------------------------------------------------------------
 
