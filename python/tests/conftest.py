@@ -118,7 +118,7 @@ def start_host():
         return h
 
     yield start
-    for h in hosts:
+    for h in reversed(hosts):  # those that joined leave before the directory
         code = h.stop()
         # A sanitizer report makes the host exit non-zero; a killed host was meant to die.
         assert code in (0, -signal.SIGKILL), "zr host exited %s:\n%s" % (code, "\n".join(h.lines))
