@@ -244,8 +244,8 @@ def _doc_of(fn):
 
 
 class Hosting:
-    """The modules this client hosts, and the calls they receive. The module table is read and
-    written on the I/O thread only."""
+    """The modules this client hosts, and the calls they receive. The module table is written
+    on the I/O thread only; other threads read single entries or a snapshot of it."""
 
     def __init__(self, conn):
         self._conn = conn
