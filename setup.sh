@@ -25,9 +25,9 @@ PACKAGES=(
   gnuplot-nox espeak-ng sox
   libzmq3-dev cppzmq-dev libmsgpack-cxx-dev
   clang libfuzzer-14-dev clang-format
-  # for Debian's /usr/bin/python3, which the Python client's tests run on (not a python3
+  # for Debian's /usr/bin/python3, which the Python client and its extractors run on (not a python3
   # that comes first on the PATH)
-  python3-zmq python3-msgpack python3-pytest
+  python3-zmq python3-msgpack python3-pytest python3-numpy
 )
 
 install_deps() {
@@ -87,6 +87,7 @@ case "$cmd" in
     build build-bench -DCMAKE_BUILD_TYPE=Release -DZR_BUILD_TESTS=OFF -DZR_BUILD_BENCHMARKS=ON
     for b in build-bench/bench/bench_*; do [ -x "$b" ] && "$b"; done
     bench/zr_run_speed.sh build-bench/tools/zr/zr
+    /usr/bin/python3 bench/bench_python_extractor.py build-bench/tools/zr/zr
     ;;
   example)
     install_deps

@@ -1,6 +1,9 @@
-"""A client of the ZR platform in pure Python: call, watch and host modules over the wire."""
+"""A client of the ZR platform in pure Python: call, watch and host modules over the wire, and
+write extractors (zr.Extractor, zr.SoundExtractor) that join a pipeline of C++ modules."""
 
 from ._client import Client, Proxy, connect, method
 from ._errors import ZRError
+from ._extractor import Extractor
+from ._soundextractor import SoundExtractor
 
-__all__ = ["Client", "Proxy", "ZRError", "connect", "method"]
+__all__ = ["Client", "Extractor", "Proxy", "SoundExtractor", "ZRError", "connect", "method"]

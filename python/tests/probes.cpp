@@ -1,0 +1,71 @@
+// C++ extractors that the Python extractors are held to, loaded by `zr host --load`:
+// "HookProbe" records every hook call (remote "getHookCalls" hands them over), "BoundedProbe"
+// does the same with limits of its own, and "PlainSound" is the sound extractor base as it is.
+// python/tests/probes.py defines their Python twins.
+
+#include <mutex>
+#include <utility>
+
+#include <zrextractor/zrextractor.h>
+#include <zrextractors/zrextractorregistry.h>
+#include <zrsoundextractor/zrsoundextractor.h>
+
+namespace {
+
+class HookProbe : public ZR::ZRExtractor {
+ public:
+  HookProbe(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name, bool bounded)
+      : ZRExtractor(broker, name), bounded_(bounded) {
+    functionName("getHookCalls", "HookProbe", "Hands over the hook calls made since the last call.",
+                 0);
+    setReturn("calls", "[name, period, precision] per call; [name] for the stop hook.");
+    bindMethod(&HookProbe::getHookCalls);
+  }
+
+  void xStartDetection(int period, float precision) override {
+    record({ZR::ZRValue("start"), ZR::ZRValue(period), ZR::ZRValue(precision)});
+  }
+  void xUpdateParameters(int period, float precision) override {
+    record({ZR::ZRValue("update"), ZR::ZRValue(period), ZR::ZRValue(precision)});
+  }
+  void xStopDetection() override { record({ZR::ZRValue("stop")}); }
+
+  int getDefaultPeriod() override { return bounded_ ? 50 : ZRExtractor::getDefaultPeriod(); }
+  float getDefaultPrecision() override {
+    return bounded_ ? 0.25f : ZRExtractor::getDefaultPrecision();
+  }
+  int getMinimumPeriod() override { return bounded_ ? 20 : ZRExtractor::getMinimumPeriod(); }
+  int getMaximumPeriod() override { return bounded_ ? 500 : ZRExtractor::getMaximumPeriod(); }
+
+  ZR::ZRValue getHookCalls() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ZR::ZRValue out = std::move(calls_);
+    calls_ = ZR::ZRValue();
+    if (!out.isArray()) out.arraySetSize(0);
+    return out;
+  }
+
+ private:
+  void record(std::initializer_list<ZR::ZRValue> call) {
+    ZR::ZRValue entry;
+    for (const ZR::ZRValue& v : call) entry.arrayPush(v);
+    std::lock_guard<std::mutex> lock(mutex_);
+    calls_.arrayPush(entry);
+  }
+
+  const bool bounded_;
+  std::mutex mutex_;
+  ZR::ZRValue calls_;
+};
+
+}  // namespace
+
+ZR_EXTRACTOR_PLUGIN(registry) {
+  for (const bool bounded : {false, true})
+    registry.add(bounded ? "BoundedProbe" : "HookProbe",
+                 [bounded](boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name) {
+                   return boost::shared_ptr<ZR::ZRModuleCore>(
+                       ZR::ZRModule::createModule<HookProbe>(broker, name, bounded));
+                 });
+  registry.add<ZR::ZRSoundExtractor>("PlainSound");
+}
