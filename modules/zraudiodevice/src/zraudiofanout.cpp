@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdio>
 
 #include <zrcommon/zrproxy.h>
 
@@ -32,9 +33,14 @@ std::shared_ptr<ZRAudioLine> makeAudioLine(const std::string& deviceName,
            std::to_string(dropped) + " dropped so far, " + std::to_string(heldBack) +
            " warnings held back)";
   };
-  o.texts.failed = [name](const std::string& sub, const ZRAudioItem&, const std::string& failure,
-                          std::int64_t heldBack) {
-    return name + ": \"processRemote\" of \"" + sub + "\" failed: " + failure + " (" +
+  // Where in the stream it failed tells a module writer which sound to look at.
+  o.texts.failed = [name](const std::string& sub, const ZRAudioItem& item,
+                          const std::string& failure, std::int64_t heldBack) {
+    char at[48] = "";
+    if (item.timestamp.isArray() && item.timestamp.getSize() == 2)
+      std::snprintf(at, sizeof at, " on the buffer at %.3f s",
+                    item.timestamp[0].toInt() + item.timestamp[1].toInt() / 1e6);
+    return name + ": \"processRemote\" of \"" + sub + "\" failed" + at + ": " + failure + " (" +
            std::to_string(heldBack) + " warnings held back)";
   };
   o.texts.gone = [name](const std::string& sub) {
