@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdio>
 #include <fstream>
 #include <set>
@@ -17,7 +18,10 @@
 #include <zrhostprocess.h>
 #include <nlohmann/json.hpp>
 
+#include <zrextractors/zrrecord.h>
+
 #include "progress.h"
+#include "timeorder.h"
 
 namespace {
 
@@ -373,4 +377,33 @@ TEST(ZrDocs, TheReadmeDocumentsEveryEventAndMethodOfTheStockExtractors) {
         const std::string method = line.substr(0, line.find('('));
         EXPECT_NE(readme.find("`" + method + "("), std::string::npos) << name << " " << method;
       }
+}
+
+TEST(ZrRun, TimeOrderPassesOnWhatNoExtractorCanStillPrecede) {
+  std::vector<std::string> out;
+  zr::TimeOrder order({"A", "B", "C"}, [&](const zr::Result& r) {
+    const auto t = zr::resultTime(r);
+    out.push_back(r.extractor + (t ? "@" + std::to_string(std::lround(*t * 10)) : ""));
+  });
+  auto result = [](const char* extractor, const char* field, float time) {
+    return zr::Result{extractor, "E", ZR::makeRecord({{field, ZR::ZRValue(time)}})};
+  };
+  order.add(result("A", "time", 0.0f));
+  EXPECT_TRUE(out.empty()) << "B and C may still say something earlier";
+  order.add({"C", "Untimed", ZR::makeRecord({{"x", ZR::ZRValue(1)}})});
+  EXPECT_EQ(out, (std::vector<std::string>{"C"})) << "a result without a time passes at once";
+  order.add(result("B", "end", 0.5f));  // a segment, known once it ended
+  EXPECT_EQ(out, (std::vector<std::string>{"C", "A@0"})) << "C holds back nobody now";
+  order.add(result("A", "time", 0.3f));
+  order.add(result("A", "time", 0.6f));
+  EXPECT_EQ(out, (std::vector<std::string>{"C", "A@0", "A@3", "B@5"}));
+  order.add(result("B", "end", 0.9f));
+  order.add(result("A", "time", 1.2f));
+  EXPECT_EQ(out, (std::vector<std::string>{"C", "A@0", "A@3", "B@5", "A@6", "B@9"}));
+  order.add(result("A", "time", 1.5f));
+  EXPECT_EQ(order.held(), 2u);
+  order.flush(1.3);  // stopped at 1.3 s: what came before, in order; the rest is dropped
+  EXPECT_EQ(out.back(), "A@12");
+  EXPECT_EQ(out.size(), 7u);
+  EXPECT_EQ(order.held(), 0u);
 }
