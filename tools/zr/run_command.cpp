@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <csignal>
@@ -12,7 +13,6 @@
 #include <limits>
 #include <mutex>
 #include <optional>
-#include <regex>
 #include <utility>
 
 #include <sys/stat.h>
@@ -37,9 +37,39 @@ extern "C" void onInterrupt(int) {
 
 /// "Module::method: " prefixes of a chain of rethrown errors, down to the cause itself.
 std::string innermost(std::string text) {
-  static const std::regex call("^[A-Za-z0-9_./-]+::[A-Za-z0-9_]+: ");
-  for (std::smatch m; std::regex_search(text, m, call);) text = m.suffix();
-  return text;
+  auto name = [](const std::string& s) {
+    return !s.empty() && std::all_of(s.begin(), s.end(), [](char c) {
+      return std::isalnum(static_cast<unsigned char>(c)) || std::strchr("_./-", c);
+    });
+  };
+  for (;;) {
+    const std::size_t colon = text.find(": "), scope = text.find("::");
+    if (colon == std::string::npos || scope == std::string::npos || scope > colon ||
+        !name(text.substr(0, scope)) || !name(text.substr(scope + 2, colon - scope - 2)))
+      return text;
+    text.erase(0, colon + 2);
+  }
+}
+
+/// A failed delivery as the device words it: `"processRemote" of "X" failed on the buffer at
+/// T s: CAUSE (N warnings held back)`, taken apart into X, T and CAUSE; false for anything else.
+bool failedDelivery(const std::string& message, std::string& module, double& at,
+                    std::string& cause) {
+  const std::string of = "\"processRemote\" of \"", failed = "\" failed on the buffer at ",
+                    seconds = " s: ", held = " warnings held back)";
+  const std::size_t a = message.find(of);
+  const std::size_t b = a == std::string::npos ? a : message.find(failed, a + of.size());
+  const std::size_t c = b == std::string::npos ? b : message.find(seconds, b + failed.size());
+  const std::size_t d = message.rfind(" (");
+  if (c == std::string::npos || d == std::string::npos || d < c ||
+      message.compare(message.size() - held.size(), held.size(), held) != 0)
+    return false;
+  module = message.substr(a + of.size(), b - a - of.size());
+  char* end = nullptr;
+  const std::string time = message.substr(b + failed.size(), c - b - failed.size());
+  at = std::strtod(time.c_str(), &end);
+  cause = message.substr(c + seconds.size(), d - c - seconds.size());
+  return end && *end == '\0' && !time.empty();
 }
 
 /// The log during a run: records print as the console handler prints them, except that the
@@ -75,24 +105,24 @@ class RunLog {
   void print(const vo::log::Record& r) {
     std::lock_guard<std::mutex> lock(mutex_);
     // The device says so when a subscriber's "processRemote" threw.
-    static const std::regex delivery(
-        "\"processRemote\" of \"(.*)\" failed on the buffer at ([0-9.]+) s: (.*) \\(\\d+ "
-        "warnings held back\\)$");
-    std::smatch m;
-    const bool failedDelivery = r.category == "zraudiodevice" && r.function == "deliver" &&
-                                std::regex_search(r.message, m, delivery);
-    if ((failedDelivery || r.level <= vo::LogLevel_Error) && failure_.empty()) {
-      if (failedDelivery) {
-        failure_ = "extractor " + m[1].str() + " failed at " + m[2].str() +
-                   " s of audio: " + innermost(m[3].str());
-        failedAt_ = std::stod(m[2].str());
+    std::string module, cause;
+    double at = 0.0;
+    const bool extractorFailed = r.category == "zraudiodevice" && r.function == "deliver" &&
+                                 failedDelivery(r.message, module, at, cause);
+    if ((extractorFailed || r.level <= vo::LogLevel_Error) && failure_.empty()) {
+      if (extractorFailed) {
+        char where[32];
+        std::snprintf(where, sizeof where, "%.3f", at);
+        failure_ =
+            "extractor " + module + " failed at " + where + " s of audio: " + innermost(cause);
+        failedAt_ = at;
         extractorFailed_ = true;
       } else {
         failure_ = r.message.empty() ? r.category + " failed" : innermost(r.message);
       }
       return;
     }
-    if (r.level > level_ || failedDelivery) return;
+    if (r.level > level_ || extractorFailed) return;
     std::fprintf(stderr, "[%s] %s: %s\n", vo::log::logLevelName(r.level), r.category.c_str(),
                  r.message.c_str());
   }
