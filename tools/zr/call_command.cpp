@@ -21,9 +21,11 @@ class CallCommand : public Command {
     cmd->add_option("MODULE", module_, "Name of the module.")->required();
     cmd->add_option("METHOD", method_, "Name of the method.")->required();
     // The ARGs are taken as they come (CLI11 would split "[1,2]" at its commas and take "-5"
-    // for an option): whatever is no option of zr call.
+    // for an option): whatever is no option of zr call. Those after "--", options or not, reach
+    // the tool's own command line (main lets them through for zr call only).
     cmd->allow_extras();
     cmd_ = cmd;
+    root_ = &app;
     cmd->add_option("-f,--format", format_, "Error format on stderr.")
         ->check(CLI::IsMember({"text", "jsonl"}));
     directory_.define(cmd);
@@ -33,7 +35,8 @@ class CallCommand : public Command {
   int run() override {
     DirectoryView view(directory_);
     std::vector<ZR::ZRValue> args;
-    for (const std::string& a : cmd_->remaining()) args.push_back(parseArgument(a));
+    for (const CLI::App* from : {cmd_, root_})
+      for (const std::string& a : from->remaining()) args.push_back(parseArgument(a));
     try {
       // The overloads decide int/float conversions and whether there is a result to print.
       std::vector<MethodInfo> overloads;
@@ -66,7 +69,7 @@ class CallCommand : public Command {
 
  private:
   std::string module_, method_, format_ = "text";
-  CLI::App* cmd_ = nullptr;
+  CLI::App *cmd_ = nullptr, *root_ = nullptr;
   DirectoryOptions directory_;
 };
 

@@ -148,6 +148,8 @@ void HostCommand::createModules(const boost::shared_ptr<ZR::ZRBroker>& broker) {
     if (channels_ > 0) d.channelCount = channels_;
     if (buffer_ > 0) d.samplesPerBuffer = buffer_;
     d.realtime = realtime_;
+    const std::string notice = rawInputNotice(d);
+    if (!notice.empty()) std::fprintf(stderr, "%s\n", notice.c_str());
     auto device =
         ZR::ZRModule::createModule<ZR::ZRAudioDevice>(broker, ZR::kAudioDeviceServiceName, d);
     published(ZR::kAudioDeviceServiceName, "service, " + device->getSourceDescription());

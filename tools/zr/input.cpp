@@ -4,9 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <stdexcept>
+
+#include <CLI/CLI.hpp>
 
 namespace zr {
 
@@ -44,7 +48,72 @@ ZR::ZRAudioDeviceOptions resolveInput(const std::string& input, bool given) {
     throw std::runtime_error("input " + device.path +
                              " is not a regular file; send raw 16-bit PCM through - (with --rate "
                              "and --channels) or save the stream to a file first");
+  // Said here, in one line, rather than by the device as a chain of the calls that opened it.
+  SF_INFO info{};
+  SNDFILE* f = sf_open(device.path.c_str(), SFM_READ, &info);
+  if (!f)
+    throw std::runtime_error("cannot read input " + device.path + ": " + sf_strerror(nullptr));
+  sf_close(f);
   return device;
+}
+
+std::string rawInputNotice(const ZR::ZRAudioDeviceOptions& device) {
+  if (device.source != ZR::ZRAudioDeviceOptions::Source::RawPcm ||
+      (device.sampleRate && device.channelCount))
+    return "";
+  return "zr: " + device.describe() + " is read as 16-bit " +
+         std::to_string(device.sampleRate.value_or(16000)) + " Hz " +
+         (device.channelCount.value_or(1) == 1
+              ? std::string("mono")
+              : std::to_string(*device.channelCount) + " channels") +
+         "; give --rate HZ and --channels N if it is not";
+}
+
+InputList expandInputs(const std::vector<std::string>& inputs) {
+  InputList list;
+  for (const std::string& input : inputs) {
+    struct stat st {};
+    if (stat(input.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) {
+      // A file is run as named, so that its failure is said in its turn.
+      if (ZR::ZRAudioDeviceOptions::fromInput(input).source !=
+          ZR::ZRAudioDeviceOptions::Source::File)
+        throw CLI::ValidationError("INPUT",
+                                   "with several inputs each is a sound file or a "
+                                   "directory of them; \"" +
+                                       input + "\" is neither");
+      list.files.push_back(input);
+      continue;
+    }
+    std::vector<std::string> found;
+    namespace fs = std::filesystem;
+    std::error_code error;
+    fs::recursive_directory_iterator it(input, fs::directory_options::follow_directory_symlink,
+                                        error);
+    if (error) throw std::runtime_error("cannot read directory " + input + ": " + error.message());
+    for (; it != fs::recursive_directory_iterator(); it.increment(error)) {
+      if (error)
+        throw std::runtime_error("cannot read directory " + input + ": " + error.message());
+      const std::string name = it->path().filename().string();
+      if (!name.empty() && name[0] == '.') {  // hidden: neither the file nor what is inside
+        if (it->is_directory(error)) it.disable_recursion_pending();
+        continue;
+      }
+      if (!it->is_regular_file(error)) continue;
+      SF_INFO info{};
+      SNDFILE* f = sf_open(it->path().c_str(), SFM_READ, &info);
+      if (!f) {
+        ++list.skipped;
+        continue;
+      }
+      sf_close(f);
+      found.push_back(it->path().string());
+    }
+    if (found.empty())
+      throw std::runtime_error("directory " + input + " holds no sound file that zr can read");
+    std::sort(found.begin(), found.end());
+    list.files.insert(list.files.end(), found.begin(), found.end());
+  }
+  return list;
 }
 
 double fileDuration(const std::string& path) {

@@ -30,8 +30,15 @@ class ListCommand : public Command {
     if (directory_.explicitlyGiven()) return runRemote();
     ZR::ZRExtractorRegistry registry = ZR::ZRExtractorRegistry::withStockExtractors();
     for (const std::string& lib : libraries_) registry.loadPlugin(lib);
-    for (const auto& e : registry.entries())
-      std::printf("%-16s %s\n", e.typeName.c_str(), e.description.c_str());
+    for (const auto& e : registry.entries()) {
+      if (format_ == "jsonl")
+        std::printf("%s\n",
+                    nlohmann::ordered_json({{"name", e.typeName}, {"description", e.description}})
+                        .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace)
+                        .c_str());
+      else
+        std::printf("%-16s %s\n", e.typeName.c_str(), e.description.c_str());
+    }
     return 0;
   }
 

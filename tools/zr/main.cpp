@@ -16,6 +16,9 @@ int main(int argc, char** argv) {
       "zr: run sound extractors on a file, a microphone or a synthetic signal; host modules and "
       "reach them across processes and machines."};
   app.require_subcommand(1);
+  // What follows "--" once a subcommand has no place left for it comes back here: zr call's
+  // ARGs (a "-x" there is an argument, not an option). Refused below for any other subcommand.
+  app.allow_extras();
   app.set_version_flag("--version", std::string("zr ") + ZR::kPlatformVersion);
 
   std::vector<std::pair<CLI::App*, std::unique_ptr<zr::Command>>> commands;
@@ -45,6 +48,12 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     // Help and version exit 0; every other bad command line is a usage error.
     return app.exit(e) == 0 ? 0 : zr::kExitUsage;
+  }
+  if (!app.remaining().empty() && !app.got_subcommand("call")) {
+    std::string words;
+    for (const std::string& w : app.remaining()) words += " " + w;
+    std::fprintf(stderr, "zr: error: arguments that were not expected:%s\n", words.c_str());
+    return zr::kExitUsage;
   }
   try {
     for (auto& c : commands)

@@ -1,7 +1,9 @@
 #include "output.h"
 
 #include <cerrno>
+#include <charconv>
 #include <cmath>
+#include <cstdlib>
 #include <stdexcept>
 
 #include <zrextractors/zrrecord.h>
@@ -11,34 +13,30 @@ namespace zr {
 
 namespace {
 
-double rounded(double v, double scale) {
-  return std::round(v * scale) / scale;
+// A 32-bit float as the double that prints as its shortest exact text: 0.002f prints as 0.002,
+// not 0.0020000000949949026, and every digit a program reads back is the float's own.
+nlohmann::ordered_json floatJson(float f) {
+  if (!std::isfinite(f)) return nullptr;
+  char text[32];
+  *std::to_chars(text, text + sizeof text - 1, f).ptr = '\0';
+  return std::strtod(text, nullptr);
 }
 
-// Times to the millisecond and levels to a hundredth of a dB: more digits would only be noise.
-double scaleFor(const std::string& field) {
-  if (field == "time" || field == "start" || field == "end") return 1000.0;
-  return 100.0;
-}
-
-nlohmann::ordered_json toJson(const ZR::ZRValue& v, double scale) {
+nlohmann::ordered_json toJson(const ZR::ZRValue& v) {
   switch (v.getType()) {
     case ZR::ZRValue::TypeBool:
       return v.toBool();
     case ZR::ZRValue::TypeInt:
       return v.toInt();
-    case ZR::ZRValue::TypeFloat: {
-      const double f = v.toFloat();
-      return std::isfinite(f) ? nlohmann::ordered_json(rounded(f, scale))
-                              : nlohmann::ordered_json(nullptr);
-    }
+    case ZR::ZRValue::TypeFloat:
+      return floatJson(v.toFloat());
     case ZR::ZRValue::TypeString:
       return v.toStringRef();
     case ZR::ZRValue::TypeBinary:
       return "<" + std::to_string(v.getBinarySize()) + " bytes>";
     case ZR::ZRValue::TypeArray: {
       nlohmann::ordered_json a = nlohmann::ordered_json::array();
-      for (const ZR::ZRValue& e : v.arrayElements()) a.push_back(toJson(e, scale));
+      for (const ZR::ZRValue& e : v.arrayElements()) a.push_back(toJson(e));
       return a;
     }
     default:
@@ -46,19 +44,21 @@ nlohmann::ordered_json toJson(const ZR::ZRValue& v, double scale) {
   }
 }
 
-/// The result as one flat object: extractor, event, then the record's fields (or "value").
+/// The result as one flat object: the input file (when a run has several), extractor, event,
+/// then the record's fields (or "value").
 nlohmann::ordered_json toObject(const Result& r) {
   nlohmann::ordered_json o;
+  if (!r.file.empty()) o["file"] = r.file;
   o["extractor"] = r.extractor;
   o["event"] = r.event;
   if (ZR::isRecord(r.value) && r.value.getSize() > 0) {
     for (const ZR::ZRValue& f : r.value.arrayElements()) {
       const std::string& name = f[0].toStringRef();
-      if (name == "extractor" || name == "event") continue;
-      o[name] = toJson(f[1], scaleFor(name));
+      if (name == "file" || name == "extractor" || name == "event") continue;
+      o[name] = toJson(f[1]);
     }
   } else {
-    o["value"] = toJson(r.value, 1000.0);
+    o["value"] = toJson(r.value);
   }
   return o;
 }
@@ -67,6 +67,20 @@ std::string fixed(double v, int decimals) {
   char buf[64];
   std::snprintf(buf, sizeof buf, "%.*f", decimals, v);
   return buf;
+}
+
+// A value in the table: strings bare, floats to 4 significant digits, the rest as JSON.
+std::string forPeople(const nlohmann::ordered_json& v) {
+  if (v.is_string()) return v.get<std::string>();
+  if (v.is_number_float()) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%.4g", v.get<double>());
+    return buf;
+  }
+  if (!v.is_array()) return v.dump();
+  std::string out = "[";
+  for (const auto& e : v) out += (out.size() > 1 ? "," : "") + forPeople(e);
+  return out + "]";
 }
 
 class JsonLinesWriter : public ResultWriter {
@@ -80,8 +94,9 @@ class JsonLinesWriter : public ResultWriter {
 
 class CsvWriter : public ResultWriter {
  public:
-  explicit CsvWriter(std::FILE* out) : ResultWriter(out) {}
+  CsvWriter(std::FILE* out, bool files) : ResultWriter(out), files_(files) {}
   void begin() override {
+    std::fputs(files_ ? "file," : "", out_);
     std::fputs("extractor,event,time,channel,rms,peak,start,end,value\n", out_);
   }
   void write(const Result& r) override {
@@ -89,7 +104,8 @@ class CsvWriter : public ResultWriter {
     auto num = [&](const char* k) -> std::string {
       return o.contains(k) && o[k].is_number() ? o[k].dump() : std::string();
     };
-    const std::string head = quote(r.extractor) + "," + quote(r.event) + "," + num("time") + ",";
+    const std::string head = (files_ ? quote(r.file) + "," : std::string()) + quote(r.extractor) +
+                             "," + quote(r.event) + "," + num("time") + ",";
     // Per-channel levels become one row per channel, so every cell holds one number.
     if (o.contains("rms") && o["rms"].is_array()) {
       const auto& rms = o["rms"];
@@ -101,7 +117,7 @@ class CsvWriter : public ResultWriter {
       return;
     }
     nlohmann::ordered_json rest = o;
-    for (const char* k : {"extractor", "event", "time", "channel", "rms", "start", "end"})
+    for (const char* k : {"file", "extractor", "event", "time", "channel", "rms", "start", "end"})
       rest.erase(k);
     std::string value;
     if (o.contains("value"))
@@ -120,6 +136,7 @@ class CsvWriter : public ResultWriter {
     for (char c : s) q += c == '"' ? std::string("\"\"") : std::string(1, c);
     return q + "\"";
   }
+  const bool files_;
 };
 
 class TableWriter : public ResultWriter {
@@ -129,11 +146,15 @@ class TableWriter : public ResultWriter {
     std::fprintf(out_, "%9s  %-14s %-16s %s\n", "time (s)", "extractor", "event", "result");
   }
   void write(const Result& r) override {
+    if (r.file != file_) {
+      file_ = r.file;
+      std::fprintf(out_, "%s== %s ==\n", wroteFile_ ? "\n" : "", file_.c_str());
+      wroteFile_ = true;
+    }
     const nlohmann::ordered_json o = toObject(r);
-    std::string time =
-        o.contains("time") && o["time"].is_number()     ? fixed(o["time"].get<double>(), 3)
-        : o.contains("start") && o["start"].is_number() ? fixed(o["start"].get<double>(), 3)
-                                                        : "";
+    // A finished segment stands where it ended, as an offline run orders it.
+    const std::optional<double> at = resultTime(r);
+    std::string time = at ? fixed(*at, 3) : "";
     std::string text;
     if (o.contains("rms") && o["rms"].is_array() && o.contains("peak")) {
       for (std::size_t c = 0; c < o["rms"].size(); ++c) {
@@ -146,15 +167,19 @@ class TableWriter : public ResultWriter {
       text = "speech " + fixed(s, 3) + " - " + fixed(e, 3) + " s (" + fixed(e - s, 2) + " s)";
     } else {
       nlohmann::ordered_json rest = o;
-      for (const char* k : {"extractor", "event", "time"}) rest.erase(k);
+      for (const char* k : {"file", "extractor", "event", "time"}) rest.erase(k);
       for (auto it = rest.begin(); it != rest.end(); ++it) {
         if (!text.empty()) text += "  ";
-        text += it.key() + " " + (it->is_string() ? it->get<std::string>() : it->dump());
+        text += it.key() + " " + forPeople(*it);
       }
     }
     std::fprintf(out_, "%9s  %-14s %-16s %s\n", time.c_str(), r.extractor.c_str(), r.event.c_str(),
                  text.c_str());
   }
+
+ private:
+  std::string file_;
+  bool wroteFile_ = false;
 };
 
 }  // namespace
@@ -169,9 +194,18 @@ bool ResultWriter::flush() {
   return check();
 }
 
-std::unique_ptr<ResultWriter> ResultWriter::create(const std::string& format, std::FILE* out) {
+std::optional<double> resultTime(const Result& r) {
+  for (const char* field : {"end", "time"})
+    if (const ZR::ZRValue* v = ZR::recordField(r.value, field))
+      if (v->isFloat() || v->isInt())
+        return v->isFloat() ? static_cast<double>(v->toFloat()) : static_cast<double>(v->toInt());
+  return std::nullopt;
+}
+
+std::unique_ptr<ResultWriter> ResultWriter::create(const std::string& format, std::FILE* out,
+                                                   bool files) {
   if (format == "jsonl") return std::make_unique<JsonLinesWriter>(out);
-  if (format == "csv") return std::make_unique<CsvWriter>(out);
+  if (format == "csv") return std::make_unique<CsvWriter>(out, files);
   if (format == "table") return std::make_unique<TableWriter>(out);
   throw std::invalid_argument("unknown format \"" + format + "\" (table, csv, jsonl)");
 }

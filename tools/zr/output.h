@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <zrvalue/zrvalue.h>
@@ -13,9 +14,15 @@ struct Result {
   std::string extractor;  // module that produced it
   std::string event;      // event name without the extractor's prefix
   ZR::ZRValue value;
+  std::string file{};  // the input it came from, when a run has several; else empty
 };
 
-/// Renders results as they come: an aligned table for people, CSV or JSON lines for programs.
+/// The audio time a result stands at: its "end" (a finished segment), else its "time"; none for
+/// a result that carries neither.
+std::optional<double> resultTime(const Result& r);
+
+/// Renders results as they come: an aligned table for people (rounded), CSV or JSON lines for
+/// programs (every float in the shortest text that reads back as the same 32-bit float).
 /// Not thread-safe (the caller serialises calls); each call blocks for its write to `out`.
 class ResultWriter {
  public:
@@ -32,8 +39,10 @@ class ResultWriter {
   /// errno of the first failed write, 0 while none failed.
   int error() const { return error_; }
 
-  /// "table", "csv" or "jsonl"; `out` stays owned by the caller.
-  static std::unique_ptr<ResultWriter> create(const std::string& format, std::FILE* out);
+  /// "table", "csv" or "jsonl"; `out` stays owned by the caller. With `files`, CSV has a first
+  /// column "file" (JSON lines and the table show a result's file whenever it has one).
+  static std::unique_ptr<ResultWriter> create(const std::string& format, std::FILE* out,
+                                              bool files = false);
 
  protected:
   std::FILE* out_;

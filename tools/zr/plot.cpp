@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
@@ -77,6 +79,39 @@ class TempDir {
 
 }  // namespace
 
+namespace {
+
+bool onPath(const std::string& program) {
+  const char* path = std::getenv("PATH");
+  std::string dirs = path ? path : "/usr/bin:/bin";
+  for (std::size_t at = 0; at <= dirs.size();) {
+    std::size_t colon = dirs.find(':', at);
+    if (colon == std::string::npos) colon = dirs.size();
+    const std::string dir = colon > at ? dirs.substr(at, colon - at) : ".";
+    if (::access((dir + "/" + program).c_str(), X_OK) == 0) return true;
+    at = colon + 1;
+  }
+  return false;
+}
+
+}  // namespace
+
+void checkPlotOutput(const std::string& path) {
+  if (plotTerminal(path).empty())
+    throw std::runtime_error("--plot wants a .png or .svg file, not " + path);
+  if (!onPath("gnuplot"))
+    throw std::runtime_error(
+        "--plot draws with gnuplot, which is not installed: install it (on "
+        "Debian: apt-get install gnuplot-nox) or leave out --plot");
+  // Opened as the plot will be, without truncating what is there; a file made only to try is
+  // removed again.
+  const bool existed = ::access(path.c_str(), F_OK) == 0;
+  const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
+  if (fd < 0) throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
+  ::close(fd);
+  if (!existed) std::remove(path.c_str());
+}
+
 void PlotData::render(const std::string& path, const std::string& title) const {
   const std::string terminal = plotTerminal(path);
   if (terminal.empty()) throw std::runtime_error("--plot wants a .png or .svg file, not " + path);
@@ -114,8 +149,18 @@ void PlotData::render(const std::string& path, const std::string& title) const {
     }
   }
 
-  const int out = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+  // Drawn beside the file, which is replaced only by a finished picture: a failed gnuplot
+  // leaves neither an empty file nor a broken one.
+  const std::string drawn = path + ".zr-" + std::to_string(::getpid()) + ".tmp";
+  const int out = ::open(drawn.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
   if (out < 0) throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
+  struct Unlink {
+    const std::string& file;
+    bool keep = false;
+    ~Unlink() {
+      if (!keep) std::remove(file.c_str());
+    }
+  } unlinkDrawn{drawn};
   int messages[2];
   if (::pipe2(messages, O_CLOEXEC) != 0) {
     ::close(out);
@@ -151,6 +196,9 @@ void PlotData::render(const std::string& path, const std::string& title) const {
   }
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
     throw std::runtime_error("gnuplot failed to draw " + path + (text.empty() ? "" : ": " + text));
+  if (std::rename(drawn.c_str(), path.c_str()) != 0)
+    throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
+  unlinkDrawn.keep = true;
 }
 
 }  // namespace zr

@@ -12,6 +12,11 @@ namespace zr {
 /// other name, which the command line refuses before the run.
 std::string plotTerminal(const std::string& path);
 
+/// Throws std::runtime_error, with what to do, unless a plot can be drawn to `path`: a .png or
+/// .svg name, gnuplot installed, and a file that can be written (tried without truncating it).
+/// Meant before a run, so that its results are not computed for nothing.
+void checkPlotOutput(const std::string& path);
+
 /// Text as one gnuplot single-quoted string: nothing in it is substituted or run.
 std::string gnuplotQuoted(const std::string& text);
 
@@ -22,7 +27,8 @@ class PlotData {
   /// Writes a PNG or SVG (by extension) through gnuplot, run without a shell: the data go
   /// through a file of ours, the picture comes back on gnuplot's standard output, and the title
   /// is quoted, so that no name from the user reaches a shell or gnuplot's substitutions.
-  /// Blocks until gnuplot is done; throws std::runtime_error on failure.
+  /// Blocks until gnuplot is done; throws std::runtime_error on failure, and then leaves `path`
+  /// as it was.
   void render(const std::string& path, const std::string& title) const;
   bool empty() const { return levels_.empty() && segments_.empty(); }
 

@@ -143,9 +143,23 @@ bool DirectoryOptions::explicitlyGiven() const {
 }
 
 std::string DirectoryOptions::address() const {
-  if (directoryOption && directoryOption->count() > 0) return directory;
   const char* env = std::getenv("ZR_DIRECTORY");
-  return env && *env ? env : kDefaultDirectory;
+  if (directoryOption && directoryOption->count() > 0)
+    return checkedAddress(directory, "--directory");
+  return env && *env ? checkedAddress(env, "ZR_DIRECTORY") : kDefaultDirectory;
+}
+
+std::string checkedAddress(const std::string& address, const std::string& source) {
+  // tcp://HOST:PORT (a name, an IPv4 address, an interface, * or [IPv6]), ipc://PATH, inproc://NAME
+  static const std::regex valid(
+      "tcp://([A-Za-z0-9_.-]+|\\*|\\[[0-9A-Fa-f:.]+\\]):([0-9]{1,5}|\\*)|(ipc|inproc)://.+");
+  std::smatch m;
+  if (std::regex_match(address, m, valid) &&
+      (!m[2].matched || m[2] == "*" || std::stoi(m[2]) <= 65535))
+    return address;
+  throw CLI::ValidationError(source, "the address \"" + address +
+                                         "\" is malformed: give tcp://HOST:PORT (for example " +
+                                         kDefaultDirectory + ") or ipc://PATH");
 }
 
 void DirectoryOptions::apply(ZR::ZRBrokerOptions& o) const {

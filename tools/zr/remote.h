@@ -47,6 +47,10 @@ std::vector<std::string> readPublicKeys(const std::string& path);
 /// --heartbeat MS, for every subcommand that joins a network.
 void defineHeartbeat(CLI::App* cmd, int& ms);
 
+/// `address` when it is one the transport can use; CLI::ValidationError naming `source` (the
+/// option or variable it came from) and the forms it takes otherwise.
+std::string checkedAddress(const std::string& address, const std::string& source);
+
 struct DirectoryOptions {
   std::string directory, curveKeys, serverKey;
   int heartbeatMs = 0;  // 0: the broker's default
@@ -55,6 +59,7 @@ struct DirectoryOptions {
   void define(CLI::App* cmd);
   /// True when --directory was given or ZR_DIRECTORY is set.
   bool explicitlyGiven() const;
+  /// Throws CLI::ValidationError for a malformed address.
   std::string address() const;
   /// Fills the directory, heartbeat and key fields of `o` (the client side: no allow-list).
   void apply(ZR::ZRBrokerOptions& o) const;

@@ -99,13 +99,18 @@ std::vector<Json> TopCommand::snapshot(DirectoryView& view) {
             subscribers.push_back({{"name", s[0].toStringRef()},
                                    {"period", s[1].toInt()},
                                    {"precision", rounded(s[2].toFloat())}});
+        // Without subscribers an extractor has no current values (its registry says -1).
+        const bool idle = subscribers.empty();
         modules.push_back(
             {{"type", "extractor"},
              {"module", e.name},
              {"host", e.host},
-             {"state", subscribers.empty() ? "idle" : "running"},
-             {"currentPeriod", view.call(e.name, "getCurrentPeriod").toInt()},
-             {"currentPrecision", rounded(view.call(e.name, "getCurrentPrecision").toFloat())},
+             {"state", idle ? "idle" : "running"},
+             {"currentPeriod",
+              idle ? Json(nullptr) : Json(view.call(e.name, "getCurrentPeriod").toInt())},
+             {"currentPrecision",
+              idle ? Json(nullptr)
+                   : Json(rounded(view.call(e.name, "getCurrentPrecision").toFloat()))},
              {"eventsPerSecond", eventRate(view, e.name)},
              {"subscribers", subscribers}});
       } else if (e.name == "ZRAudioDevice") {
@@ -173,9 +178,11 @@ void TopCommand::print(const std::vector<Json>& rows, bool inPlace) {
     for (const Json& s : r["subscribers"])
       subs += (subs.empty() ? "" : ", ") + s["name"].get<std::string>() + " " +
               std::to_string(s["period"].get<int>()) + "ms/" + s["precision"].dump();
-    std::printf("%-16s %-16s %-8s %5dms %9s  %s\n", r["module"].get<std::string>().c_str(),
+    const bool idle = r["currentPeriod"].is_null();
+    std::printf("%-16s %-16s %-8s %7s %9s  %s\n", r["module"].get<std::string>().c_str(),
                 r["host"].get<std::string>().c_str(), r["state"].get<std::string>().c_str(),
-                r["currentPeriod"].get<int>(), r["currentPrecision"].dump().c_str(), subs.c_str());
+                idle ? "-" : (std::to_string(r["currentPeriod"].get<int>()) + "ms").c_str(),
+                idle ? "-" : r["currentPrecision"].dump().c_str(), subs.c_str());
   }
   std::printf("\n%-16s %-16s %-24s %6s %3s  %s\n", "DEVICE", "HOST", "SOURCE", "RATE", "CH",
               "SUBSCRIBERS (delivered/dropped, drop rate)");

@@ -1,10 +1,14 @@
 // zr watch EVENT...: subscribes to events through the running "ZRMemory" and prints them as
-// they come, until SIGINT or SIGTERM.
+// they come, until SIGINT or SIGTERM, a number of events or a time.
 
 #include <signal.h>
 #include <unistd.h>
 
+#include <pthread.h>
+
+#include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <map>
 #include <mutex>
@@ -43,6 +47,11 @@ class WatchCommand : public Command {
     cmd->add_option("--listen", listen_,
                     "Where events reach this program (default: loopback, any port).");
     cmd->add_option("--advertise", advertise_, "What the memory's host connects to (NAT).");
+    cmd->add_option("-n,--count", count_, "Stop after N events.")->check(CLI::PositiveNumber);
+    cmd->add_option("--duration", duration_, "Stop after T seconds.")
+        ->check(CLI::Range(0.001, 31536000.0));
+    cmd->add_flag("--wait", wait_,
+                  "Watch events that no module declares yet, waiting for a producer that will.");
     directory_.define(cmd);
     return cmd;
   }
@@ -52,6 +61,9 @@ class WatchCommand : public Command {
  private:
   std::vector<std::string> events_;
   std::string name_ = defaultName(), format_ = "jsonl", listen_ = "tcp://127.0.0.1:0", advertise_;
+  long count_ = 0;  // 0: no limit
+  double duration_ = 0.0;
+  bool wait_ = false;
   DirectoryOptions directory_;
 };
 
@@ -61,7 +73,9 @@ int WatchCommand::run() {
   sigemptyset(&signals);
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGUSR1);  // from the thread that printed the last event --count wants
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  const pthread_t mainThread = pthread_self();
 
   auto broker = joinNetwork(directory_, name_, listen_, advertise_, {ZR::kMemoryServiceName});
   ZR::ZRMemoryProxy memory(broker);
@@ -76,10 +90,22 @@ int WatchCommand::run() {
         producers.insert(prefix);
       }
   }
+  // An event nobody declared or raised is most likely a misspelt one: said, unless asked to wait.
+  for (const std::string& ev : events_) {
+    if (producerOf.count(ev) || wait_ || memory.getRaisedEventCount(ev) > 0) continue;
+    std::string known;
+    for (const std::string& e : memory.getEventList()) known += (known.empty() ? "" : ", ") + e;
+    broker->shutdown();
+    throw std::runtime_error("no module declares the event \"" + ev +
+                             "\" (known: " + (known.empty() ? "none" : known) +
+                             "); check its name, or give --wait to wait for a producer");
+  }
   std::unique_ptr<ResultWriter> writer = ResultWriter::create(format_, stdout);
   std::mutex outMutex;
+  long printed = 0;
   auto print = [&](const std::string& event, const ZR::ZRValue& value) {
     std::lock_guard<std::mutex> lock(outMutex);
+    if (count_ > 0 && printed >= count_) return;  // the count is reached: the rest is not shown
     auto it = producerOf.find(event);
     if (format_ == "jsonl" && (it == producerOf.end() || !ZR::isRecord(value))) {
       const double now =
@@ -93,6 +119,7 @@ int WatchCommand::run() {
           {extractor, extractor.empty() ? event : event.substr(extractor.size() + 1), value});
     }
     std::fflush(stdout);
+    if (++printed == count_) pthread_kill(mainThread, SIGUSR1);
   };
   auto client = ZR::ZRModule::createModule<EventClient>(
       broker, name_, "WatchClient", "zr watch: prints the events it receives.", print);
@@ -110,11 +137,27 @@ int WatchCommand::run() {
       subscribeNewModule(memory, ev, name_, "onEvent");
       subscribed.push_back(ev);
     }
+    for (const std::string& ev : events_)
+      if (!producerOf.count(ev) && memory.getRaisedEventCount(ev) == 0)
+        std::fprintf(stderr, "zr: no module declares %s yet; waiting for one that raises it\n",
+                     ev.c_str());
     std::fprintf(stderr, "zr: watching %zu event(s) as %s; stop with Ctrl-C\n", events_.size(),
                  name_.c_str());
     std::fflush(stderr);
-    const int signal = sigwaitinfo(&signals, nullptr);
-    (void)signal;
+    if (duration_ > 0) {
+      const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(duration_);
+      for (;;) {
+        const double left =
+            std::chrono::duration<double>(end - std::chrono::steady_clock::now()).count();
+        if (left <= 0) break;
+        const timespec wait{static_cast<time_t>(left),
+                            static_cast<long>((left - std::floor(left)) * 1e9)};
+        if (sigtimedwait(&signals, nullptr, &wait) >= 0) break;  // else a timeout or EINTR
+      }
+    } else {
+      while (sigwaitinfo(&signals, nullptr) < 0 && errno == EINTR) {
+      }
+    }
   } catch (const ZR::ZRError& e) {
     std::fprintf(stderr, "%s::%s: %s\n", e.getModuleName().c_str(), e.getMethodName().c_str(),
                  e.getDescription().c_str());

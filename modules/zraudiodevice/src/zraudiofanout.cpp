@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdio>
 
 #include <zrcommon/zrproxy.h>
 
@@ -36,9 +37,16 @@ std::shared_ptr<ZRAudioLine> makeAudioLine(const std::string& deviceName,
            std::to_string(dropped) + " dropped so far, " + std::to_string(heldBack) +
            " warnings held back)";
   };
-  o.texts.failed = [name](const std::string& sub, const detail::ZRDelivery&,
+  // Where in the stream it failed tells a module writer which sound to look at (a call on its
+  // way to another host is known by its method and first argument only).
+  o.texts.failed = [name](const std::string& sub, const detail::ZRDelivery& item,
                           const std::string& failure, std::int64_t heldBack) {
-    return name + ": \"processRemote\" of \"" + sub + "\" failed: " + failure + " (" +
+    char at[48] = "";
+    const ZRValue* timestamp = item.args.size() == 4 ? &item.args[2] : nullptr;
+    if (timestamp && timestamp->isArray() && timestamp->getSize() == 2)
+      std::snprintf(at, sizeof at, " on the buffer at %.3f s",
+                    (*timestamp)[0].toInt() + (*timestamp)[1].toInt() / 1e6);
+    return name + ": \"processRemote\" of \"" + sub + "\" failed" + at + ": " + failure + " (" +
            std::to_string(heldBack) + " warnings held back)";
   };
   o.texts.gone = [name](const std::string& sub) {

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <filesystem>
 #include <functional>
 #include <mutex>
@@ -156,6 +157,95 @@ TEST_F(AudioDeviceTest, ChannelsAreConvertedAndFilesResampled) {
   }
 }
 
+// RMS level in dBFS of the samples from the first quarter on (codecs start with a transient).
+double levelDb(const std::vector<std::int16_t>& samples) {
+  double sum = 0.0;
+  const std::size_t from = samples.size() / 4;
+  for (std::size_t i = from; i < samples.size(); ++i) sum += samples[i] * double(samples[i]);
+  return 10.0 * std::log10(sum / double(samples.size() - from) / (32768.0 * 32768.0) + 1e-30);
+}
+
+TEST_F(AudioDeviceTest, EverySampleFormatComesInAtItsTrueLevel) {
+  // A 1 kHz sine of amplitude 0.25 (-15.05 dBFS RMS), one second at 16 kHz, written in every
+  // container and encoding the library writes, then read through the device as a user would.
+  constexpr int kRate = 16000;
+  const double expected = 20.0 * std::log10(0.25 / std::sqrt(2.0));
+  std::vector<float> sine(kRate);
+  for (std::size_t i = 0; i < sine.size(); ++i)
+    sine[i] = 0.25f * static_cast<float>(std::sin(2.0 * M_PI * 1000.0 * double(i) / kRate));
+  int majors = 0, subtypes = 0, read = 0, refused = 0;
+  sf_command(nullptr, SFC_GET_FORMAT_MAJOR_COUNT, &majors, sizeof majors);
+  sf_command(nullptr, SFC_GET_FORMAT_SUBTYPE_COUNT, &subtypes, sizeof subtypes);
+  for (int a = 0; a < majors; ++a) {
+    SF_FORMAT_INFO major{};
+    major.format = a;
+    sf_command(nullptr, SFC_GET_FORMAT_MAJOR, &major, sizeof major);
+    for (int b = 0; b < subtypes; ++b) {
+      SF_FORMAT_INFO sub{};
+      sub.format = b;
+      sf_command(nullptr, SFC_GET_FORMAT_SUBTYPE, &sub, sizeof sub);
+      SF_INFO info{0, kRate, 1, major.format | sub.format, 0, 0};
+      if (!sf_format_check(&info)) continue;
+      const std::string file =
+          path(std::to_string(a) + "_" + std::to_string(b) + "." + major.extension);
+      SNDFILE* out = sf_open(file.c_str(), SFM_WRITE, &info);
+      if (!out) continue;  // a combination it checks but cannot encode
+      sf_writef_float(out, sine.data(), static_cast<sf_count_t>(sine.size()));
+      sf_close(out);
+      SF_INFO written{};
+      if (SNDFILE* back = sf_open(file.c_str(), SFM_READ, &written)) {
+        sf_close(back);
+        if (written.frames == 0) continue;  // its encoder wrote nothing (12-bit DWVW)
+      }
+      SCOPED_TRACE(std::string(major.name) + ", " + sub.name);
+      auto dev = device(Options::fromInput(file));
+      auto sink = make("Sink");
+      try {
+        dev->subscribe("Sink");
+      } catch (const ZR::ZRError& e) {
+        // What it cannot read back (a header-less file, say) is refused, saying which file.
+        EXPECT_THAT(e.getDescription(), HasSubstr("cannot open sound file \"" + file + "\""));
+        ++refused;
+        for (const char* m : {"ZRAudioDevice", "Sink"}) broker_->removeModule(m);
+        continue;
+      }
+      ASSERT_TRUE(dev->waitForEndOfStream(10000));
+      EXPECT_NEAR(levelDb(sink->data), expected, 0.5) << sink->data.size() << " samples";
+      ++read;
+      dev->unsubscribe("Sink");
+      for (const char* m : {"ZRAudioDevice", "Sink"}) broker_->removeModule(m);
+    }
+  }
+  EXPECT_GT(read, 100) << "formats read";
+  EXPECT_LT(refused, 25) << "formats refused";
+
+  // Floating point beyond full scale, resampled or not: clipped at full scale, said once.
+  zrtest::LogCapture warnings("zraudiodevice", vo::LogLevel_Warning);
+  for (const int rate : {kRate, 8000}) {
+    const std::string loud = path("loud" + std::to_string(rate) + ".wav");
+    SF_INFO info{0, rate, 1, SF_FORMAT_WAV | SF_FORMAT_DOUBLE, 0, 0};
+    SNDFILE* out = sf_open(loud.c_str(), SFM_WRITE, &info);
+    std::vector<double> twice(static_cast<std::size_t>(rate) / 2);
+    for (std::size_t i = 0; i < twice.size(); ++i)
+      twice[i] = 2.0 * std::sin(2.0 * M_PI * 200.0 * double(i) / rate);
+    sf_writef_double(out, twice.data(), static_cast<sf_count_t>(twice.size()));
+    sf_close(out);
+    Options o = Options::fromInput(loud);
+    o.sampleRate = kRate;
+    auto dev = device(o);
+    auto sink = make("Sink");
+    dev->subscribe("Sink");
+    ASSERT_TRUE(dev->waitForEndOfStream(10000));
+    EXPECT_EQ(*std::max_element(sink->data.begin(), sink->data.end()), 32767) << rate;
+    EXPECT_EQ(*std::min_element(sink->data.begin(), sink->data.end()), -32768) << rate;
+    const auto lines = warnings.takeLines();
+    ASSERT_EQ(lines.size(), 1u) << rate;
+    EXPECT_THAT(std::get<2>(lines[0]), HasSubstr(loud + "\" holds samples beyond full scale"));
+    dev->unsubscribe("Sink");
+    for (const char* m : {"ZRAudioDevice", "Sink"}) broker_->removeModule(m);
+  }
+}
+
 TEST_F(AudioDeviceTest, ALiveSourceDropsTheOldestBuffersOfASlowSubscriber) {
   zrtest::LogCapture warnings("zraudiodevice", vo::LogLevel_Warning);
   const std::vector<std::int16_t> samples = pattern(160);
@@ -224,7 +314,7 @@ TEST_F(AudioDeviceTest, HostBuffersAreSharedAndFailingOrGoneSubscribersDoNotStop
       lines,
       (zrtest::Lines{
           {3, "deliver",
-           "ZRAudioDevice: \"processRemote\" of \"Bad\" failed: "
+           "ZRAudioDevice: \"processRemote\" of \"Bad\" failed on the buffer at 0.000 s: "
            "Bad::processRemote: Sink::processRemote: deliberate failure (0 warnings held back)"},
           {3, "deliver",
            "ZRAudioDevice: subscriber \"Gone\" is gone; it is "

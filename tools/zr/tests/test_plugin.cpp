@@ -1,13 +1,14 @@
 // Test doubles for zr: a type whose constructor throws what is no std::exception, an entry point
 // that does the same when ZR_TEST_THROW_AT_LOAD is set, an extractor that publishes the
-// precision it runs with, and two sinks for the device's buffers ("Fast", and "Slow" which holds
-// its first buffer until its "release" is called), each printing "buffer NAME N" per buffer.
+// precision it runs with, one that fails from 2 s of audio on, and two sinks for the device's
+// buffers ("Fast", and "Slow" which holds its first buffer until its "release" is called), each
+// printing "buffer NAME N" per buffer.
 
 #include <cstdio>
 #include <cstdlib>
 #include <future>
-
 #include <mutex>
+#include <stdexcept>
 
 #include <zrcommon/zrmodule.h>
 #include <zrextractors/zrextractorregistry.h>
@@ -26,6 +27,22 @@ class PrecisionProbe : public ZR::ZRSoundExtractor {
     ZR::ZRMemoryProxy(getParentBroker())
         .raiseEvent(getName() + "/Precision",
                     ZR::makeRecord({{"precision", ZR::ZRValue(getCurrentPrecision())}}));
+  }
+};
+
+// Publishes a value per buffer, then fails on the buffers from 2 s on.
+class FailsMidway : public ZR::ZRSoundExtractor {
+ public:
+  FailsMidway(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name)
+      : ZRSoundExtractor(broker, name) {
+    declareEvent(name + "/Tick");
+  }
+  void process(const int&, const int&, const short*, const ZR::ZRValue& timestamp) override {
+    const double time = timestamp[0].toInt() + timestamp[1].toInt() / 1e6;
+    if (time >= 2.0) throw std::runtime_error("the model ran out of memory");
+    ZR::ZRMemoryProxy(getParentBroker())
+        .raiseEvent(getName() + "/Tick",
+                    ZR::makeRecord({{"time", ZR::ZRValue(static_cast<float>(time))}}));
   }
 };
 
@@ -65,6 +82,7 @@ ZR_EXTRACTOR_PLUGIN(registry) {
   if (std::getenv("ZR_TEST_THROW_AT_LOAD")) throw 42;
   registry.add("Thrower", [](auto, auto) -> boost::shared_ptr<ZR::ZRModuleCore> { throw 42; });
   registry.add<PrecisionProbe>("PrecisionProbe");
+  registry.add<FailsMidway>("FailsMidway");
   for (const bool slow : {false, true})
     registry.add(slow ? "Slow" : "Fast", [slow](auto broker, const std::string& name) {
       return boost::shared_ptr<ZR::ZRModuleCore>(

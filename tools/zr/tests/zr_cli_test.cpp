@@ -4,8 +4,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdio>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -16,7 +18,10 @@
 #include <zrhostprocess.h>
 #include <nlohmann/json.hpp>
 
+#include <zrextractors/zrrecord.h>
+
 #include "progress.h"
+#include "timeorder.h"
 
 namespace {
 
@@ -157,6 +162,19 @@ TEST(ZrRun, BadInputsFailWithOneClearLine) {
                 lines(out).size() <= 2)
         << c.args << " printed: " << out;
   }
+  // A bad input file is one line with its name and the cause, not the chain of calls that met it.
+  ASSERT_EQ(shell("echo text > " + dir + "/text.wav && sox -n -r 16000 -c 3 " + dir +
+                  "/three.wav synth 0.1 sine 440")
+                .first,
+            0);
+  const std::pair<std::string, std::string> inputs[] = {
+      {"run " + dir + "/text.wav",
+       "zr: error: cannot read input " + dir + "/text.wav: Format not recognised.\n"},
+      {"run " + dir + "/three.wav --channels 2",
+       "zr: error: cannot convert the 3 channels of \"" + dir +
+           "/three.wav\" to 2: ask for 1 channel or for the file's own count\n"}};
+  for (const auto& [args, expected] : inputs)
+    EXPECT_EQ(shell(kZr + " " + args, true).second, expected);
   EXPECT_NE(access((dir + "/never").c_str(), F_OK), 0) << "a bad plot name fails before the run";
   EXPECT_GT(count(readFile(dir + "/kept"), "Levels"), 20) << "results before the failure stay";
   shell("rm -rf " + dir);
@@ -202,4 +220,190 @@ TEST(ZrRun, ProgressShowsNoSpeedUntilItIsKnown) {
     EXPECT_EQ(zr::progressLine(total, done, elapsed, false), expected) << done << " " << elapsed;
   EXPECT_EQ(zr::summaryLine(0.0, 0.5, true), "zr: 0.00 s of audio in 0.50 s, interrupted");
   EXPECT_EQ(zr::summaryLine(10.0, 0.5, false), "zr: 10.00 s of audio in 0.50 s (20x real time)");
+}
+
+TEST(ZrRun, AFileComesInTimeOrderAtFullPrecision) {
+  // VoiceActivity knows a segment only once it ended: its lines stand among the levels by time.
+  const auto [status, out] = shell(kZr + " run " + kSample + " -f jsonl");
+  ASSERT_EQ(status, 0);
+  double last = -1.0;
+  int voice = 0;
+  for (const std::string& line : lines(out)) {
+    const auto o = nlohmann::json::parse(line);
+    const double at = o.contains("end") ? o["end"].get<double>() : o["time"].get<double>();
+    EXPECT_GE(at, last) << line;
+    last = at;
+    voice += o["extractor"] == "VoiceActivity";
+  }
+  EXPECT_EQ(voice, 9);
+  // Floats in their shortest exact text in JSON lines and CSV; rounded only in the table.
+  const std::string probe =
+      "run " + kSample + " --load " + kDoubles + " -e PrecisionProbe --precision 0.002 -p 1000 -f ";
+  EXPECT_EQ(count(shell(kZr + " " + probe + "jsonl").second, "\"precision\":0.002}"), 102);
+  EXPECT_EQ(count(shell(kZr + " " + probe + "csv").second, ",\"{\"\"precision\"\":0.002}\""), 102);
+  const std::string levels = shell(kZr + " run " + kSample + " -e SoundLevel -f jsonl").second;
+  EXPECT_NE(levels.find("\"rms\":[-22.798296]"), std::string::npos) << "the window at 1.9 s";
+  const std::string table = shell(kZr + " run " + kSample + " -e SoundLevel").second;
+  EXPECT_NE(table.find("rms -22.8 peak -6.6 dBFS"), std::string::npos);
+}
+
+TEST(ZrRun, AnExtractorThatFailsFailsTheRunWhereItFailed) {
+  const auto [status, out] = shell(kZr + " run " + kSample + " --load " + kDoubles +
+                                   " -e FailsMidway -e SoundLevel -f jsonl 2>" + kTemp + "err");
+  EXPECT_EQ(status, 1);
+  const std::string err = readFile(kTemp + "err");
+  EXPECT_EQ(err,
+            "zr: error: extractor FailsMidway failed at 2.000 s of audio: the model ran out of "
+            "memory (the results before it were written)\n");
+  // Everything before the failure, nothing from there on.
+  int ticks = 0;
+  double last = 0.0;
+  for (const std::string& line : lines(out)) {
+    const auto o = nlohmann::json::parse(line);
+    ticks += o["event"] == "Tick";
+    last = o["time"].get<double>();
+  }
+  EXPECT_EQ(ticks, 20);
+  EXPECT_NEAR(last, 1.9, 1e-6);
+  std::remove((kTemp + "err").c_str());
+}
+
+TEST(ZrRun, SeveralFilesAndDirectoriesMakeOneStream) {
+  const std::string dir = kTemp + "many";
+  ASSERT_EQ(
+      shell("mkdir -p " + dir + "/sub " + dir + "/.hidden && cp " + kSample + " " + dir +
+            "/a.wav && sox " + kSample + " " + dir + "/sub/b.flac && cp " + kSample + " " + dir +
+            "/.hidden/c.wav && echo notes > " + dir + "/notes.txt && echo x > " + dir + "/bad.wav")
+          .first,
+      0);
+  const auto [status, out] =
+      shell(kZr + " run " + dir + " -e SoundLevel -p 5000 -f jsonl 2>" + kTemp + "err");
+  EXPECT_EQ(status, 0) << readFile(kTemp + "err");
+  std::vector<std::string> files;
+  for (const std::string& line : lines(out)) {
+    const std::string f = nlohmann::json::parse(line)["file"];
+    if (files.empty() || files.back() != f) files.push_back(f);
+  }
+  EXPECT_EQ(files, (std::vector<std::string>{dir + "/a.wav", dir + "/sub/b.flac"}));
+  const std::string err = readFile(kTemp + "err");
+  EXPECT_EQ(count(err, "zr: 2 sound file(s) to run; 2 other file(s) left out"), 1) << err;
+  EXPECT_EQ(count(err, "a.wav: 10.17 s of audio in "), 1) << err;
+  EXPECT_EQ(count(err, "b.flac: 10.17 s of audio in "), 1) << err;
+  // A file among others that is no sound: one line naming it, the others run, exit 1.
+  const auto mixed = shell(kZr + " run " + dir + "/a.wav " + dir + "/bad.wav " + dir +
+                           "/sub -e SoundLevel -p 5000 -f csv 2>" + kTemp + "err");
+  EXPECT_EQ(mixed.first, 1);
+  EXPECT_EQ(lines(mixed.second).at(0),
+            "file,extractor,event,time,channel,rms,peak,start,end,value");
+  EXPECT_EQ(count(mixed.second, dir + "/sub/b.flac,SoundLevel,Levels,"), 3);
+  const std::vector<std::string> said = lines(readFile(kTemp + "err"));
+  ASSERT_EQ(said.size(), 4u) << readFile(kTemp + "err");
+  EXPECT_EQ(said[0].rfind("zr: " + dir + "/a.wav: 10.17 s of audio", 0), 0u);
+  EXPECT_EQ(said[1], "zr: error: cannot read input " + dir + "/bad.wav: Format not recognised.");
+  EXPECT_EQ(said[2].rfind("zr: " + dir + "/sub/b.flac: 10.17 s of audio", 0), 0u);
+  EXPECT_EQ(said[3], "zr: error: 1 of 3 inputs failed");
+  EXPECT_EQ(shell(kZr + " run " + dir + " mic").first, 2) << "only sound files mix";
+  shell("rm -rf " + dir + " " + kTemp + "err");
+}
+
+TEST(ZrRun, PlotsAreCheckedBeforeTheRunAndNeverLeftHalfDrawn) {
+  const std::string dir = kTemp + "plot";
+  ASSERT_EQ(
+      shell("mkdir -p " + dir + "/bin && printf '#!/bin/sh\\necho half\\nexit 1\\n' > " + dir +
+            "/bin/gnuplot && chmod +x " + dir + "/bin/gnuplot && echo old > " + dir + "/kept.png")
+          .first,
+      0);
+  const std::string run = kZr + " run " + kSample + " -o " + dir + "/out.txt --plot ";
+  struct Case {
+    std::string path, env, expected;
+  } cases[] = {
+      {dir + "/no/such/dir/p.png", "", "cannot write " + dir + "/no/such/dir/p.png"},
+      {dir + "/p.png", "PATH=/nonexistent ", "install it (on Debian: apt-get install gnuplot-nox)"},
+  };
+  for (const Case& c : cases) {
+    const auto [status, out] = shell("env " + c.env + run + c.path, true);
+    EXPECT_EQ(status, 1) << out;
+    EXPECT_EQ(lines(out).size(), 1u) << out;
+    EXPECT_NE(out.find(c.expected), std::string::npos) << out;
+    EXPECT_NE(access((dir + "/out.txt").c_str(), F_OK), 0) << "the run was not started";
+    EXPECT_NE(access(c.path.c_str(), F_OK), 0) << "no empty plot is left";
+  }
+  // A gnuplot that fails halfway: the file there stays as it was, nothing else is left.
+  const auto [status, out] =
+      shell("env PATH=" + dir + "/bin:$PATH " + run + dir + "/kept.png", true);
+  EXPECT_EQ(status, 1);
+  EXPECT_NE(out.find("gnuplot failed to draw"), std::string::npos) << out;
+  EXPECT_EQ(readFile(dir + "/kept.png"), "old\n");
+  EXPECT_EQ(shell("ls " + dir).second, "bin\nkept.png\nout.txt\n");
+  shell("rm -rf " + dir);
+}
+
+TEST(ZrRun, RawInputSaysWhatItAssumesAndListSpeaksJson) {
+  const std::string notice =
+      "zr: raw PCM on standard input is read as 16-bit 16000 Hz mono; give --rate HZ and "
+      "--channels N if it is not";
+  const std::pair<std::string, int> cases[] = {
+      {"", 1}, {" --rate 16000", 1}, {" --channels 1", 1}, {" --rate 8000 --channels 2", 0}};
+  for (const auto& [options, times] : cases) {
+    const auto [status, out] = shell("head -c 3200 /dev/zero | " + kZr + " run -" + options +
+                                     " -e SoundLevel 2>&1 >/dev/null");
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(count(out, options.find("8000") == std::string::npos ? notice : "raw PCM"), times)
+        << options << ": " << out;
+  }
+  const auto [status, out] = shell(kZr + " list -f jsonl --load " + kDoubles);
+  EXPECT_EQ(status, 0);
+  std::vector<std::string> names;
+  for (const std::string& line : lines(out)) names.push_back(nlohmann::json::parse(line)["name"]);
+  for (const char* name : {"SoundLevel", "VoiceActivity", "FailsMidway"})
+    EXPECT_NE(std::find(names.begin(), names.end(), name), names.end()) << name;
+}
+
+TEST(ZrDocs, TheReadmeDocumentsEveryEventAndMethodOfTheStockExtractors) {
+  const std::string readme = readFile(ZR_README);
+  ASSERT_FALSE(readme.empty());
+  std::set<std::string> events;
+  for (const std::string& line : lines(shell(kZr + " run " + kSample + " -f jsonl").second)) {
+    const auto o = nlohmann::json::parse(line);
+    events.insert(o["extractor"].get<std::string>() + "/" + o["event"].get<std::string>());
+  }
+  EXPECT_EQ(events.size(), 4u);
+  for (const std::string& e : events) EXPECT_NE(readme.find("`" + e + "`"), std::string::npos) << e;
+  // The remote methods each extractor adds to those of its base classes.
+  for (const std::string name : {"SoundLevel", "VoiceActivity"})
+    for (const std::string& line : lines(shell(kZr + " describe " + name).second))
+      if (line.size() > name.size() + 3 &&
+          line.substr(line.size() - name.size() - 2) == "[" + name + "]") {
+        const std::string method = line.substr(0, line.find('('));
+        EXPECT_NE(readme.find("`" + method + "("), std::string::npos) << name << " " << method;
+      }
+}
+
+TEST(ZrRun, TimeOrderPassesOnWhatNoExtractorCanStillPrecede) {
+  std::vector<std::string> out;
+  zr::TimeOrder order({"A", "B", "C"}, [&](const zr::Result& r) {
+    const auto t = zr::resultTime(r);
+    out.push_back(r.extractor + (t ? "@" + std::to_string(std::lround(*t * 10)) : ""));
+  });
+  auto result = [](const char* extractor, const char* field, float time) {
+    return zr::Result{extractor, "E", ZR::makeRecord({{field, ZR::ZRValue(time)}})};
+  };
+  order.add(result("A", "time", 0.0f));
+  EXPECT_TRUE(out.empty()) << "B and C may still say something earlier";
+  order.add({"C", "Untimed", ZR::makeRecord({{"x", ZR::ZRValue(1)}})});
+  EXPECT_EQ(out, (std::vector<std::string>{"C"})) << "a result without a time passes at once";
+  order.add(result("B", "end", 0.5f));  // a segment, known once it ended
+  EXPECT_EQ(out, (std::vector<std::string>{"C", "A@0"})) << "C holds back nobody now";
+  order.add(result("A", "time", 0.3f));
+  order.add(result("A", "time", 0.6f));
+  EXPECT_EQ(out, (std::vector<std::string>{"C", "A@0", "A@3", "B@5"}));
+  order.add(result("B", "end", 0.9f));
+  order.add(result("A", "time", 1.2f));
+  EXPECT_EQ(out, (std::vector<std::string>{"C", "A@0", "A@3", "B@5", "A@6", "B@9"}));
+  order.add(result("A", "time", 1.5f));
+  EXPECT_EQ(order.held(), 2u);
+  order.flush(1.3);  // stopped at 1.3 s: what came before, in order; the rest is dropped
+  EXPECT_EQ(out.back(), "A@12");
+  EXPECT_EQ(out.size(), 7u);
+  EXPECT_EQ(order.held(), 0u);
 }

@@ -234,3 +234,48 @@ TEST(ZrNet, NoDirectoryExitsThreeAndKeysAreWritten) {
   std::remove((kTemp + "k.key").c_str());
   std::remove((kTemp + "k.pub").c_str());
 }
+
+TEST(ZrNet, TheDocumentedStepsWorkAsPasted) {
+  Host host("--memory --device tone:440 --realtime -e SoundLevel");
+  const std::string d = host.dir;
+  // Nobody subscribed yet: idle, without the registry's -1 for its current values.
+  const auto idle = sh(kRun + " top --once --interval 100 -f jsonl" + d);
+  EXPECT_NE(idle.second.find("\"module\":\"SoundLevel\",\"host\":\"testhost\",\"state\":\"idle\","
+                             "\"currentPeriod\":null,\"currentPrecision\":null"),
+            std::string::npos)
+      << idle.second;
+  const auto table = sh(kRun + " top --once --interval 100" + d);
+  EXPECT_NE(table.second.find("idle           -         -"), std::string::npos) << table.second;
+  EXPECT_EQ(table.second.find("-1"), std::string::npos) << table.second;
+
+  // Negative numbers after --, as the README writes them; options go before it.
+  EXPECT_EQ(sh(kRun + " call" + d + " SoundLevel setThreshold -- -40 3").first, 0);
+  EXPECT_EQ(sh(kRun + " call" + d + " ZRMemory insertData -- k -x").first, 0);
+  EXPECT_EQ(sh(kRun + " call" + d + " ZRMemory getData k").second, "\"-x\"\n");
+  EXPECT_EQ(sh(kRun + " list" + d + " -- extra").first, 2) << "only zr call takes words after --";
+
+  // A number of events, or a time; a misspelt event is said at once, a future one waited for.
+  const auto three = sh(kRun + " watch SoundLevel/Levels --count 3 2>/dev/null" + d);
+  EXPECT_EQ(three.first, 0);
+  EXPECT_EQ(std::count(three.second.begin(), three.second.end(), '\n'), 3) << three.second;
+  const auto timed = sh(kRun + " watch SoundLevel/Levels --duration 0.3 -f table" + d);
+  EXPECT_EQ(timed.first, 0) << timed.second;
+  EXPECT_NE(timed.second.find("SoundLevel     Levels"), std::string::npos) << timed.second;
+  const auto misspelt = sh(kRun + " watch SoundLevel/Level" + d);
+  EXPECT_EQ(misspelt.first, 1);
+  EXPECT_NE(misspelt.second.find("zr: error: no module declares the event \"SoundLevel/Level\" "
+                                 "(known: SoundLevel/Levels, SoundLevel/ThresholdCrossed); check "
+                                 "its name, or give --wait to wait for a producer"),
+            std::string::npos)
+      << misspelt.second;
+  const auto waiting = sh(kRun + " watch Later/Event --wait --duration 0.2" + d);
+  EXPECT_EQ(waiting.first, 0) << waiting.second;
+  EXPECT_NE(waiting.second.find("no module declares Later/Event yet"), std::string::npos);
+
+  for (const std::string& bad : {"garbage", "tcp://127.0.0.1", "tcp://host:99999"}) {
+    const auto [status, out] = sh(kRun + " list --directory " + bad);
+    EXPECT_EQ(status, 2) << bad;
+    EXPECT_NE(out.find("the address \"" + bad + "\" is malformed"), std::string::npos) << out;
+  }
+  EXPECT_EQ(sh("ZR_DIRECTORY=nowhere " + kRun + " top --once").first, 2);
+}
