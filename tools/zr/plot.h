@@ -24,7 +24,7 @@ class PlotData {
   /// is quoted, so that no name from the user reaches a shell or gnuplot's substitutions.
   /// Blocks until gnuplot is done; throws std::runtime_error on failure.
   void render(const std::string& path, const std::string& title) const;
-  bool empty() const { return levels_.empty() && segments_.empty(); }
+  bool empty() const { return levels_.empty() && segments_.empty() && directions_.empty(); }
 
  private:
   struct Level {
@@ -33,6 +33,13 @@ class PlotData {
   };
   std::vector<Level> levels_;
   std::vector<std::pair<double, double>> segments_;
+  struct Direction {
+    double time;
+    int id;
+    double azimuth;
+  };
+  std::vector<Direction> directions_;  // SoundLocalization's sources, drawn under the levels
+  bool sawDirections_ = false;
 };
 
 }  // namespace zr

@@ -13,6 +13,7 @@
 
 #include <vo/log.h>
 
+#include "arrayoption.h"
 #include "command.h"
 #include "input.h"
 #include "pipeline.h"
@@ -81,6 +82,7 @@ struct RunOptions {
   int buffer = 0;
   std::vector<std::string> libraries;
   std::string logLevel = "warning";
+  std::string array;
 };
 
 class RunCommand : public Command {
@@ -121,6 +123,7 @@ class RunCommand : public Command {
         ->check(CLI::Range(1, 1 << 20));
     cmd->add_option("--load", o.libraries,
                     "Load extractor types from a plugin library (repeatable).");
+    defineArrayOption(cmd, o.array);
     cmd->add_option("--log-level", o.logLevel,
                     "silent, fatal, error, warning (default), info, verbose or debug.");
     directory_.define(cmd);
@@ -175,6 +178,12 @@ int RunCommand::run() {
   for (const std::string& lib : o.libraries) registry.loadPlugin(lib);
   if (!remote)
     for (const std::string& e : config.extractors) registry.require(e);
+  if (!o.array.empty()) {
+    if (remote)
+      throw CLI::ValidationError("--array", "with --directory the published extractors have "
+                                            "their array: give --array to zr host instead");
+    config.options["array"] = checkedArray(o.array, registry, config.extractors);
+  }
 
   const bool toFile = !o.output.empty() && o.output != "-";
   const std::string outputName = toFile ? o.output : "standard output";

@@ -1,0 +1,66 @@
+#pragma once
+
+// Tracks of sound sources over periods: a direction seen again and again becomes a source with
+// an id that it keeps while it moves; a source that falls silent ends after a short hold.
+
+#include <vector>
+
+namespace ZR {
+
+/// A direction found in one period (see Localizer), as the tracker sees it.
+struct SourceObservation {
+  double azimuth = 0.0;    // degrees
+  double elevation = 0.0;  // degrees
+  float coherence = 0.0f;  // 0 to 1
+  float energyDb = -120.0f;
+};
+
+/// A source as reported.
+struct TrackedSource {
+  int id = 0;
+  double azimuth = 0.0;
+  double elevation = 0.0;
+  float energyDb = -120.0f;
+};
+
+/// Not thread-safe: one owner updates it once per period.
+class SourceTracker {
+ public:
+  /// `folded`: azimuths live on [0, 180] (a line array) rather than on a circle.
+  explicit SourceTracker(bool folded) : folded_(folded) {}
+
+  /// One period of `seconds` with its observations (strongest first); returns the sources to
+  /// report, at most `maxSources`, strongest first.
+  std::vector<TrackedSource> update(const std::vector<SourceObservation>& observations,
+                                    double seconds, int maxSources);
+  void clear() { tracks_.clear(); }
+
+  // Tuned on the evaluation's tuning material (tools/loceval).
+  /// Coherence an observation needs to start a track, and to start one at once.
+  float birthCoherence = 0.30f;
+  float instantBirthCoherence = 0.55f;
+  /// Coherence an observation needs to keep a track going.
+  float keepCoherence = 0.12f;
+  /// Degrees an observation may lie from a track's predicted direction to belong to it.
+  double gate = 20.0;
+  /// Seconds a track is still reported, and kept, after its last observation.
+  double reportHold = 0.3;
+  double keepHold = 0.6;
+
+ private:
+  struct Track {
+    int id = 0;  // 0 while tentative
+    double azimuth = 0.0, velocity = 0.0, elevation = 0.0;
+    float energyDb = -120.0f, strength = 0.0f;
+    double silence = 0.0;  // seconds since the last observation
+    int hits = 0, age = 0;
+  };
+  double distance(double a, double b) const;
+  double wrap(double a) const;
+
+  bool folded_;
+  std::vector<Track> tracks_;
+  int nextId_ = 1;
+};
+
+}  // namespace ZR
