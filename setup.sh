@@ -28,6 +28,8 @@ PACKAGES=(
   # for Debian's /usr/bin/python3, which the Python client's tests run on (not a python3
   # that comes first on the PATH)
   python3-zmq python3-msgpack python3-pytest
+  # SoundLocalization's evaluation (tools/loceval): room simulation
+  python3-numpy python3-scipy
 )
 
 install_deps() {

@@ -20,8 +20,9 @@ constexpr int kLevelPeriods = 20;
 constexpr float kStrongWeight = 0.35f;
 constexpr float kStrongPairHeight = 0.5f;
 constexpr float kWeakestPairHeight = 0.2f;
-// Delays (in samples, rms over pairs) that a direction explains this badly do not fit.
-constexpr double kMisfit = 0.35;
+// Delays (in samples, rms over pairs) that a direction explains this badly do not fit; mics a few
+// millimetres off their nominal place, and near sources, stay well below.
+constexpr double kMisfit = 0.6;
 
 using Point = ZRMicArray::Point;
 

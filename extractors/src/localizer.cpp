@@ -34,10 +34,17 @@ float toDb(double power) {
   return power > 1e-12 ? static_cast<float>(10.0 * std::log10(power)) : -120.0f;
 }
 
-// Noise floor: follows a falling level within a few frames, a rising one by this much a second,
-// so that speech, which comes and goes, is not taken for noise.
-constexpr double kNoiseRiseDbPerSecond = 3.0;
-constexpr float kNoiseFall = 0.3f;
+// Noise floor per bin: the mean of what is heard while it stays near the floor, rising by at
+// most this much a second otherwise, so that speech, which comes and goes, is not taken for noise.
+constexpr double kNoiseRiseDbPerSecond = 2.0;
+constexpr float kNoiseSmoothing = 0.1f;
+constexpr float kNearFloor = 2.0f;
+// A peak this close to a hint (cosine of the angle) is the hinted source; a hinted search may
+// wander this far.
+constexpr double kHintTaken = 0.966;  // 15 degrees
+constexpr double kHintReach = 0.940;  // 20 degrees
+// About -150 dBFS in a bin: the floor of a floor.
+constexpr float kFloorMinimum = 1e-9f;
 // A bin counts for localisation by how far it stands above that floor.
 constexpr float kOverSubtraction = 3.0f;
 
@@ -51,7 +58,8 @@ LocalizerSettings LocalizerSettings::forPrecision(float precision, int sampleRat
   s.lagStep = p < 0.25 ? 0.25 : p < 0.75 ? 0.125 : 0.0625;
   s.coarseStep = 8.0 - 5.0 * p;
   s.fineStep = 2.0 * std::pow(2.0, -3.0 * p);
-  s.maxFrequency = std::min(7000.0, 0.47 * sampleRate);
+  s.maxFrequency = std::min(tune("fmax", 7000.0), 0.47 * sampleRate);
+  s.minFrequency = tune("fmin", 200);
   return s;
 }
 
@@ -127,6 +135,27 @@ Localizer::Localizer(const ZRMicArray& array, int sampleRate, const LocalizerSet
   }
   corr_.assign(pairs_.size() * width, 0.0f);
   pattern_.assign(width, 0.0f);
+  noiseRe_.assign(pairs_.size() * bins_, 0.0f);
+  tail_.assign(bins_, 0.0f);
+  // How much each frequency can tell directions apart: little where the wavelength dwarfs the
+  // array (and diffuse noise is most alike at the mics); 1 - mean diffuse coherence over pairs.
+  resolution_.assign(bins_, 1.0f);
+  const double kRes = tune("res", 0);
+  for (int k = 0; k < bins_ && kRes > 0; ++k) {
+    double sum = 0.0;
+    for (const auto& pr : pairs_) {
+      const Point& a = array_.mics()[pr[0]];
+      const Point& b = array_.mics()[pr[1]];
+      const double d = std::sqrt((a[0] - b[0]) * (a[0] - b[0]) + (a[1] - b[1]) * (a[1] - b[1]) +
+                                 (a[2] - b[2]) * (a[2] - b[2]));
+      const double x = 2.0 * kPi * (firstBin_ + k) * rate_ / n * d / ZRMicArray::kSpeedOfSound;
+      sum += std::sin(x) / x;
+    }
+    resolution_[k] = static_cast<float>(std::pow(std::clamp(1.0 - sum / pairs_.size(), 0.0, 1.0), kRes));
+  }
+  previous_.assign(bins_, 0.0f);
+  noiseIm_.assign(pairs_.size() * bins_, 0.0f);
+  inverse_.assign(static_cast<std::size_t>(channels_) * bins_, 0.0f);
   buildGrid();
 }
 
@@ -144,22 +173,11 @@ double Localizer::pairDelay(int i, int j, const Point& u) const {
 }
 
 Point Localizer::directionAt(double a, double b) const {
-  const Point& axis = array_.axis();
-  if (array_.kind() == ZRMicArray::Kind::Linear) {
-    // a: angle from the axis, through the horizontal perpendicular counter-clockwise of it.
-    const Point perp = unit(cross({0.0, 0.0, 1.0}, axis));
-    const double c = std::cos(a * kDeg), s = std::sin(a * kDeg);
-    return {c * axis[0] + s * perp[0], c * axis[1] + s * perp[1], c * axis[2] + s * perp[2]};
-  }
-  Point e1{1.0, 0.0, 0.0}, e2{0.0, 1.0, 0.0}, n{0.0, 0.0, 1.0};
-  if (array_.kind() == ZRMicArray::Kind::Planar && std::fabs(axis[2]) < 0.999) {
-    // A tilted plane: its own frame, e1 as close to +x as the plane allows.
-    n = axis;
-    const Point ref = std::fabs(n[0]) < 0.9 ? Point{1.0, 0.0, 0.0} : Point{0.0, 1.0, 0.0};
-    e2 = unit(cross(n, ref));
-    e1 = cross(e2, n);
-  }
+  Point e1, e2, n;
+  frame(e1, e2, n);
   const double ca = std::cos(a * kDeg), sa = std::sin(a * kDeg);
+  if (array_.kind() == ZRMicArray::Kind::Linear)  // a: the angle from the axis
+    return {ca * e1[0] + sa * e2[0], ca * e1[1] + sa * e2[1], ca * e1[2] + sa * e2[2]};
   const double cb = std::cos(b * kDeg), sb = std::sin(b * kDeg);
   return {cb * (ca * e1[0] + sa * e2[0]) + sb * n[0], cb * (ca * e1[1] + sa * e2[1]) + sb * n[1],
           cb * (ca * e1[2] + sa * e2[2]) + sb * n[2]};
@@ -232,6 +250,7 @@ void Localizer::analyseFrame() {
     fftwf_execute(fft_->plan);
     float* ur = &unitRe_[static_cast<std::size_t>(c) * bins_];
     float* ui = &unitIm_[static_cast<std::size_t>(c) * bins_];
+    float* inv_ = &inverse_[static_cast<std::size_t>(c) * bins_];
     double channelSum = 0.0;
     for (int k = 0; k < bins_; ++k) {
       const float xr = fft_->out[firstBin_ + k][0], xi = fft_->out[firstBin_ + k][1];
@@ -241,23 +260,47 @@ void Localizer::analyseFrame() {
       const float inv = p > 1e-20f ? 1.0f / std::sqrt(p) : 0.0f;
       ur[k] = xr * inv;
       ui[k] = xi * inv;
+      inv_[k] = inv;
     }
     channelPower_[c] += channelSum;
     if (!excluded_[c]) ++active;
   }
   if (active < 2) return;
   double speech = 0.0, weights = 0.0;
-  std::vector<float> w(bins_);
+  std::vector<float> w(bins_), noiseLike(bins_);
+  // Neighbouring bins together: a single bin of noise (at low frequencies the channels hear the
+  // same diffuse noise, so averaging them does not steady it) often peaks well above its floor.
+  static const int kSmooth = static_cast<int>(tune("smooth", 2));
+  static const float kOver = static_cast<float>(tune("over", kOverSubtraction));
+  std::vector<float> smooth(bins_);
   for (int k = 0; k < bins_; ++k) {
-    const float p = power[k] / static_cast<float>(active);
+    float sum = 0.0f;
+    int count = 0;
+    for (int j = std::max(0, k - kSmooth); j <= std::min(bins_ - 1, k + kSmooth); ++j)
+      sum += power[j], ++count;
+    smooth[k] = sum / static_cast<float>(count);
+  }
+  for (int k = 0; k < bins_; ++k) {
+    const float p = smooth[k] / static_cast<float>(active);
     float& floor = noise_[k];
     if (!noiseStarted_)
       floor = p;
-    else if (p < floor)
-      floor += kNoiseFall * (p - floor);
+    else if (p < kNearFloor * floor)
+      floor += kNoiseSmoothing * (p - floor);
     else
       floor *= rise_;
-    w[k] = p > 0.0f ? std::max(0.0f, 1.0f - kOverSubtraction * floor / p) : 0.0f;
+    floor = std::max(floor, kFloorMinimum);  // digital silence must not hold it at 0 for ever
+    w[k] = p > 0.0f ? std::max(0.0f, 1.0f - kOver * floor / p) : 0.0f;
+    // Reverberation: what the previous frames leave, decaying, is no direct sound.
+    static const float kDp = static_cast<float>(tune("dp", 0));
+    static const float kDecay = static_cast<float>(tune("decay", 0.6));
+    float& tail = tail_[k];
+    tail = std::max(tail * kDecay, previous_[k] * kDecay);
+    previous_[k] = p;
+    if (kDp > 0.0f && p > 0.0f) w[k] *= std::clamp(1.0f - kDp * tail / p, 0.0f, 1.0f);
+    w[k] *= resolution_[k];
+    noiseLike[k] = !noiseStarted_ || p < kNearFloor * floor ? kNoiseSmoothing : 0.0f;
+    if (!noiseStarted_) noiseLike[k] = 1.0f;
     speech += std::max(0.0f, p - floor);
     weights += w[k];
     binWeight_[k] += w[k];
@@ -272,9 +315,23 @@ void Localizer::analyseFrame() {
     const float* bi = &unitIm_[static_cast<std::size_t>(j) * bins_];
     float* re = &re_[p * bins_];
     float* im = &im_[p * bins_];
+    const float* ia = &inverse_[static_cast<std::size_t>(i) * bins_];
+    const float* ib = &inverse_[static_cast<std::size_t>(j) * bins_];
+    float* nr = &noiseRe_[p * bins_];
+    float* ni = &noiseIm_[p * bins_];
     for (int k = 0; k < bins_; ++k) {
-      re[k] += w[k] * (ar[k] * br[k] + ai[k] * bi[k]);
-      im[k] += w[k] * (ai[k] * br[k] - ar[k] * bi[k]);
+      // The pair's cross-spectrum less that of the noise (tracked while the bin is near its
+      // floor), over the magnitudes: diffuse noise, coherent at low frequencies, would otherwise
+      // pull every direction towards zero delay.
+      const float cr = ar[k] * br[k] + ai[k] * bi[k];
+      const float ci = ai[k] * br[k] - ar[k] * bi[k];
+      const float scale = ia[k] * ib[k];
+      const float mag = scale > 0.0f ? 1.0f / scale : 0.0f;
+      nr[k] += noiseLike[k] * (cr * mag - nr[k]);
+      ni[k] += noiseLike[k] * (ci * mag - ni[k]);
+      static const float kCsd = static_cast<float>(tune("csd", 1));
+      re[k] += w[k] * (cr - kCsd * nr[k] * scale);
+      im[k] += w[k] * (ci - kCsd * ni[k] * scale);
     }
   }
   speechPower_ += speech * powerScale_;
@@ -282,66 +339,112 @@ void Localizer::analyseFrame() {
   ++frames_;
 }
 
+namespace {
+
+// A pair's correlation between its lags, by a cubic (Catmull-Rom) through the four around `x`:
+// a straight line between neighbours would pull peaks towards the lags by up to a sixteenth of a
+// sample, a degree or more on a small array.
+inline float interpolate(const float* c, int width, double x) {
+  const int i = std::clamp(static_cast<int>(x), 1, width - 3);
+  const float t = static_cast<float>(x - i);
+  const float a = c[i - 1], b = c[i], d = c[i + 1], e = c[i + 2];
+  return b + 0.5f * t * (d - a + t * (2.0f * a - 5.0f * b + 4.0f * d - e + t * (3.0f * (b - d) + e - a)));
+}
+
+}  // namespace
+
 float Localizer::responseAt(const Direction& /*d*/, std::size_t index) const {
   const int width = 2 * lags_ + 1;
   const float* lag = &gridLag_[index * pairs_.size()];
   float sum = 0.0f;
-  for (std::size_t p = 0; p < pairs_.size(); ++p) {
-    const float x = lag[p];
-    const int i = std::min(static_cast<int>(x), width - 2);
-    const float f = x - static_cast<float>(i);
-    const float* c = &corr_[p * width + i];
-    sum += c[0] + f * (c[1] - c[0]);
-  }
+  for (std::size_t p = 0; p < pairs_.size(); ++p) sum += interpolate(&corr_[p * width], width, lag[p]);
   return sum;
 }
 
 float Localizer::response(const Point& u) const {
   const int width = 2 * lags_ + 1;
   float sum = 0.0f;
-  for (std::size_t p = 0; p < pairs_.size(); ++p) {
-    const double x = std::clamp(dot(baselines_[p], u) / settings_.lagStep + lags_, 0.0,
-                                static_cast<double>(width - 1));
-    const int i = std::min(static_cast<int>(x), width - 2);
-    const float f = static_cast<float>(x - i);
-    const float* c = &corr_[p * width + i];
-    sum += c[0] + f * (c[1] - c[0]);
-  }
+  for (std::size_t p = 0; p < pairs_.size(); ++p)
+    sum += interpolate(&corr_[p * width], width, dot(baselines_[p], u) / settings_.lagStep + lags_);
   return sum;
 }
 
-LocalizedPeak Localizer::refine(const Direction& start) const {
-  // Coordinate ascent on a fine grid around the coarse peak: azimuth (or the angle from a
-  // line's axis), then elevation, twice.
-  double a = start.a, b = start.b;
-  float best = response(start.u);
-  const double span = settings_.coarseStep, fine = settings_.fineStep;
-  const bool linear = array_.kind() == ZRMicArray::Kind::Linear;
-  const double bLow = array_.kind() == ZRMicArray::Kind::Volumetric ? -90.0 : 0.0;
-  for (int round = 0; round < 2; ++round) {
-    for (int axis = 0; axis < (linear ? 1 : 2); ++axis) {
-      const double centre = axis == 0 ? a : b;
-      // An elevation step moves the delays least near the horizon: search it wider there.
-      const double reach = axis == 0 ? span : std::max(2.0 * span, 25.0 * (1.0 - b / 90.0));
-      for (double x = centre - reach; x <= centre + reach + 1e-9; x += fine) {
-        double ta = axis == 0 ? x : a, tb = axis == 0 ? b : x;
-        if (linear && (ta < 0.0 || ta > 180.0)) continue;
-        if (!linear && (tb < bLow || tb > 90.0)) continue;
-        const float r = response(directionAt(ta, tb));
-        if (r > best) best = r, a = ta, b = tb;
+void Localizer::frame(Point& e1, Point& e2, Point& n) const {
+  const Point& axis = array_.axis();
+  if (array_.kind() == ZRMicArray::Kind::Linear) {
+    e1 = axis;
+    e2 = unit(cross({0.0, 0.0, 1.0}, axis));  // horizontal, counter-clockwise of the axis
+    n = cross(e1, e2);
+    return;
+  }
+  e1 = {1.0, 0.0, 0.0}, e2 = {0.0, 1.0, 0.0}, n = {0.0, 0.0, 1.0};
+  if (array_.kind() == ZRMicArray::Kind::Planar && std::fabs(axis[2]) < 0.999) {
+    // A tilted plane: its own frame, e1 as close to +x as the plane allows.
+    n = axis;
+    const Point ref = std::fabs(n[0]) < 0.9 ? Point{1.0, 0.0, 0.0} : Point{0.0, 1.0, 0.0};
+    e2 = unit(cross(n, ref));
+    e1 = cross(e2, n);
+  }
+}
+
+LocalizedPeak Localizer::refine(const Direction& start, double span) const {
+  // Pattern search around the coarse peak in coordinates in which every delay is linear: the
+  // direction's projection on the line, or on the plane, of the array (a volume's: the vector
+  // itself, normalised). The azimuth then does not hang on a poorly known elevation.
+  Point e1, e2, n;
+  frame(e1, e2, n);
+  const ZRMicArray::Kind kind = array_.kind();
+  const int dims = kind == ZRMicArray::Kind::Linear ? 1 : kind == ZRMicArray::Kind::Planar ? 2 : 3;
+  auto toDirection = [&](const double* q) -> Point {
+    if (dims == 3) return unit({q[0], q[1], q[2]});
+    const double r2 = dims == 1 ? q[0] * q[0] : q[0] * q[0] + q[1] * q[1];
+    const double up = std::sqrt(std::max(0.0, 1.0 - r2));
+    if (dims == 1) return {q[0] * e1[0] + up * e2[0], q[0] * e1[1] + up * e2[1], q[0] * e1[2] + up * e2[2]};
+    return {q[0] * e1[0] + q[1] * e2[0] + up * n[0], q[0] * e1[1] + q[1] * e2[1] + up * n[1],
+            q[0] * e1[2] + q[1] * e2[2] + up * n[2]};
+  };
+  auto clampInside = [&](double* q) {
+    if (dims == 3) return;
+    const double r = dims == 1 ? std::fabs(q[0]) : std::hypot(q[0], q[1]);
+    if (r > 1.0)
+      for (int i = 0; i < dims; ++i) q[i] /= r;
+  };
+  double q[3] = {dot(start.u, e1), dot(start.u, e2), dot(start.u, n)};
+  if (dims == 3) q[0] = start.u[0], q[1] = start.u[1], q[2] = start.u[2];
+  float best = response(toDirection(q));
+  double h = span * settings_.coarseStep * kDeg;
+  const double stop = 0.25 * settings_.fineStep * kDeg;
+  for (int guard = 0; h > stop && guard < 200; ++guard) {
+    bool moved = false;
+    double bestQ[3] = {q[0], q[1], q[2]};
+    for (int d = 0; d < (dims == 1 ? 2 : dims == 2 ? 8 : 6); ++d) {
+      double t[3] = {q[0], q[1], q[2]};
+      if (dims == 2) {
+        static const int kSteps[8][2] = {{1, 0}, {-1, 0}, {0, 1}, {0, -1},
+                                         {1, 1}, {1, -1}, {-1, 1}, {-1, -1}};
+        t[0] += h * kSteps[d][0];
+        t[1] += h * kSteps[d][1];
+      } else {
+        t[d / 2] += d % 2 ? -h : h;
       }
+      clampInside(t);
+      const float r = response(toDirection(t));
+      if (r > best) best = r, moved = true, bestQ[0] = t[0], bestQ[1] = t[1], bestQ[2] = t[2];
     }
+    if (moved)
+      q[0] = bestQ[0], q[1] = bestQ[1], q[2] = bestQ[2];
+    else
+      h *= 0.5;
   }
   LocalizedPeak peak;
-  peak.direction = directionAt(a, b);
+  peak.direction = toDirection(q);
   label(peak.direction, peak.azimuth, peak.elevation);
   peak.coherence = best / static_cast<float>(std::max<std::size_t>(1, activePairs_));
   return peak;
 }
 
-void Localizer::removePeak(const LocalizedPeak& peak) {
+void Localizer::removePeak(const LocalizedPeak& peak, float amount) {
   const int width = 2 * lags_ + 1;
-  const float amount = peak.coherence;
   for (std::size_t p = 0; p < pairs_.size(); ++p) {
     const double centre = dot(baselines_[p], peak.direction) / settings_.lagStep;
     float* c = &corr_[p * width];
@@ -354,7 +457,7 @@ void Localizer::removePeak(const LocalizedPeak& peak) {
   }
 }
 
-LocalizedPeriod Localizer::analyse(int maxPeaks) {
+LocalizedPeriod Localizer::analyse(int maxPeaks, const std::vector<Point>& hints) {
   LocalizedPeriod out;
   out.frames = frames_;
   out.channelDb.resize(channels_);
@@ -413,17 +516,42 @@ LocalizedPeriod Localizer::analyse(int maxPeaks) {
       if (excluded_[pairs_[p][0]] || excluded_[pairs_[p][1]])
         std::fill(&corr_[p * width], &corr_[p * width] + width, 0.0f);
 
-    for (int found = 0; found < maxPeaks; ++found) {
+    // The strongest direction first; then, where a source was heard before and is not that
+    // one, its trace in what the strongest left (a talker outspoken by another for a moment is
+    // still there); then new directions, each found source's pattern taken out before the next.
+    auto strongest = [&]() {
       std::size_t best = 0;
       float bestValue = -1e30f;
       for (std::size_t d = 0; d < grid_.size(); ++d) {
         const float r = responseAt(grid_[d], d);
         if (r > bestValue) bestValue = r, best = d;
       }
-      const LocalizedPeak peak = refine(grid_[best]);
-      if (peak.coherence <= 0.0f) break;
-      out.peaks.push_back(peak);
-      if (found + 1 < maxPeaks) removePeak(peak);
+      return refine(grid_[best]);
+    };
+    auto near = [&](const Point& u) {
+      for (const LocalizedPeak& p : out.peaks)
+        if (dot(p.direction, u) > kHintTaken) return true;
+      return false;
+    };
+    LocalizedPeak first = strongest();
+    if (first.coherence > 0.0f) {
+      out.peaks.push_back(first);
+      removePeak(first, first.coherence);
+      for (const Point& hint : hints) {
+        if (static_cast<int>(out.peaks.size()) >= maxPeaks || near(hint)) continue;
+        LocalizedPeak peak = refine(Direction{hint, 0.0, 0.0}, 0.5);
+        if (dot(peak.direction, hint) < kHintReach || peak.coherence <= 0.0f || near(peak.direction))
+          continue;
+        peak.hinted = true;
+        out.peaks.push_back(peak);
+        removePeak(peak, peak.coherence);
+      }
+      while (static_cast<int>(out.peaks.size()) < maxPeaks) {
+        const LocalizedPeak peak = strongest();
+        if (peak.coherence <= 0.0f) break;
+        out.peaks.push_back(peak);
+        removePeak(peak, peak.coherence);
+      }
     }
   }
 

@@ -32,6 +32,7 @@ struct LocalizedPeak {
   double azimuth = 0.0;           // degrees, as reported (see SoundLocalization)
   double elevation = 0.0;
   float coherence = 0.0f;         // share of the weighted phase agreement it explains, 0 to 1
+  bool hinted = false;            // found near a hint, not by the search of all directions
 };
 
 /// What a period held: its peaks, strongest first, and what the channel check and the gate
@@ -54,8 +55,11 @@ class Localizer {
 
   /// Takes `count` interleaved frames of array.size() channels; analyses a frame every hop.
   void push(const short* interleaved, int count);
-  /// The period since the last call: up to `maxPeaks` directions, strongest first.
-  LocalizedPeriod analyse(int maxPeaks);
+  /// The period since the last call: up to `maxPeaks` directions, strongest first, then one near
+  /// each of `hints` (directions heard before) that none of those is near, if any is there.
+  LocalizedPeriod analyse(int maxPeaks, const std::vector<ZRMicArray::Point>& hints = {});
+  /// Frames analysed since the last period.
+  int pendingFrames() const { return frames_; }
   /// Channels left out of the pairs (dead ones); the others go on.
   void excludeChannel(int channel);
 
@@ -78,10 +82,12 @@ class Localizer {
   void analyseFrame();
   void buildGrid();
   ZRMicArray::Point directionAt(double a, double b) const;
+  /// The array's own axes: along its line or in its plane first, then its normal.
+  void frame(ZRMicArray::Point& e1, ZRMicArray::Point& e2, ZRMicArray::Point& n) const;
   float response(const ZRMicArray::Point& u) const;
   float responseAt(const Direction& d, std::size_t index) const;
-  LocalizedPeak refine(const Direction& start) const;
-  void removePeak(const LocalizedPeak& peak);
+  LocalizedPeak refine(const Direction& start, double span = 1.0) const;
+  void removePeak(const LocalizedPeak& peak, float amount);
 
   ZRMicArray array_;
   int rate_;
@@ -105,6 +111,10 @@ class Localizer {
   float rise_ = 1.0f;
   std::vector<float> re_, im_;  // [pair][bin]
   std::vector<float> binWeight_;
+  std::vector<float> noiseRe_, noiseIm_;  // [pair][bin]: the noise's cross-spectra
+  std::vector<float> tail_, previous_;  // [bin]: reverberation left by earlier frames
+  std::vector<float> resolution_;  // [bin]
+  std::vector<float> inverse_;  // [channel][bin]: 1 / magnitude
   std::vector<float> unitRe_, unitIm_;  // [channel][bin]
   std::vector<double> channelPower_;
   double speechPower_ = 0.0, weightSum_ = 0.0;

@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 
 #include <boost/make_shared.hpp>
 
@@ -165,7 +167,15 @@ void SoundLocalization::process(const int& nbOfChannels, const int& nbOfSamplesB
     }
     localizer_ =
         std::make_unique<Localizer>(*array_, rate, LocalizerSettings::forPrecision(precision, rate));
-    if (!tracker_) tracker_ = std::make_unique<SourceTracker>(array_->kind() == ZRMicArray::Kind::Linear);
+    if (!tracker_) {
+      tracker_ = std::make_unique<SourceTracker>(array_->kind() == ZRMicArray::Kind::Linear);
+      tracker_->birthCoherence = static_cast<float>(tune("birth", tracker_->birthCoherence));
+      tracker_->instantBirthCoherence = static_cast<float>(tune("instant", tracker_->instantBirthCoherence));
+      tracker_->keepCoherence = static_cast<float>(tune("keep", tracker_->keepCoherence));
+      tracker_->gate = tune("gate", tracker_->gate);
+      tracker_->reportHold = tune("rhold", tracker_->reportHold);
+      tracker_->keepHold = tune("khold", tracker_->keepHold);
+    }
     if (!check_) check_ = std::make_unique<ChannelCheck>(*array_);
     for (int c : check_->deadChannels()) localizer_->excludeChannel(c);
     builtPrecision_ = precision;
@@ -193,7 +203,7 @@ void SoundLocalization::process(const int& nbOfChannels, const int& nbOfSamplesB
 
 void SoundLocalization::flush() {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (localizer_ && periodFilled_ > 0) {
+  if (localizer_ && localizer_->pendingFrames() > 0) {
     emitPeriod();
     periodFilled_ = 0;
   }
@@ -201,18 +211,27 @@ void SoundLocalization::flush() {
 
 void SoundLocalization::emitPeriod() {
   const int maxSources = maxSources_.load();
-  const LocalizedPeriod period = localizer_->analyse(maxSources);
+  static const bool kHints = tune("hints", 1) > 0;
+  const LocalizedPeriod period =
+      localizer_->analyse(maxSources, kHints ? tracker_->hints() : std::vector<ZRMicArray::Point>{});
   ++analysed_;
   for (const std::string& w : check_->update(period, *localizer_)) warnOnce(w);
   for (int c : check_->deadChannels()) localizer_->excludeChannel(c);
 
   std::vector<SourceObservation> observations;
-  if (period.weight >= kMinWeight) {
+  if (std::getenv("ZR_LOC_DEBUG")) {  // DEBUG-REMOVE
+    std::fprintf(stderr, "DBG t=%.1f w=%.3f sp=%.1f", periodStart_, period.weight, period.speechDb);
+    for (const LocalizedPeak& p : period.peaks)
+      std::fprintf(stderr, " [%.1f/%.1f c=%.2f%s]", p.azimuth, p.elevation, p.coherence, p.hinted ? "h" : "");
+    std::fprintf(stderr, "\n");
+  }
+  static const float kMinW = static_cast<float>(tune("minw", kMinWeight));
+  if (period.weight >= kMinW) {
     float total = 0.0f;
     for (const LocalizedPeak& p : period.peaks) total += std::max(0.0f, p.coherence);
     for (const LocalizedPeak& p : period.peaks) {
       const float share = total > 0.0f ? std::max(p.coherence, 1e-6f) / total : 1.0f;
-      observations.push_back({p.azimuth, p.elevation, p.coherence,
+      observations.push_back({p.direction, p.azimuth, p.elevation, p.coherence,
                               period.speechDb + 10.0f * std::log10(share)});
     }
   }

@@ -7,14 +7,16 @@
 #include <algorithm>
 #include <cmath>
 
+#include "extractorutil.h"
+
 namespace ZR {
 
 namespace {
 
 // How much of an observation's offset from the prediction the track takes, in direction and in
 // angular speed.
-constexpr double kAlpha = 0.55;
-constexpr double kBeta = 0.12;
+const double kAlpha = tune("alpha", 0.55);
+const double kBeta = tune("beta", 0.12);
 constexpr double kMaxSpeed = 120.0;  // degrees per second
 // Two tracks this close are one source seen twice.
 constexpr double kMergeDistance = 10.0;
@@ -31,6 +33,13 @@ double SourceTracker::wrap(double a) const {
 double SourceTracker::distance(double a, double b) const {
   const double d = folded_ ? a - b : std::remainder(a - b, 360.0);
   return std::fabs(d);
+}
+
+std::vector<std::array<double, 3>> SourceTracker::hints() const {
+  std::vector<std::array<double, 3>> out;
+  for (const Track& t : tracks_)
+    if (t.id != 0) out.push_back(t.direction);
+  return out;
 }
 
 std::vector<TrackedSource> SourceTracker::update(const std::vector<SourceObservation>& observations,
@@ -67,6 +76,7 @@ std::vector<TrackedSource> SourceTracker::update(const std::vector<SourceObserva
       t.energyDb = o.energyDb;
       t.strength = o.coherence;
       t.silence = 0.0;
+      t.direction = o.direction;
       ++t.hits;
       if (t.id == 0 && t.hits >= 2) t.id = nextId_++;
     } else if (!nearAny && o.coherence >= birthCoherence) {
@@ -76,6 +86,7 @@ std::vector<TrackedSource> SourceTracker::update(const std::vector<SourceObserva
       t.energyDb = o.energyDb;
       t.strength = o.coherence;
       t.hits = 1;
+      t.direction = o.direction;
       if (o.coherence >= instantBirthCoherence) t.id = nextId_++;
       born.push_back(t);
     }

@@ -3,12 +3,14 @@
 // Tracks of sound sources over periods: a direction seen again and again becomes a source with
 // an id that it keeps while it moves; a source that falls silent ends after a short hold.
 
+#include <array>
 #include <vector>
 
 namespace ZR {
 
 /// A direction found in one period (see Localizer), as the tracker sees it.
 struct SourceObservation {
+  std::array<double, 3> direction{};  // unit vector
   double azimuth = 0.0;    // degrees
   double elevation = 0.0;  // degrees
   float coherence = 0.0f;  // 0 to 1
@@ -34,6 +36,8 @@ class SourceTracker {
   std::vector<TrackedSource> update(const std::vector<SourceObservation>& observations,
                                     double seconds, int maxSources);
   void clear() { tracks_.clear(); }
+  /// Where the tracks still held were last heard: where to look for them in the next period.
+  std::vector<std::array<double, 3>> hints() const;
 
   // Tuned on the evaluation's tuning material (tools/loceval).
   /// Coherence an observation needs to start a track, and to start one at once.
@@ -53,6 +57,7 @@ class SourceTracker {
     double azimuth = 0.0, velocity = 0.0, elevation = 0.0;
     float energyDb = -120.0f, strength = 0.0f;
     double silence = 0.0;  // seconds since the last observation
+    std::array<double, 3> direction{};
     int hits = 0, age = 0;
   };
   double distance(double a, double b) const;

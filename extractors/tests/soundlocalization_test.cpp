@@ -106,13 +106,13 @@ class Collector : public ZR::ZRModule {
   std::vector<ZR::ZRValue> periods;
 };
 
-struct Run {
+struct Localised {
   std::vector<ZR::ZRValue> periods;
   std::int64_t analysed = 0;
 };
 
 // Runs `pcm` (interleaved, `channels` wide) through a SoundLocalization on `array`.
-Run localise(const std::string& array, const std::vector<short>& pcm, int channels,
+Localised localise(const std::string& array, const std::vector<short>& pcm, int channels,
              float precision = -1.0f) {
   vo::log::setLogLevel(vo::LogLevel_Error);
   auto broker = ZR::ZRBroker::createBroker("loc");
@@ -132,13 +132,13 @@ Run localise(const std::string& array, const std::vector<short>& pcm, int channe
   device->endStream();
   EXPECT_TRUE(device->waitForEndOfStream(60000));
   EXPECT_TRUE(memory->waitForDeliveries(std::chrono::seconds(10)));
-  Run run{client->periods, loc->analysedPeriods()};
+  Localised run{client->periods, loc->analysedPeriods()};
   loc.reset();
   broker->shutdown();
   return run;
 }
 
-std::vector<std::vector<std::pair<int, double>>> sources(const Run& run) {
+std::vector<std::vector<std::pair<int, double>>> sources(const Localised& run) {
   std::vector<std::vector<std::pair<int, double>>> out;
   for (const ZR::ZRValue& p : run.periods) {
     out.emplace_back();
@@ -206,7 +206,7 @@ TEST(SoundLocalization, AnechoicSourcesAtKnownDirections) {
                : std::vector<double>{-150.0, -90.0, -20.0, 0.0, 47.0, 135.0, 180.0};
     for (double azimuth : azimuths) {
       const double elevation = linear ? 0.0 : 20.0;
-      const Run run = localise(shape, planeWaves(array, {{azimuth, elevation, 3000}}, 2.0), array.size());
+      const Localised run = localise(shape, planeWaves(array, {{azimuth, elevation, 3000}}, 2.0), array.size());
       const auto found = sources(run);
       ASSERT_GT(found.size(), 15u);
       std::vector<double> errors;

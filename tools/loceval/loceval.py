@@ -62,7 +62,7 @@ LEAD = 2.0  # seconds of noise alone before anyone speaks
 SILENCE_MARGIN = 0.5
 TARGETS = {"median": 2.0, "within10": 0.93, "detection": 0.95, "both": 0.92, "precision": 0.85,
            "false": 0.03, "within10_5dB": 0.88}
-VERSION = 3  # of the simulation: bump to refresh cached mixes
+VERSION = 4  # of the simulation: bump to refresh cached mixes
 
 
 def array_mics(shape):
@@ -99,7 +99,7 @@ def simulate(condition, prompts, cache):
     """Mix (mics, samples) in [-1, 1), and per talker: per-10-ms activity and azimuth."""
     shape, rt60, snr, scene, seed = condition
     rng = np.random.default_rng(seed)
-    dims = (rng.uniform(4.5, 8.0), rng.uniform(3.5, 6.0), rng.uniform(2.6, 3.2))
+    dims = (rng.uniform(5.0, 9.0), rng.uniform(4.0, 7.0), rng.uniform(2.7, 3.4))
     centre = np.array([rng.uniform(1.5, dims[0] - 1.5), rng.uniform(1.5, dims[1] - 1.5),
                        rng.uniform(0.8, 1.2)])
     yaw = rng.uniform(-math.pi, math.pi)
@@ -113,7 +113,7 @@ def simulate(condition, prompts, cache):
     for t in range(2 if scene == "two" else 1):
         x, act = speech.track(rng, prompts, cache, seconds, LEAD + 0.5 * t, pauses)
         height = rng.uniform(1.2, 1.7)
-        distance = rng.uniform(1.0, 2.5)
+        distance = rng.uniform(0.8, 2.0)
         if t == 0:
             az = first
         else:  # at least 45 deg from the first, also as a line array sees them
@@ -128,7 +128,7 @@ def simulate(condition, prompts, cache):
 
             def path(time, az=az, swing=swing, period=period, distance=distance, height=height):
                 a = az + swing * math.sin(2 * math.pi * time / period)
-                return place(rng, dims, centre, distance + 0.3 * math.sin(time / 3), a, height)
+                return place(rng, dims, centre, distance + 0.2 * math.sin(time / 3), a, height)
             wet = roomsim.moving_source(x, dims, path, mics, rt60, RATE)
         else:
             pos = place(rng, dims, centre, distance, az, height)
@@ -280,9 +280,9 @@ def main():
     prompts = speech.material(a.set, a.cache)
     # The two sets differ in their rooms and placements too.
     base = a.seed * 1000 + (0 if a.set == "tuning" else 500)
-    conditions = [(shape, rt60, snr, scene, base + i)
-                  for i, (shape, rt60, snr, scene) in enumerate(
-                      (s, r, n, c) for s in a.arrays for r in RT60S for n in SNRS for c in a.scenes)]
+    everything = [(s, r, n, c) for s in ARRAYS for r in RT60S for n in SNRS for c in SCENES]
+    conditions = [(shape, rt60, snr, scene, base + everything.index((shape, rt60, snr, scene)))
+                  for shape in a.arrays for rt60 in RT60S for snr in SNRS for scene in a.scenes]
     with ProcessPoolExecutor(a.jobs) as pool:
         paths = list(pool.map(prepare, [(c, prompts, a.cache) for c in conditions]))
     if a.simulate_only:
