@@ -1,8 +1,6 @@
 #pragma once
 
-#include <cstdlib>
 #include <mutex>
-#include <string>
 
 #include <zrcommon/zrbroker.h>
 #include <zrcommon/zrmodulecore.h>
@@ -23,16 +21,6 @@ inline std::mutex& fftwPlanMutex() {
 inline double timestampSeconds(const ZRValue& ts) {
   if (!ts.isArray() || ts.getSize() < 2 || !ts[0].isInt() || !ts[1].isInt()) return 0.0;
   return static_cast<double>(ts[0].toInt()) + static_cast<double>(ts[1].toInt()) * 1e-6;
-}
-
-// DEBUG-REMOVE: tuning knobs from the environment while the constants are chosen.
-inline double tune(const char* name, double fallback) {
-  const char* all = std::getenv("ZR_LOC_TUNE");
-  if (!all) return fallback;
-  const std::string s(all), key = std::string(name) + "=";
-  const auto at = s.find(key);
-  if (at == std::string::npos || (at > 0 && s[at - 1] != ',')) return fallback;
-  return std::atof(s.c_str() + at + key.size());
 }
 
 /// The audio device's sample rate, or `fallback` when the device cannot tell.

@@ -45,8 +45,12 @@ constexpr double kHintTaken = 0.966;  // 15 degrees
 constexpr double kHintReach = 0.940;  // 20 degrees
 // About -150 dBFS in a bin: the floor of a floor.
 constexpr float kFloorMinimum = 1e-9f;
-// A bin counts for localisation by how far it stands above that floor.
+// A bin counts for localisation by how far it stands above that floor, judged with its
+// neighbours on either side.
 constexpr float kOverSubtraction = 3.0f;
+constexpr int kSmoothBins = 2;
+// Per 16 ms, what reverberation keeps of the power before (about 0.8 s of RT60).
+constexpr double kTailDecay = 0.75;
 
 }  // namespace
 
@@ -55,11 +59,10 @@ LocalizerSettings LocalizerSettings::forPrecision(float precision, int sampleRat
   LocalizerSettings s;
   s.frameSize = 1 << static_cast<int>(std::lround(std::log2(0.032 * sampleRate)));
   s.hop = p < 0.25 ? s.frameSize : s.frameSize / 2;
-  s.lagStep = p < 0.25 ? 0.25 : p < 0.75 ? 0.125 : 0.0625;
-  s.coarseStep = 8.0 - 5.0 * p;
+  s.lagStep = p < 0.25 ? 0.25 : 0.125;  // interpolated by cubics: finer buys little
+  s.coarseStep = 8.0 - 4.0 * p;
   s.fineStep = 2.0 * std::pow(2.0, -3.0 * p);
-  s.maxFrequency = std::min(tune("fmax", 7000.0), 0.47 * sampleRate);
-  s.minFrequency = tune("fmin", 200);
+  s.maxFrequency = std::min(7000.0, 0.47 * sampleRate);
   return s;
 }
 
@@ -108,6 +111,7 @@ Localizer::Localizer(const ZRMicArray& array, int sampleRate, const LocalizerSet
       std::min(n / 2 - 1, static_cast<int>(std::floor(settings_.maxFrequency * n / rate_)));
   bins_ = std::max(1, lastBin - firstBin_ + 1);
   noise_.assign(bins_, 0.0f);
+  tailDecay_ = static_cast<float>(std::pow(kTailDecay, settings_.hop / (0.016 * rate_)));
   rise_ = static_cast<float>(
       std::pow(10.0, kNoiseRiseDbPerSecond / 10.0 * settings_.hop / static_cast<double>(rate_)));
   re_.assign(pairs_.size() * bins_, 0.0f);
@@ -136,26 +140,10 @@ Localizer::Localizer(const ZRMicArray& array, int sampleRate, const LocalizerSet
   corr_.assign(pairs_.size() * width, 0.0f);
   pattern_.assign(width, 0.0f);
   noiseRe_.assign(pairs_.size() * bins_, 0.0f);
-  tail_.assign(bins_, 0.0f);
-  // How much each frequency can tell directions apart: little where the wavelength dwarfs the
-  // array (and diffuse noise is most alike at the mics); 1 - mean diffuse coherence over pairs.
-  resolution_.assign(bins_, 1.0f);
-  const double kRes = tune("res", 0);
-  for (int k = 0; k < bins_ && kRes > 0; ++k) {
-    double sum = 0.0;
-    for (const auto& pr : pairs_) {
-      const Point& a = array_.mics()[pr[0]];
-      const Point& b = array_.mics()[pr[1]];
-      const double d = std::sqrt((a[0] - b[0]) * (a[0] - b[0]) + (a[1] - b[1]) * (a[1] - b[1]) +
-                                 (a[2] - b[2]) * (a[2] - b[2]));
-      const double x = 2.0 * kPi * (firstBin_ + k) * rate_ / n * d / ZRMicArray::kSpeedOfSound;
-      sum += std::sin(x) / x;
-    }
-    resolution_[k] = static_cast<float>(std::pow(std::clamp(1.0 - sum / pairs_.size(), 0.0, 1.0), kRes));
-  }
-  previous_.assign(bins_, 0.0f);
   noiseIm_.assign(pairs_.size() * bins_, 0.0f);
   inverse_.assign(static_cast<std::size_t>(channels_) * bins_, 0.0f);
+  tail_.assign(bins_, 0.0f);
+  previous_.assign(bins_, 0.0f);
   buildGrid();
 }
 
@@ -270,13 +258,11 @@ void Localizer::analyseFrame() {
   std::vector<float> w(bins_), noiseLike(bins_);
   // Neighbouring bins together: a single bin of noise (at low frequencies the channels hear the
   // same diffuse noise, so averaging them does not steady it) often peaks well above its floor.
-  static const int kSmooth = static_cast<int>(tune("smooth", 2));
-  static const float kOver = static_cast<float>(tune("over", kOverSubtraction));
   std::vector<float> smooth(bins_);
   for (int k = 0; k < bins_; ++k) {
     float sum = 0.0f;
     int count = 0;
-    for (int j = std::max(0, k - kSmooth); j <= std::min(bins_ - 1, k + kSmooth); ++j)
+    for (int j = std::max(0, k - kSmoothBins); j <= std::min(bins_ - 1, k + kSmoothBins); ++j)
       sum += power[j], ++count;
     smooth[k] = sum / static_cast<float>(count);
   }
@@ -290,15 +276,13 @@ void Localizer::analyseFrame() {
     else
       floor *= rise_;
     floor = std::max(floor, kFloorMinimum);  // digital silence must not hold it at 0 for ever
-    w[k] = p > 0.0f ? std::max(0.0f, 1.0f - kOver * floor / p) : 0.0f;
-    // Reverberation: what the previous frames leave, decaying, is no direct sound.
-    static const float kDp = static_cast<float>(tune("dp", 0));
-    static const float kDecay = static_cast<float>(tune("decay", 0.6));
+    w[k] = p > 0.0f ? std::max(0.0f, 1.0f - kOverSubtraction * floor / p) : 0.0f;
+    // Reverberation: what the earlier frames leave, decaying, is no direct sound. Onsets count
+    // fully, steady sound in part, decaying sound not at all.
     float& tail = tail_[k];
-    tail = std::max(tail * kDecay, previous_[k] * kDecay);
+    tail = std::max(tail, previous_[k]) * tailDecay_;
     previous_[k] = p;
-    if (kDp > 0.0f && p > 0.0f) w[k] *= std::clamp(1.0f - kDp * tail / p, 0.0f, 1.0f);
-    w[k] *= resolution_[k];
+    if (p > 0.0f) w[k] *= std::clamp(1.0f - tail / p, 0.0f, 1.0f);
     noiseLike[k] = !noiseStarted_ || p < kNearFloor * floor ? kNoiseSmoothing : 0.0f;
     if (!noiseStarted_) noiseLike[k] = 1.0f;
     speech += std::max(0.0f, p - floor);
@@ -329,9 +313,8 @@ void Localizer::analyseFrame() {
       const float mag = scale > 0.0f ? 1.0f / scale : 0.0f;
       nr[k] += noiseLike[k] * (cr * mag - nr[k]);
       ni[k] += noiseLike[k] * (ci * mag - ni[k]);
-      static const float kCsd = static_cast<float>(tune("csd", 1));
-      re[k] += w[k] * (cr - kCsd * nr[k] * scale);
-      im[k] += w[k] * (ci - kCsd * ni[k] * scale);
+      re[k] += w[k] * (cr - nr[k] * scale);
+      im[k] += w[k] * (ci - ni[k] * scale);
     }
   }
   speechPower_ += speech * powerScale_;

@@ -20,7 +20,7 @@ struct LocalizerSettings {
   double lagStep = 0.125;     // delay resolution of the pair correlations, in samples
   double coarseStep = 5.0;    // degrees between directions of the first search
   double fineStep = 0.5;      // degrees between directions of the refinement
-  double minFrequency = 200;  // Hz; the band analysed
+  double minFrequency = 400;  // Hz; the band analysed (below, a small array resolves nothing)
   double maxFrequency = 7000;
 
   static LocalizerSettings forPrecision(float precision, int sampleRate);
@@ -108,12 +108,11 @@ class Localizer {
   // Per bin, noise floor; per pair and bin, the period's weighted PHAT cross-spectrum.
   std::vector<float> noise_;
   bool noiseStarted_ = false;
-  float rise_ = 1.0f;
+  float rise_ = 1.0f, tailDecay_ = 1.0f;
   std::vector<float> re_, im_;  // [pair][bin]
   std::vector<float> binWeight_;
   std::vector<float> noiseRe_, noiseIm_;  // [pair][bin]: the noise's cross-spectra
   std::vector<float> tail_, previous_;  // [bin]: reverberation left by earlier frames
-  std::vector<float> resolution_;  // [bin]
   std::vector<float> inverse_;  // [channel][bin]: 1 / magnitude
   std::vector<float> unitRe_, unitIm_;  // [channel][bin]
   std::vector<double> channelPower_;

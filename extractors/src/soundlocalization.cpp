@@ -4,8 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
 
 #include <boost/make_shared.hpp>
 
@@ -23,9 +21,13 @@ namespace ZR {
 namespace {
 
 constexpr const char* kCategory = "zrextractors.SoundLocalization";
-// A period with fewer bins above the noise than this holds no directional sound worth a look.
-constexpr float kMinWeight = 0.02f;
+// A block with a smaller share of its bins above the noise (and not reverberation) holds no
+// sound worth a look; one with this share or more is clear.
+constexpr float kMinWeight = 0.005f;
+constexpr float kClearWeight = 0.1f;
 constexpr int kMaxSources = 8;
+// Longest stretch analysed at once.
+constexpr double kBlockMs = 100.0;
 
 }  // namespace
 
@@ -167,20 +169,13 @@ void SoundLocalization::process(const int& nbOfChannels, const int& nbOfSamplesB
     }
     localizer_ =
         std::make_unique<Localizer>(*array_, rate, LocalizerSettings::forPrecision(precision, rate));
-    if (!tracker_) {
+    if (!tracker_)
       tracker_ = std::make_unique<SourceTracker>(array_->kind() == ZRMicArray::Kind::Linear);
-      tracker_->birthCoherence = static_cast<float>(tune("birth", tracker_->birthCoherence));
-      tracker_->instantBirthCoherence = static_cast<float>(tune("instant", tracker_->instantBirthCoherence));
-      tracker_->keepCoherence = static_cast<float>(tune("keep", tracker_->keepCoherence));
-      tracker_->gate = tune("gate", tracker_->gate);
-      tracker_->reportHold = tune("rhold", tracker_->reportHold);
-      tracker_->keepHold = tune("khold", tracker_->keepHold);
-    }
     if (!check_) check_ = std::make_unique<ChannelCheck>(*array_);
     for (int c : check_->deadChannels()) localizer_->excludeChannel(c);
     builtPrecision_ = precision;
     builtRate_ = rate;
-    periodFilled_ = 0;
+    periodFilled_ = blockFilled_ = 0;
   }
   const double bufferTime = timestampSeconds(timestamp);
   for (int pos = 0; pos < nbOfSamplesByChannel;) {
@@ -189,13 +184,19 @@ void SoundLocalization::process(const int& nbOfChannels, const int& nbOfSamplesB
       // A new period takes effect at the next period.
       periodSamples_ = std::max<long long>(1, std::llround(rate * periodMs_.load() / 1000.0));
     }
-    const int take = static_cast<int>(
-        std::min<long long>(nbOfSamplesByChannel - pos, periodSamples_ - periodFilled_));
+    // Periods are analysed in blocks of at most kBlockMs: of two talkers at once, each holds
+    // the floor for a moment, and a shorter block sees it.
+    const long long block = std::max<long long>(1, std::llround(rate * kBlockMs / 1000.0));
+    const long long blockEnd = std::min(periodSamples_, (periodFilled_ / block + 1) * block);
+    const int take =
+        static_cast<int>(std::min<long long>(nbOfSamplesByChannel - pos, blockEnd - periodFilled_));
     localizer_->push(buffer + static_cast<std::size_t>(pos) * nbOfChannels, take);
     pos += take;
     periodFilled_ += take;
+    blockFilled_ += take;
+    if (periodFilled_ == blockEnd) analyseBlock();
     if (periodFilled_ == periodSamples_) {
-      emitPeriod();
+      publish();
       periodFilled_ = 0;
     }
   }
@@ -204,43 +205,40 @@ void SoundLocalization::process(const int& nbOfChannels, const int& nbOfSamplesB
 void SoundLocalization::flush() {
   std::lock_guard<std::mutex> lock(mutex_);
   if (localizer_ && localizer_->pendingFrames() > 0) {
-    emitPeriod();
+    analyseBlock();
+    publish();
     periodFilled_ = 0;
   }
 }
 
-void SoundLocalization::emitPeriod() {
+void SoundLocalization::analyseBlock() {
   const int maxSources = maxSources_.load();
-  static const bool kHints = tune("hints", 1) > 0;
-  const LocalizedPeriod period =
-      localizer_->analyse(maxSources, kHints ? tracker_->hints() : std::vector<ZRMicArray::Point>{});
-  ++analysed_;
+  // One candidate more than is reported: the tracker picks.
+  const LocalizedPeriod period = localizer_->analyse(maxSources + 1, tracker_->hints());
   for (const std::string& w : check_->update(period, *localizer_)) warnOnce(w);
   for (int c : check_->deadChannels()) localizer_->excludeChannel(c);
 
   std::vector<SourceObservation> observations;
-  if (std::getenv("ZR_LOC_DEBUG")) {  // DEBUG-REMOVE
-    std::fprintf(stderr, "DBG t=%.1f w=%.3f sp=%.1f", periodStart_, period.weight, period.speechDb);
-    for (const LocalizedPeak& p : period.peaks)
-      std::fprintf(stderr, " [%.1f/%.1f c=%.2f%s]", p.azimuth, p.elevation, p.coherence, p.hinted ? "h" : "");
-    std::fprintf(stderr, "\n");
-  }
-  static const float kMinW = static_cast<float>(tune("minw", kMinWeight));
-  if (period.weight >= kMinW) {
+  if (period.weight >= kMinWeight) {
     float total = 0.0f;
     for (const LocalizedPeak& p : period.peaks) total += std::max(0.0f, p.coherence);
     for (const LocalizedPeak& p : period.peaks) {
       const float share = total > 0.0f ? std::max(p.coherence, 1e-6f) / total : 1.0f;
       observations.push_back({p.direction, p.azimuth, p.elevation, p.coherence,
-                              period.speechDb + 10.0f * std::log10(share)});
+                              period.speechDb + 10.0f * std::log10(share),
+                              std::min(1.0f, period.weight / kClearWeight)});
     }
   }
-  const double seconds = static_cast<double>(periodFilled_) / builtRate_;
-  const std::vector<TrackedSource> sources = tracker_->update(observations, seconds, maxSources);
+  const double seconds = static_cast<double>(blockFilled_) / builtRate_;
+  blockFilled_ = 0;
+  sources_ = tracker_->update(observations, seconds, maxSources);
+}
 
+void SoundLocalization::publish() {
+  ++analysed_;
   ZRValue list;
-  list.arrayReserve(static_cast<int>(sources.size()));
-  for (const TrackedSource& s : sources)
+  list.arrayReserve(static_cast<int>(sources_.size()));
+  for (const TrackedSource& s : sources_)
     list.arrayPush(makeRecord({{"id", ZRValue(s.id)},
                                {"azimuth", ZRValue(static_cast<float>(s.azimuth))},
                                {"elevation", ZRValue(static_cast<float>(s.elevation))},

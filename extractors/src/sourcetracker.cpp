@@ -7,16 +7,14 @@
 #include <algorithm>
 #include <cmath>
 
-#include "extractorutil.h"
-
 namespace ZR {
 
 namespace {
 
 // How much of an observation's offset from the prediction the track takes, in direction and in
 // angular speed.
-const double kAlpha = tune("alpha", 0.55);
-const double kBeta = tune("beta", 0.12);
+constexpr double kAlpha = 0.55;
+constexpr double kBeta = 0.02;
 constexpr double kMaxSpeed = 120.0;  // degrees per second
 // Two tracks this close are one source seen twice.
 constexpr double kMergeDistance = 10.0;
@@ -69,9 +67,11 @@ std::vector<TrackedSource> SourceTracker::update(const std::vector<SourceObserva
       Track& t = tracks_[best];
       matched[best] = true;
       const double e = folded_ ? o.azimuth - t.azimuth : std::remainder(o.azimuth - t.azimuth, 360.0);
-      t.azimuth = wrap(t.azimuth + kAlpha * e);
+      // A period with little sound above the noise moves a track less than a clear one.
+      const double r = std::clamp(static_cast<double>(o.reliability), 0.05, 1.0);
+      t.azimuth = wrap(t.azimuth + kAlpha * r * e);
       if (seconds > 0.0)
-        t.velocity = std::clamp(t.velocity + kBeta * e / seconds, -kMaxSpeed, kMaxSpeed);
+        t.velocity = std::clamp(t.velocity + kBeta * r * e / seconds, -kMaxSpeed, kMaxSpeed);
       t.elevation += kAlpha * (o.elevation - t.elevation);
       t.energyDb = o.energyDb;
       t.strength = o.coherence;

@@ -15,6 +15,7 @@ struct SourceObservation {
   double elevation = 0.0;  // degrees
   float coherence = 0.0f;  // 0 to 1
   float energyDb = -120.0f;
+  float reliability = 1.0f;  // 0 to 1: how much of the period's sound stood above the noise
 };
 
 /// A source as reported.
@@ -44,12 +45,12 @@ class SourceTracker {
   float birthCoherence = 0.30f;
   float instantBirthCoherence = 0.55f;
   /// Coherence an observation needs to keep a track going.
-  float keepCoherence = 0.12f;
+  float keepCoherence = 0.06f;
   /// Degrees an observation may lie from a track's predicted direction to belong to it.
   double gate = 20.0;
   /// Seconds a track is still reported, and kept, after its last observation.
-  double reportHold = 0.3;
-  double keepHold = 0.6;
+  double reportHold = 0.45;
+  double keepHold = 1.0;
 
  private:
   struct Track {

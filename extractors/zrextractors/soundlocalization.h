@@ -7,6 +7,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 #include <zrproxies/zrmemoryproxy.h>
 #include <zrsoundextractor/zrsoundextractor.h>
@@ -17,6 +18,7 @@ namespace ZR {
 
 class Localizer;
 class SourceTracker;
+struct TrackedSource;
 class ChannelCheck;
 
 /// Where the sound comes from, for a microphone array of known geometry (ZRMicArray): up to
@@ -87,7 +89,8 @@ class SoundLocalization : public ZRSoundExtractor {
 
  private:
   void setPrecision(float precision);
-  void emitPeriod();
+  void analyseBlock();
+  void publish();
   void warnOnce(const std::string& text);
 
   boost::shared_ptr<ZRMemoryProxy> memory_;
@@ -104,7 +107,8 @@ class SoundLocalization : public ZRSoundExtractor {
   std::unique_ptr<ChannelCheck> check_;
   float builtPrecision_ = -1.0f;
   int builtRate_ = 0;
-  long long periodSamples_ = 0, periodFilled_ = 0;
+  long long periodSamples_ = 0, periodFilled_ = 0, blockFilled_ = 0;
+  std::vector<TrackedSource> sources_;
   double periodStart_ = 0.0;
   std::set<std::string> warned_;
 };
