@@ -43,8 +43,8 @@ std::vector<short> makeSound(const ZR::ZRMicArray& array) {
       const double t = static_cast<double>(i) / kRate;
       const double ga = std::fmod(t, 3.0) < 2.0 ? 2000.0 : 0.0;
       const double gb = std::fmod(t + 1.0, 4.0) < 2.5 ? 1500.0 : 0.0;
-      pcm[static_cast<std::size_t>(i) * kChannels + c] = static_cast<short>(
-          ga * a[i + da] + gb * b[i + db] + 30.0 * normal(rng));
+      pcm[static_cast<std::size_t>(i) * kChannels + c] =
+          static_cast<short>(ga * a[i + da] + gb * b[i + db] + 30.0 * normal(rng));
     }
   }
   return pcm;

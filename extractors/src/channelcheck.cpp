@@ -163,9 +163,8 @@ std::vector<std::string> ChannelCheck::judgeDelays() {
   };
   const double base = misfit(identity, -1);
   if (base < kMisfit) return {};
-  const std::string intro = "the delays between channels do not fit the array \"" +
-                            array_.name() + "\" (" + std::to_string(base).substr(0, 4) +
-                            " samples off): ";
+  const std::string intro = "the delays between channels do not fit the array \"" + array_.name() +
+                            "\" (" + std::to_string(base).substr(0, 4) + " samples off): ";
   // Two channels swapped?
   double bestSwap = base;
   int sa = -1, sb = -1;
@@ -197,9 +196,10 @@ std::vector<std::string> ChannelCheck::judgeDelays() {
   std::vector<int> suspects;
   for (int c = 0; c < n; ++c)
     if (blame[c] > typical + 0.25 * base) suspects.push_back(c);
-  return {intro + (suspects.empty() ? std::string("check the channel order, the spacing and its units")
-                                    : "suspect channels " + channelList(suspects) +
-                                          "; check the channel order, the spacing and its units")};
+  return {intro + (suspects.empty()
+                       ? std::string("check the channel order, the spacing and its units")
+                       : "suspect channels " + channelList(suspects) +
+                             "; check the channel order, the spacing and its units")};
 }
 
 }  // namespace ZR

@@ -222,7 +222,8 @@ void Localizer::push(const short* interleaved, int count) {
     if (++filled_ == n) {
       analyseFrame();
       const int keep = n - settings_.hop;
-      for (auto& h : history_) std::memmove(h.data(), h.data() + settings_.hop, keep * sizeof(float));
+      for (auto& h : history_)
+        std::memmove(h.data(), h.data() + settings_.hop, keep * sizeof(float));
       filled_ = keep;
     }
   }
@@ -331,7 +332,8 @@ inline float interpolate(const float* c, int width, double x) {
   const int i = std::clamp(static_cast<int>(x), 1, width - 3);
   const float t = static_cast<float>(x - i);
   const float a = c[i - 1], b = c[i], d = c[i + 1], e = c[i + 2];
-  return b + 0.5f * t * (d - a + t * (2.0f * a - 5.0f * b + 4.0f * d - e + t * (3.0f * (b - d) + e - a)));
+  return b + 0.5f * t *
+                 (d - a + t * (2.0f * a - 5.0f * b + 4.0f * d - e + t * (3.0f * (b - d) + e - a)));
 }
 
 }  // namespace
@@ -340,7 +342,8 @@ float Localizer::responseAt(const Direction& /*d*/, std::size_t index) const {
   const int width = 2 * lags_ + 1;
   const float* lag = &gridLag_[index * pairs_.size()];
   float sum = 0.0f;
-  for (std::size_t p = 0; p < pairs_.size(); ++p) sum += interpolate(&corr_[p * width], width, lag[p]);
+  for (std::size_t p = 0; p < pairs_.size(); ++p)
+    sum += interpolate(&corr_[p * width], width, lag[p]);
   return sum;
 }
 
@@ -382,7 +385,8 @@ LocalizedPeak Localizer::refine(const Direction& start, double span) const {
     if (dims == 3) return unit({q[0], q[1], q[2]});
     const double r2 = dims == 1 ? q[0] * q[0] : q[0] * q[0] + q[1] * q[1];
     const double up = std::sqrt(std::max(0.0, 1.0 - r2));
-    if (dims == 1) return {q[0] * e1[0] + up * e2[0], q[0] * e1[1] + up * e2[1], q[0] * e1[2] + up * e2[2]};
+    if (dims == 1)
+      return {q[0] * e1[0] + up * e2[0], q[0] * e1[1] + up * e2[1], q[0] * e1[2] + up * e2[2]};
     return {q[0] * e1[0] + q[1] * e2[0] + up * n[0], q[0] * e1[1] + q[1] * e2[1] + up * n[1],
             q[0] * e1[2] + q[1] * e2[2] + up * n[2]};
   };
@@ -403,7 +407,7 @@ LocalizedPeak Localizer::refine(const Direction& start, double span) const {
     for (int d = 0; d < (dims == 1 ? 2 : dims == 2 ? 8 : 6); ++d) {
       double t[3] = {q[0], q[1], q[2]};
       if (dims == 2) {
-        static const int kSteps[8][2] = {{1, 0}, {-1, 0}, {0, 1}, {0, -1},
+        static const int kSteps[8][2] = {{1, 0}, {-1, 0}, {0, 1},  {0, -1},
                                          {1, 1}, {1, -1}, {-1, 1}, {-1, -1}};
         t[0] += h * kSteps[d][0];
         t[1] += h * kSteps[d][1];
@@ -523,7 +527,8 @@ LocalizedPeriod Localizer::analyse(int maxPeaks, const std::vector<Point>& hints
       for (const Point& hint : hints) {
         if (static_cast<int>(out.peaks.size()) >= maxPeaks || near(hint)) continue;
         LocalizedPeak peak = refine(Direction{hint, 0.0, 0.0}, 0.5);
-        if (dot(peak.direction, hint) < kHintReach || peak.coherence <= 0.0f || near(peak.direction))
+        if (dot(peak.direction, hint) < kHintReach || peak.coherence <= 0.0f ||
+            near(peak.direction))
           continue;
         peak.hinted = true;
         out.peaks.push_back(peak);

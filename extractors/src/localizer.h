@@ -31,8 +31,8 @@ struct LocalizedPeak {
   ZRMicArray::Point direction{};  // unit vector towards the source
   double azimuth = 0.0;           // degrees, as reported (see SoundLocalization)
   double elevation = 0.0;
-  float coherence = 0.0f;         // share of the weighted phase agreement it explains, 0 to 1
-  bool hinted = false;            // found near a hint, not by the search of all directions
+  float coherence = 0.0f;  // share of the weighted phase agreement it explains, 0 to 1
+  bool hinted = false;     // found near a hint, not by the search of all directions
 };
 
 /// What a period held: its peaks, strongest first, and what the channel check and the gate
@@ -112,9 +112,9 @@ class Localizer {
   std::vector<float> re_, im_;  // [pair][bin]
   std::vector<float> binWeight_;
   std::vector<float> noiseRe_, noiseIm_;  // [pair][bin]: the noise's cross-spectra
-  std::vector<float> tail_, previous_;  // [bin]: reverberation left by earlier frames
-  std::vector<float> inverse_;  // [channel][bin]: 1 / magnitude
-  std::vector<float> unitRe_, unitIm_;  // [channel][bin]
+  std::vector<float> tail_, previous_;    // [bin]: reverberation left by earlier frames
+  std::vector<float> inverse_;            // [channel][bin]: 1 / magnitude
+  std::vector<float> unitRe_, unitIm_;    // [channel][bin]
   std::vector<double> channelPower_;
   double speechPower_ = 0.0, weightSum_ = 0.0;
   int frames_ = 0;

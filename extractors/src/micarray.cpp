@@ -7,8 +7,8 @@
 #include <regex>
 #include <sstream>
 
-#include <nlohmann/json.hpp>
 #include <zrerror/zrerror.h>
+#include <nlohmann/json.hpp>
 
 namespace ZR {
 

@@ -84,9 +84,9 @@ std::string SoundLocalization::getArray() {
 
 void SoundLocalization::setMaxSources(const int& count) {
   if (count < 1 || count > kMaxSources)
-    throw ZRError(getName(), "setMaxSources",
-                  "the count must be 1 to " + std::to_string(kMaxSources) + ", not " +
-                      std::to_string(count));
+    throw ZRError(
+        getName(), "setMaxSources",
+        "the count must be 1 to " + std::to_string(kMaxSources) + ", not " + std::to_string(count));
   maxSources_ = count;
 }
 
@@ -167,8 +167,8 @@ void SoundLocalization::process(const int& nbOfChannels, const int& nbOfSamplesB
       warnOnce(e.getDescription());
       return;
     }
-    localizer_ =
-        std::make_unique<Localizer>(*array_, rate, LocalizerSettings::forPrecision(precision, rate));
+    localizer_ = std::make_unique<Localizer>(*array_, rate,
+                                             LocalizerSettings::forPrecision(precision, rate));
     if (!tracker_)
       tracker_ = std::make_unique<SourceTracker>(array_->kind() == ZRMicArray::Kind::Linear);
     if (!check_) check_ = std::make_unique<ChannelCheck>(*array_);
@@ -243,8 +243,9 @@ void SoundLocalization::publish() {
                                {"azimuth", ZRValue(static_cast<float>(s.azimuth))},
                                {"elevation", ZRValue(static_cast<float>(s.elevation))},
                                {"energy", ZRValue(s.energyDb)}}));
-  memory_->raiseEvent(sourcesEvent(), makeRecord({{"time", ZRValue(static_cast<float>(periodStart_))},
-                                                  {"sources", list}}));
+  memory_->raiseEvent(
+      sourcesEvent(),
+      makeRecord({{"time", ZRValue(static_cast<float>(periodStart_))}, {"sources", list}}));
 }
 
 }  // namespace ZR

@@ -66,7 +66,8 @@ std::vector<TrackedSource> SourceTracker::update(const std::vector<SourceObserva
     if (best >= 0) {
       Track& t = tracks_[best];
       matched[best] = true;
-      const double e = folded_ ? o.azimuth - t.azimuth : std::remainder(o.azimuth - t.azimuth, 360.0);
+      const double e =
+          folded_ ? o.azimuth - t.azimuth : std::remainder(o.azimuth - t.azimuth, 360.0);
       // A period with little sound above the noise moves a track less than a clear one.
       const double r = std::clamp(static_cast<double>(o.reliability), 0.05, 1.0);
       t.azimuth = wrap(t.azimuth + kAlpha * r * e);
@@ -92,15 +93,13 @@ std::vector<TrackedSource> SourceTracker::update(const std::vector<SourceObserva
     }
   }
   // Tentative tracks that missed a period were chance; confirmed ones end after the hold.
-  tracks_.erase(std::remove_if(tracks_.begin(), tracks_.end(),
-                               [this](const Track& t) {
-                                 return t.silence > (t.id == 0 ? 0.0 : keepHold);
-                               }),
-                tracks_.end());
+  tracks_.erase(
+      std::remove_if(tracks_.begin(), tracks_.end(),
+                     [this](const Track& t) { return t.silence > (t.id == 0 ? 0.0 : keepHold); }),
+      tracks_.end());
   // Of two tracks on one source, the older stays.
-  std::sort(tracks_.begin(), tracks_.end(), [](const Track& a, const Track& b) {
-    return a.age > b.age;
-  });
+  std::sort(tracks_.begin(), tracks_.end(),
+            [](const Track& a, const Track& b) { return a.age > b.age; });
   for (std::size_t i = 0; i < tracks_.size(); ++i)
     for (std::size_t j = i + 1; j < tracks_.size();)
       if (distance(tracks_[i].azimuth, tracks_[j].azimuth) < kMergeDistance)

@@ -11,9 +11,9 @@ namespace ZR {
 /// A direction found in one period (see Localizer), as the tracker sees it.
 struct SourceObservation {
   std::array<double, 3> direction{};  // unit vector
-  double azimuth = 0.0;    // degrees
-  double elevation = 0.0;  // degrees
-  float coherence = 0.0f;  // 0 to 1
+  double azimuth = 0.0;               // degrees
+  double elevation = 0.0;             // degrees
+  float coherence = 0.0f;             // 0 to 1
   float energyDb = -120.0f;
   float reliability = 1.0f;  // 0 to 1: how much of the period's sound stood above the noise
 };

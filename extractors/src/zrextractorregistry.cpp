@@ -27,8 +27,7 @@ void ZRExtractorRegistry::add(const std::string& typeName, Factory factory,
                               const std::string& description) {
   if (!factory)
     throw ZRError("ZRExtractorRegistry", "add", "an extractor type needs a name and a factory");
-  add(
-      typeName,
+  add(typeName,
       [factory = std::move(factory)](boost::shared_ptr<ZRBroker> broker,
                                      const std::string& moduleName,
                                      const Options&) { return factory(broker, moduleName); },
@@ -74,9 +73,10 @@ boost::shared_ptr<ZRModuleCore> ZRExtractorRegistry::create(const std::string& t
     if (!entry.options.count(name)) {
       std::string taken;
       for (const auto& [o, what] : entry.options) taken += (taken.empty() ? "" : ", ") + o;
-      throw ZRError("ZRExtractorRegistry", "create",
-                    typeName + " takes no option \"" + name + "\"" +
-                        (taken.empty() ? std::string(" (it takes none)") : " (it takes: " + taken + ")"));
+      throw ZRError(
+          "ZRExtractorRegistry", "create",
+          typeName + " takes no option \"" + name + "\"" +
+              (taken.empty() ? std::string(" (it takes none)") : " (it takes: " + taken + ")"));
     }
   try {
     return entry.factory(broker, moduleName, options);

@@ -54,8 +54,8 @@ std::vector<short> planeWaves(const ZR::ZRMicArray& array, const std::vector<Sou
     const Point u = towards(s.azimuth, s.elevation);
     for (int c = 0; c < m; ++c) {
       const Point& r = array.mics()[c];
-      const double delay = 60.0 - (r[0] * u[0] + r[1] * u[1] + r[2] * u[2]) /
-                                      ZR::ZRMicArray::kSpeedOfSound * kRate;
+      const double delay =
+          60.0 - (r[0] * u[0] + r[1] * u[1] + r[2] * u[2]) / ZR::ZRMicArray::kSpeedOfSound * kRate;
       const int whole = static_cast<int>(std::floor(delay));
       const double frac = delay - whole;
       double h[2 * kHalf];
@@ -76,7 +76,8 @@ std::vector<short> planeWaves(const ZR::ZRMicArray& array, const std::vector<Sou
   }
   std::vector<short> pcm(out.size());
   for (std::size_t i = 0; i < out.size(); ++i)
-    pcm[i] = static_cast<short>(std::clamp(std::lround(out[i] + normal(rng) * floor), -32768L, 32767L));
+    pcm[i] =
+        static_cast<short>(std::clamp(std::lround(out[i] + normal(rng) * floor), -32768L, 32767L));
   return pcm;
 }
 
@@ -85,8 +86,8 @@ std::vector<short> diffuse(const ZR::ZRMicArray& array, double seconds, double l
   std::vector<Source> all;
   for (int i = 0; i < 40; ++i) {
     const double z = 1.0 - 2.0 * (i + 0.5) / 40;
-    all.push_back({std::fmod(i * 137.508, 360.0) - 180.0, std::asin(z) * 180 / kPi,
-                   level / std::sqrt(40.0)});
+    all.push_back(
+        {std::fmod(i * 137.508, 360.0) - 180.0, std::asin(z) * 180 / kPi, level / std::sqrt(40.0)});
   }
   return planeWaves(array, all, seconds, 0.0);
 }
@@ -113,7 +114,7 @@ struct Localised {
 
 // Runs `pcm` (interleaved, `channels` wide) through a SoundLocalization on `array`.
 Localised localise(const std::string& array, const std::vector<short>& pcm, int channels,
-             float precision = -1.0f) {
+                   float precision = -1.0f) {
   vo::log::setLogLevel(vo::LogLevel_Error);
   auto broker = ZR::ZRBroker::createBroker("loc");
   auto memory = ZR::ZRModule::createModule<ZR::ZRMemory>(broker, ZR::kMemoryServiceName, 1 << 20);
@@ -121,9 +122,10 @@ Localised localise(const std::string& array, const std::vector<short>& pcm, int 
   o.source = ZR::ZRAudioDeviceOptions::Source::Host;
   o.sampleRate = kRate;
   o.channelCount = channels;
-  auto device = ZR::ZRModule::createModule<ZR::ZRAudioDevice>(broker, ZR::kAudioDeviceServiceName, o);
+  auto device =
+      ZR::ZRModule::createModule<ZR::ZRAudioDevice>(broker, ZR::kAudioDeviceServiceName, o);
   auto loc = ZR::ZRModule::createModule<ZR::SoundLocalization>(broker, "SoundLocalization",
-                                                                 ZR::ZRMicArray::parse(array));
+                                                               ZR::ZRMicArray::parse(array));
   auto client = ZR::ZRModule::createModule<Collector>(broker, "client");
   ZR::ZRMemoryProxy(broker).subscribeToEvent("SoundLocalization/Sources", "client", "onEvent");
   if (precision >= 0.0f) loc->updatePrecision("client", precision);
@@ -165,10 +167,12 @@ TEST(MicArray, ShapesFilesAndRefusals) {
   EXPECT_NEAR(l4.mics()[0][0], -0.06, 1e-9);
   EXPECT_NEAR(l4.aperture(), 0.12, 1e-9);
   EXPECT_EQ(ZR::ZRMicArray::parse("circular7-r43.5mm").size(), 7);
-  for (const std::string& s : ZR::ZRMicArray::typicalShapes()) EXPECT_NO_THROW(ZR::ZRMicArray::parse(s));
+  for (const std::string& s : ZR::ZRMicArray::typicalShapes())
+    EXPECT_NO_THROW(ZR::ZRMicArray::parse(s));
 
   const std::string path = ::testing::TempDir() + "/loc_array.json";
-  std::ofstream(path) << R"({"name": "tetra", "mics": [[0.02, 0, 0], [-0.02, 0, 0], [0, 0.02, 0.01], [0, -0.02, 0.01], [0, 0, 0.03]]})";
+  std::ofstream(path)
+      << R"({"name": "tetra", "mics": [[0.02, 0, 0], [-0.02, 0, 0], [0, 0.02, 0.01], [0, -0.02, 0.01], [0, 0, 0.03]]})";
   const ZR::ZRMicArray tetra = ZR::ZRMicArray::parse(path);
   EXPECT_EQ(tetra.name(), "tetra");
   EXPECT_EQ(tetra.kind(), ZR::ZRMicArray::Kind::Volumetric);
@@ -206,7 +210,8 @@ TEST(SoundLocalization, AnechoicSourcesAtKnownDirections) {
                : std::vector<double>{-150.0, -90.0, -20.0, 0.0, 47.0, 135.0, 180.0};
     for (double azimuth : azimuths) {
       const double elevation = linear ? 0.0 : 20.0;
-      const Localised run = localise(shape, planeWaves(array, {{azimuth, elevation, 3000}}, 2.0), array.size());
+      const Localised run =
+          localise(shape, planeWaves(array, {{azimuth, elevation, 3000}}, 2.0), array.size());
       const auto found = sources(run);
       ASSERT_GT(found.size(), 15u);
       std::vector<double> errors;
@@ -243,7 +248,8 @@ TEST(SoundLocalization, TwoSimultaneousSourcesBothFound) {
 TEST(SoundLocalization, SilenceAndDiffuseNoiseGiveNoSource) {
   const ZR::ZRMicArray array = ZR::ZRMicArray::parse("circular4-r32mm");
   const std::vector<short> silence(static_cast<std::size_t>(kRate) * 3 * 4, 0);
-  for (const auto& pcm : {silence, diffuse(array, 6.0, 2000), planeWaves(array, {}, 4.0, 0.0, 300)}) {
+  for (const auto& pcm :
+       {silence, diffuse(array, 6.0, 2000), planeWaves(array, {}, 4.0, 0.0, 300)}) {
     const auto found = sources(localise("circular4-r32mm", pcm, 4));
     ASSERT_GT(found.size(), 25u);
     for (std::size_t p = 0; p < found.size(); ++p) EXPECT_TRUE(found[p].empty()) << "period " << p;
@@ -288,13 +294,13 @@ TEST(SoundLocalization, RefusesAMismatchedOrMissingArray) {
   const ZR::ZRExtractorRegistry registry = ZR::ZRExtractorRegistry::withStockExtractors();
   auto four = registry.create("SoundLocalization", broker, "Four", {{"array", "circular4-r32mm"}});
   auto none = registry.create("SoundLocalization", broker, "None");
-  const ZR::ZRError mismatch =
-      zrtest::errorOf([&] { broker->getProxy("Four", 0)->call<void>("subscribe", std::string("c")); });
+  const ZR::ZRError mismatch = zrtest::errorOf(
+      [&] { broker->getProxy("Four", 0)->call<void>("subscribe", std::string("c")); });
   EXPECT_NE(std::string(mismatch.what()).find("4 mics but the audio device delivers 6"),
             std::string::npos)
       << mismatch.what();
-  const ZR::ZRError missing =
-      zrtest::errorOf([&] { broker->getProxy("None", 0)->call<void>("subscribe", std::string("c")); });
+  const ZR::ZRError missing = zrtest::errorOf(
+      [&] { broker->getProxy("None", 0)->call<void>("subscribe", std::string("c")); });
   EXPECT_NE(std::string(missing.what()).find("no microphone array"), std::string::npos);
   // Configured later, remotely: it runs.
   broker->getProxy("None", 0)->call<void>("setArray", std::string("circular6-r46mm"));
@@ -305,11 +311,12 @@ TEST(SoundLocalization, RefusesAMismatchedOrMissingArray) {
   EXPECT_TRUE(registry.accepts("SoundLocalization", "array"));
   EXPECT_FALSE(registry.accepts("SoundLevel", "array"));
   EXPECT_EQ(registry.optionsFor("SoundLevel", {{"array", "x"}}).size(), 0u);
-  EXPECT_NE(std::string(zrtest::errorOf([&] {
-                          registry.create("SoundLevel", broker, "L", {{"array", "circular4-r32mm"}});
-                        }).what())
-                .find("takes no option \"array\""),
-            std::string::npos);
+  EXPECT_NE(
+      std::string(zrtest::errorOf([&] {
+                    registry.create("SoundLevel", broker, "L", {{"array", "circular4-r32mm"}});
+                  }).what())
+          .find("takes no option \"array\""),
+      std::string::npos);
   EXPECT_NE(std::string(zrtest::errorOf([&] {
                           registry.create("SoundLocalization", broker, "S", {{"sources", "nine"}});
                         }).what())
@@ -328,7 +335,8 @@ TEST(SoundLocalization, NoSubscriberNoWork) {
   o.source = ZR::ZRAudioDeviceOptions::Source::Host;
   o.sampleRate = kRate;
   o.channelCount = 4;
-  auto device = ZR::ZRModule::createModule<ZR::ZRAudioDevice>(broker, ZR::kAudioDeviceServiceName, o);
+  auto device =
+      ZR::ZRModule::createModule<ZR::ZRAudioDevice>(broker, ZR::kAudioDeviceServiceName, o);
   auto loc = ZR::ZRModule::createModule<ZR::SoundLocalization>(
       broker, "SoundLocalization", ZR::ZRMicArray::parse("circular4-r32mm"));
   auto client = ZR::ZRModule::createModule<Collector>(broker, "client");

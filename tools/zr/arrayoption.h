@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include <CLI/CLI.hpp>
 #include <zrextractors/zrextractorregistry.h>
+#include <CLI/CLI.hpp>
 
 namespace zr {
 

@@ -137,7 +137,8 @@ void PlotData::render(const std::string& path, const std::string& title) const {
     }
     if (withDirections) {
       // One colour per track id; a line array's azimuths lie in [0, 180].
-      g << "unset object\nset title" << (withLevels ? "\n" : " " + gnuplotQuoted(title) + " noenhanced\n")
+      g << "unset object\nset title"
+        << (withLevels ? "\n" : " " + gnuplotQuoted(title) + " noenhanced\n")
         << "set ylabel \"azimuth (deg)\"\nset yrange [" << (lowest < 0.0 ? -180 : 0)
         << ":180]\nset ytics 45\nset autoscale x\n";
       if (directions_.empty())

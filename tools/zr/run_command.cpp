@@ -180,8 +180,9 @@ int RunCommand::run() {
     for (const std::string& e : config.extractors) registry.require(e);
   if (!o.array.empty()) {
     if (remote)
-      throw CLI::ValidationError("--array", "with --directory the published extractors have "
-                                            "their array: give --array to zr host instead");
+      throw CLI::ValidationError("--array",
+                                 "with --directory the published extractors have "
+                                 "their array: give --array to zr host instead");
     config.options["array"] = checkedArray(o.array, registry, config.extractors);
   }
 

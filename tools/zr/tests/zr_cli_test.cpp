@@ -233,7 +233,8 @@ TEST(ZrRun, SoundLocalizationPrintsDirectionsAndRefusesBadArrays) {
   EXPECT_EQ(periods, 25);  // 2.5 s in periods of 100 ms (and 3 samples, no frame)
   EXPECT_GE(near, 15);
 
-  const auto table = shell(kZr + " run " + wav + " -e SoundLocalization --array circular4-r32mm").second;
+  const auto table =
+      shell(kZr + " run " + wav + " -e SoundLocalization --array circular4-r32mm").second;
   EXPECT_GE(count(table, "source 1 azimuth"), 15) << table;
   EXPECT_GE(count(table, "no source"), 3) << table;
   const auto csv =
