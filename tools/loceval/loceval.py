@@ -62,7 +62,7 @@ LEAD = 2.0  # seconds of noise alone before anyone speaks
 SILENCE_MARGIN = 0.5
 TARGETS = {"median": 2.0, "within10": 0.93, "detection": 0.95, "both": 0.92, "precision": 0.85,
            "false": 0.03, "within10_5dB": 0.88}
-VERSION = 4  # of the simulation: bump to refresh cached mixes
+VERSION = 5  # of the simulation: bump to refresh cached mixes
 
 
 def array_mics(shape):
@@ -106,6 +106,8 @@ def simulate(condition, prompts, cache):
     local = array_mics(shape)
     c, s = math.cos(yaw), math.sin(yaw)
     mics = np.stack([centre + [c * m[0] - s * m[1], s * m[0] + c * m[1], m[2]] for m in local])
+    # The walls' reflection, so that the room decays in rt60 (measured, as T20).
+    beta = roomsim.calibrated_reflection(dims, rt60, centre + [1.5, 0.5, 0.3], centre, RATE)
     seconds = 22.0
     pauses = (0.3, 1.2) if scene == "two" else (0.7, 2.0)
     talkers = []
@@ -129,10 +131,10 @@ def simulate(condition, prompts, cache):
             def path(time, az=az, swing=swing, period=period, distance=distance, height=height):
                 a = az + swing * math.sin(2 * math.pi * time / period)
                 return place(rng, dims, centre, distance + 0.2 * math.sin(time / 3), a, height)
-            wet = roomsim.moving_source(x, dims, path, mics, rt60, RATE)
+            wet = roomsim.moving_source(x, dims, path, mics, rt60, RATE, beta=beta)
         else:
             pos = place(rng, dims, centre, distance, az, height)
-            wet = roomsim.static_source(x, dims, pos, mics, rt60, RATE)
+            wet = roomsim.static_source(x, dims, pos, mics, rt60, RATE, beta=beta)
             path = (lambda time, pos=pos: pos)
         frames = len(act)
         times = (np.arange(frames) + 0.5) * speech.FRAME / RATE

@@ -22,6 +22,25 @@ def reflection(dims, rt60):
     return math.sqrt(1.0 - alpha)
 
 
+def decay_time(h, rate):
+    """RT60 of an impulse response, from the slope of its Schroeder curve between -5 and -25 dB."""
+    energy = np.cumsum(h[::-1] ** 2)[::-1]
+    db = 10 * np.log10(energy / energy[0] + 1e-30)
+    return 3.0 * (np.argmax(db < -25) - np.argmax(db < -5)) / rate
+
+
+def calibrated_reflection(dims, rt60, src, mic, rate):
+    """The reflection coefficient whose responses decay in `rt60`: a shoebox with specular walls
+    decays more slowly than Eyring's diffuse room, so the target is corrected on a measured
+    response, twice."""
+    target = rt60
+    for _ in range(2):
+        beta = reflection(dims, target)
+        h = rirs(dims, src, np.array([mic]), rt60, rate, beta=beta)[0]
+        target *= rt60 / max(decay_time(h, rate), 1e-3)
+    return reflection(dims, target)
+
+
 def image_sources(dims, src, beta, max_distance):
     """Positions (n, 3) and amplitudes before spreading (n,) of the images within reach."""
     lx, ly, lz = dims
@@ -43,12 +62,14 @@ def image_sources(dims, src, beta, max_distance):
     return positions, amplitude
 
 
-def rirs(dims, src, mics, rt60, rate, t_min=0.0, t_max=None):
+def rirs(dims, src, mics, rt60, rate, t_min=0.0, t_max=None, beta=None):
     """Impulse responses (mics, samples) from `src` to each mic, keeping the arrivals with a
-    delay in [t_min, t_max) seconds. Without t_max: until 40 dB of decay (at most 0.6 s)."""
+    delay in [t_min, t_max) seconds. Without t_max: until 40 dB of decay (at most 0.6 s). The
+    walls reflect `beta` of the pressure (default: Eyring's for rt60)."""
     if t_max is None:
         t_max = min(0.6, rt60 * 40.0 / 60.0)
-    beta = reflection(dims, rt60)
+    if beta is None:
+        beta = reflection(dims, rt60)
     positions, amplitude = image_sources(dims, src, beta, t_max * C + 1.0)
     length = int(t_max * rate) + TAPS + 1
     out = np.zeros((len(mics), length))
@@ -70,13 +91,13 @@ def rirs(dims, src, mics, rt60, rate, t_min=0.0, t_max=None):
     return out
 
 
-def static_source(signal, dims, src, mics, rt60, rate):
+def static_source(signal, dims, src, mics, rt60, rate, beta=None):
     """The signal as the mics hear it from a fixed position."""
-    h = rirs(dims, src, mics, rt60, rate)
+    h = rirs(dims, src, mics, rt60, rate, beta=beta)
     return np.stack([fftconvolve(signal, hm)[: len(signal)] for hm in h])
 
 
-def moving_source(signal, dims, path, mics, rt60, rate, block=0.05):
+def moving_source(signal, dims, path, mics, rt60, rate, block=0.05, beta=None):
     """The signal from a source following `path(t)` (position at t seconds): the direct sound and
     early reflections (first 50 ms) move with it, block by block with cross-fades; the late
     reverberation, diffuse, comes from the middle of the path."""
@@ -91,13 +112,13 @@ def moving_source(signal, dims, path, mics, rt60, rate, block=0.05):
         if not seg.any():
             continue
         t = (start - hop + hop) / rate  # the block's centre in the signal
-        h = rirs(dims, path(t), mics, rt60, rate, 0.0, early)
+        h = rirs(dims, path(t), mics, rt60, rate, 0.0, early, beta)
         for m in range(len(mics)):
             y = fftconvolve(seg, h[m])
             lo = start - hop
             a, b = max(0, lo), min(out.shape[1], lo + len(y))
             out[m, a:b] += y[a - lo:b - lo]
-    late = rirs(dims, path(n / rate / 2), mics, rt60, rate, early)
+    late = rirs(dims, path(n / rate / 2), mics, rt60, rate, early, None, beta)
     for m in range(len(mics)):
         out[m, :n] += fftconvolve(signal, late[m])[:n]
     return out[:, :n]
