@@ -17,7 +17,7 @@ namespace {
 constexpr double kDeadBelowDb = 30.0;
 constexpr int kLevelPeriods = 20;
 // Strong directional sound: most bins above the noise, and pairs that agree on one delay.
-constexpr float kStrongWeight = 0.35f;
+constexpr float kStrongWeight = 0.05f;
 constexpr float kStrongPairHeight = 0.5f;
 constexpr float kWeakestPairHeight = 0.2f;
 // Delays (in samples, rms over pairs) that a direction explains this badly do not fit; mics a few

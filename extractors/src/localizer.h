@@ -101,6 +101,7 @@ class Localizer {
   std::vector<std::vector<float>> history_;
   int filled_ = 0;
   double powerScale_ = 0.0;
+  float floorMinimum_ = 0.0f;
   std::vector<float> window_;
   std::unique_ptr<Fft> fft_;
   int firstBin_ = 0, bins_ = 0;

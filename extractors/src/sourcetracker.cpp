@@ -75,7 +75,6 @@ std::vector<TrackedSource> SourceTracker::update(const std::vector<SourceObserva
         t.velocity = std::clamp(t.velocity + kBeta * r * e / seconds, -kMaxSpeed, kMaxSpeed);
       t.elevation += kAlpha * (o.elevation - t.elevation);
       t.energyDb = o.energyDb;
-      t.strength = o.coherence;
       t.silence = 0.0;
       t.direction = o.direction;
       ++t.hits;
@@ -85,7 +84,6 @@ std::vector<TrackedSource> SourceTracker::update(const std::vector<SourceObserva
       t.azimuth = o.azimuth;
       t.elevation = o.elevation;
       t.energyDb = o.energyDb;
-      t.strength = o.coherence;
       t.hits = 1;
       t.direction = o.direction;
       if (o.coherence >= instantBirthCoherence) t.id = nextId_++;

@@ -56,7 +56,7 @@ class SourceTracker {
   struct Track {
     int id = 0;  // 0 while tentative
     double azimuth = 0.0, velocity = 0.0, elevation = 0.0;
-    float energyDb = -120.0f, strength = 0.0f;
+    float energyDb = -120.0f;
     double silence = 0.0;  // seconds since the last observation
     std::array<double, 3> direction{};
     int hits = 0, age = 0;

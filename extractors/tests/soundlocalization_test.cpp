@@ -21,6 +21,8 @@
 #include <zrproxies/zrmemoryproxy.h>
 #include <zrtest.h>
 
+#include "../src/sourcetracker.h"
+
 namespace {
 
 constexpr double kPi = 3.14159265358979323846;
@@ -198,6 +200,42 @@ TEST(MicArray, ShapesFilesAndRefusals) {
   EXPECT_NE(zrtest::errorOf([&] { tiny.checkFor(2, 8000); }).getDescription().find("too small"),
             std::string::npos);
   EXPECT_NO_THROW(tiny.checkFor(2, 48000));
+}
+
+TEST(SourceTracker, KeepsIdsThroughMovesAndPausesAndEndsAfterTheHold) {
+  ZR::SourceTracker tracker(false);
+  auto seen = [&](std::vector<std::pair<double, float>> directions) {
+    std::vector<ZR::SourceObservation> o;
+    for (const auto& [azimuth, coherence] : directions)
+      o.push_back({{}, azimuth, 10.0, coherence, -30.0f, 1.0f});
+    return tracker.update(o, 0.1, 2);
+  };
+  EXPECT_TRUE(seen({{170.0, 0.4f}}).empty()) << "one period is not yet a source";
+  int id = 0;
+  for (int i = 1; i < 10; ++i) {  // moving at 30 deg/s, across the -180/180 seam
+    const double azimuth = std::remainder(170.0 + 3.0 * i, 360.0);
+    const auto out = seen({{azimuth, 0.4f}});
+    ASSERT_EQ(out.size(), 1u) << i;
+    if (i == 1) id = out[0].id;
+    EXPECT_EQ(out[0].id, id);
+    EXPECT_LT(angleBetween(out[0].azimuth, azimuth, false), 5.0) << i;
+    EXPECT_GT(out[0].azimuth, -180.0);
+    EXPECT_LE(out[0].azimuth, 180.0);
+  }
+  for (int i = 0; i < 4; ++i) EXPECT_EQ(seen({}).size(), 1u) << "held through a pause " << i;
+  EXPECT_TRUE(seen({}).empty()) << "and ended after it";
+  EXPECT_TRUE(seen({{60.0, 0.2f}}).empty()) << "weak sound starts nothing";
+  EXPECT_TRUE(seen({{60.0, 0.2f}}).empty());
+  const auto clear = seen({{-90.0, 0.7f}});
+  ASSERT_EQ(clear.size(), 1u) << "very clear sound is a source at once";
+  EXPECT_NE(clear[0].id, id);
+
+  ZR::SourceTracker line(true);  // a line array's angles do not wrap
+  line.update({{{}, 179.0, 0.0, 0.4f, -30.0f, 1.0f}}, 0.1, 2);
+  const auto folded = line.update({{{}, 178.0, 0.0, 0.4f, -30.0f, 1.0f}}, 0.1, 2);
+  ASSERT_EQ(folded.size(), 1u);
+  EXPECT_LE(folded[0].azimuth, 180.0);
+  EXPECT_GE(folded[0].azimuth, 170.0);
 }
 
 // Every shape, sources all around (and above a plane): the reported azimuth within 1 degree.
