@@ -42,10 +42,10 @@ class SourceTracker {
 
   // Tuned on the evaluation's tuning material (tools/loceval).
   /// Coherence an observation needs to start a track, and to start one at once.
-  float birthCoherence = 0.30f;
-  float instantBirthCoherence = 0.55f;
+  float birthCoherence = 0.25f;
+  float instantBirthCoherence = 0.45f;
   /// Coherence an observation needs to keep a track going.
-  float keepCoherence = 0.06f;
+  float keepCoherence = 0.04f;
   /// Degrees an observation may lie from a track's predicted direction to belong to it.
   double gate = 20.0;
   /// Seconds a track is still reported, and kept, after its last observation.
