@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
 """Scores SoundLocalization on simulated rooms with known talker directions.
 
-Each condition is a shoebox room (random size, array and talker placement, the array turned by a
-random yaw) simulated by the image-source method with fractional delays, with a reverberation
-time of 0.3, 0.5 or 0.8 s, spherically diffuse pink noise at 20, 10 or 5 dB SNR (speech power at
+Each condition is a shoebox room (5-9 by 4-7 by 2.7-3.4 m; random array placement, the array
+turned by a random yaw; talkers 0.8-2 m away) simulated by the image-source method with
+fractional delays, with a reverberation time of 0.3, 0.5 or 0.8 s (the walls' reflection
+calibrated on a measured response), spherically diffuse pink noise at 20, 10 or 5 dB SNR (speech power at
 the mics over its active frames against the noise's), and one of three scenes:
 
   static   one talker at a fixed place, speaking with pauses
