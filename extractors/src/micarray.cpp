@@ -173,18 +173,18 @@ ZRMicArray ZRMicArray::shape(const std::string& name) {
   return ZRMicArray(name, std::move(mics));
 }
 
-ZRMicArray ZRMicArray::parse(const std::string& spec) {
-  const auto first = spec.find_first_not_of(" \t\r\n");
+ZRMicArray ZRMicArray::parse(const std::string& given) {
+  const auto first = given.find_first_not_of(" \t\r\n");
   if (first == std::string::npos) refuse("no array given: a JSON file or a shape name");
-  if (spec[first] == '{') return fromJsonText(spec, "the array JSON");
-  const bool looksLikeFile = spec.find('/') != std::string::npos ||
-                             (spec.size() > 5 && spec.compare(spec.size() - 5, 5, ".json") == 0);
-  if (!looksLikeFile) return shape(spec);
-  std::ifstream f(spec);
-  if (!f) refuse("cannot read the array file " + spec);
+  if (given[first] == '{') return fromJsonText(given, "the array JSON");
+  const bool looksLikeFile = given.find('/') != std::string::npos ||
+                             (given.size() > 5 && given.compare(given.size() - 5, 5, ".json") == 0);
+  if (!looksLikeFile) return shape(given);
+  std::ifstream f(given);
+  if (!f) refuse("cannot read the array file " + given);
   std::stringstream text;
   text << f.rdbuf();
-  return fromJsonText(text.str(), spec);
+  return fromJsonText(text.str(), given);
 }
 
 void ZRMicArray::checkFor(int channels, int sampleRate) const {

@@ -26,7 +26,7 @@ constexpr const char* kCategory = "zrextractors.SoundLocalization";
 constexpr float kMinWeight = 0.005f;
 constexpr float kClearWeight = 0.1f;
 constexpr int kMaxSources = 8;
-// Longest stretch analysed at once.
+// Longest stretch analysed at once (the default period).
 constexpr double kBlockMs = 100.0;
 
 }  // namespace
@@ -62,10 +62,10 @@ SoundLocalization::SoundLocalization(boost::shared_ptr<ZRBroker> broker, const s
 
 SoundLocalization::~SoundLocalization() = default;
 
-void SoundLocalization::setArray(const std::string& spec) {
+void SoundLocalization::setArray(const std::string& given) {
   ZRMicArray parsed;
   try {
-    parsed = ZRMicArray::parse(spec);
+    parsed = ZRMicArray::parse(given);
   } catch (const ZRError& e) {
     throw ZRError(getName(), "setArray", e.getDescription());
   }
@@ -184,8 +184,8 @@ void SoundLocalization::process(const int& nbOfChannels, const int& nbOfSamplesB
       // A new period takes effect at the next period.
       periodSamples_ = std::max<long long>(1, std::llround(rate * periodMs_.load() / 1000.0));
     }
-    // Periods are analysed in blocks of at most kBlockMs: of two talkers at once, each holds
-    // the floor for a moment, and a shorter block sees it.
+    // A long period is analysed in blocks of kBlockMs: the tracker follows moving talkers, and
+    // tells two talkers apart, at that pace whatever the period.
     const long long block = std::max<long long>(1, std::llround(rate * kBlockMs / 1000.0));
     const long long blockEnd = std::min(periodSamples_, (periodFilled_ / block + 1) * block);
     const int take =

@@ -30,12 +30,12 @@ class ZRMicArray {
   /// Checks the positions (see parse); throws ZRError naming the fault.
   ZRMicArray(std::string name, std::vector<Point> mics);
 
-  /// `spec` is a shape name, JSON text (starting with '{') or the path of a JSON file. Throws
+  /// `given` is a shape name, JSON text (starting with '{') or the path of a JSON file. Throws
   /// ZRError with a line for the user for an unknown shape, an unreadable or malformed file, or
   /// a geometry that cannot work: fewer than 2 or more than 64 mics, coordinates that are not
   /// finite or too large for metres, two mics closer than 1 mm, or a vertical line of mics
   /// (which cannot tell azimuths apart).
-  static ZRMicArray parse(const std::string& spec);
+  static ZRMicArray parse(const std::string& given);
   /// A built-in shape by name, or ZRError listing the typical ones.
   static ZRMicArray shape(const std::string& name);
   static std::vector<std::string> typicalShapes();

@@ -74,7 +74,7 @@ class SoundLocalization : public ZRSoundExtractor {
                const ZRValue& timestamp) override;
 
   /// Remote: the array, as a shape name, JSON text or a JSON file on this host.
-  void setArray(const std::string& spec);
+  void setArray(const std::string& given);
   /// Remote: the array in use as JSON, "" when none.
   std::string getArray();
   /// Remote: most sources reported at once (1 to 8).

@@ -8,18 +8,18 @@
 
 namespace zr {
 
-CLI::Option* defineArrayOption(CLI::App* cmd, std::string& spec) {
-  return cmd->add_option("--array", spec,
+CLI::Option* defineArrayOption(CLI::App* cmd, std::string& given) {
+  return cmd->add_option("--array", given,
                          "Microphone array for SoundLocalization: FILE.json ({\"name\": ..., "
                          "\"mics\": [[x, y, z], ...]} in metres, one per channel) or a shape "
                          "such as circular4-r32mm, circular6-r46mm, linear4-d40mm.");
 }
 
-std::string checkedArray(const std::string& spec, const ZR::ZRExtractorRegistry& registry,
+std::string checkedArray(const std::string& given, const ZR::ZRExtractorRegistry& registry,
                          const std::vector<std::string>& extractors) {
   ZR::ZRMicArray array;
   try {
-    array = ZR::ZRMicArray::parse(spec);
+    array = ZR::ZRMicArray::parse(given);
   } catch (const ZR::ZRError& e) {
     throw CLI::ValidationError("--array", e.getDescription());
   }

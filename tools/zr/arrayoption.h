@@ -10,12 +10,12 @@
 
 namespace zr {
 
-/// Adds --array to `cmd`, stored in `spec`.
-CLI::Option* defineArrayOption(CLI::App* cmd, std::string& spec);
+/// Adds --array to `cmd`, stored in `given`.
+CLI::Option* defineArrayOption(CLI::App* cmd, std::string& given);
 
-/// The array `spec` names, checked, as JSON for the "array" option: CLI::ValidationError when it
+/// The array `given` names, checked, as JSON for the "array" option: CLI::ValidationError when it
 /// cannot be read or cannot work, or when none of `extractors` takes an array.
-std::string checkedArray(const std::string& spec, const ZR::ZRExtractorRegistry& registry,
+std::string checkedArray(const std::string& given, const ZR::ZRExtractorRegistry& registry,
                          const std::vector<std::string>& extractors);
 
 }  // namespace zr
