@@ -28,6 +28,8 @@ PACKAGES=(
   # for Debian's /usr/bin/python3, which the Python client and its extractors run on (not a python3
   # that comes first on the PATH)
   python3-zmq python3-msgpack python3-pytest python3-numpy
+  # SoundLocalization's evaluation (tools/loceval): room simulation
+  python3-scipy
 )
 
 install_deps() {

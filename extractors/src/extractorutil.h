@@ -1,5 +1,7 @@
 #pragma once
 
+#include <mutex>
+
 #include <zrcommon/zrbroker.h>
 #include <zrcommon/zrmodulecore.h>
 #include <zrcommon/zrproxy.h>
@@ -7,6 +9,13 @@
 #include <zrvalue/zrvalue.h>
 
 namespace ZR {
+
+/// FFTW's planner is not reentrant (execution on one's own arrays is): every extractor makes and
+/// destroys its plans under this one lock.
+inline std::mutex& fftwPlanMutex() {
+  static std::mutex m;
+  return m;
+}
 
 /// Seconds of a [seconds, microseconds] timestamp; 0 when it has another shape.
 inline double timestampSeconds(const ZRValue& ts) {

@@ -1,5 +1,7 @@
 #include "speechdetector.h"
 
+#include "extractorutil.h"
+
 #include <fftw3.h>
 
 #include <algorithm>
@@ -79,12 +81,6 @@ inline float lnOnePlus(float x) {
   return (static_cast<float>(exponent) + log2m) * 0.69314718f;
 }
 
-// FFTW's planner is not reentrant; execution on one's own arrays is.
-std::mutex& planMutex() {
-  static std::mutex m;
-  return m;
-}
-
 // Smallest 2^a 3^b 5^c >= n: sizes FFTW transforms fastest.
 int smoothSize(int n) {
   for (int m = std::max(n, 16);; ++m) {
@@ -101,12 +97,12 @@ struct SpeechDetector::Fft {
   explicit Fft(int n) : size(n) {
     real = fftwf_alloc_real(n);
     spectrum = fftwf_alloc_complex(n / 2 + 1);
-    std::lock_guard<std::mutex> lock(planMutex());
+    std::lock_guard<std::mutex> lock(fftwPlanMutex());
     forward = fftwf_plan_dft_r2c_1d(n, real, spectrum, FFTW_ESTIMATE);
     backward = fftwf_plan_dft_c2r_1d(n, spectrum, real, FFTW_ESTIMATE);
   }
   ~Fft() {
-    std::lock_guard<std::mutex> lock(planMutex());
+    std::lock_guard<std::mutex> lock(fftwPlanMutex());
     fftwf_destroy_plan(forward);
     fftwf_destroy_plan(backward);
     fftwf_free(real);

@@ -25,9 +25,26 @@ std::string describeCurrentException() {
 
 void ZRExtractorRegistry::add(const std::string& typeName, Factory factory,
                               const std::string& description) {
+  if (!factory)
+    throw ZRError("ZRExtractorRegistry", "add", "an extractor type needs a name and a factory");
+  add(typeName,
+      [factory = std::move(factory)](boost::shared_ptr<ZRBroker> broker,
+                                     const std::string& moduleName,
+                                     const Options&) { return factory(broker, moduleName); },
+      description, {});
+}
+
+void ZRExtractorRegistry::add(const std::string& typeName, ConfiguredFactory factory,
+                              const std::string& description,
+                              std::map<std::string, std::string> options) {
   if (typeName.empty() || !factory)
     throw ZRError("ZRExtractorRegistry", "add", "an extractor type needs a name and a factory");
-  entries_[typeName] = Entry{typeName, description, std::move(factory)};
+  entries_[typeName] = Entry{typeName, description, std::move(factory), std::move(options)};
+}
+
+bool ZRExtractorRegistry::accepts(const std::string& typeName, const std::string& option) const {
+  const auto it = entries_.find(typeName);
+  return it != entries_.end() && it->second.options.count(option) != 0;
 }
 
 void ZRExtractorRegistry::require(const std::string& typeName) const {
@@ -38,12 +55,31 @@ void ZRExtractorRegistry::require(const std::string& typeName) const {
                 "unknown extractor \"" + typeName + "\" (known: " + known + ")");
 }
 
+ZRExtractorRegistry::Options ZRExtractorRegistry::optionsFor(const std::string& typeName,
+                                                             const Options& all) const {
+  Options taken;
+  for (const auto& [name, value] : all)
+    if (accepts(typeName, name)) taken[name] = value;
+  return taken;
+}
+
 boost::shared_ptr<ZRModuleCore> ZRExtractorRegistry::create(const std::string& typeName,
                                                             boost::shared_ptr<ZRBroker> broker,
-                                                            const std::string& moduleName) const {
+                                                            const std::string& moduleName,
+                                                            const Options& options) const {
   require(typeName);
+  const Entry& entry = entries_.at(typeName);
+  for (const auto& [name, value] : options)
+    if (!entry.options.count(name)) {
+      std::string taken;
+      for (const auto& [o, what] : entry.options) taken += (taken.empty() ? "" : ", ") + o;
+      throw ZRError(
+          "ZRExtractorRegistry", "create",
+          typeName + " takes no option \"" + name + "\"" +
+              (taken.empty() ? std::string(" (it takes none)") : " (it takes: " + taken + ")"));
+    }
   try {
-    return entries_.at(typeName).factory(broker, moduleName);
+    return entry.factory(broker, moduleName, options);
   } catch (const ZRError&) {
     throw;
   } catch (...) {

@@ -26,6 +26,10 @@ namespace ZR {
 /// `ZRAudio::zrextractorregistry` (this registry and the records of zrrecord.h) and what its
 /// extractor uses, not the stock extractors.
 ///
+/// Some types take options, named settings the host hands over at creation (zr run --array FILE
+/// gives SoundLocalization its "array"). A type declares the options it takes with their meaning;
+/// create refuses an option the type does not take, so that a setting never goes unheard.
+///
 /// Concurrency: a plain value. Filling it (add, loadPlugin) is not thread-safe; once filled,
 /// its const members may be called from any threads at once. loadPlugin blocks for the dlopen
 /// and the plugin's entry point; create for the type's constructor (an extractor's waits for
@@ -34,14 +38,23 @@ class ZRExtractorRegistry {
  public:
   using Factory = std::function<boost::shared_ptr<ZRModuleCore>(boost::shared_ptr<ZRBroker>,
                                                                 const std::string& moduleName)>;
+  /// Option name -> value.
+  using Options = std::map<std::string, std::string>;
+  using ConfiguredFactory = std::function<boost::shared_ptr<ZRModuleCore>(
+      boost::shared_ptr<ZRBroker>, const std::string& moduleName, const Options& options)>;
   struct Entry {
     std::string typeName;
     std::string description;
-    Factory factory;
+    ConfiguredFactory factory;
+    /// The options the type takes: name -> what it sets.
+    std::map<std::string, std::string> options;
   };
 
   /// Adds (or replaces) a type.
   void add(const std::string& typeName, Factory factory, const std::string& description = "");
+  /// Adds (or replaces) a type that takes the `options` declared (name -> what it sets).
+  void add(const std::string& typeName, ConfiguredFactory factory, const std::string& description,
+           std::map<std::string, std::string> options);
   template <class T>
   void add(const std::string& typeName, const std::string& description = "") {
     add(
@@ -55,13 +68,21 @@ class ZRExtractorRegistry {
   bool has(const std::string& typeName) const { return entries_.count(typeName) != 0; }
   /// Throws ZRError naming `typeName` and the known types when there is no such type.
   void require(const std::string& typeName) const;
-  /// Creates and registers a module of `typeName` under `moduleName`; ZRError for an unknown type.
+  /// Whether `typeName` takes the option `option`.
+  bool accepts(const std::string& typeName, const std::string& option) const;
+  /// Of `all`, the options `typeName` takes: what a host that gives one set of options to every
+  /// extractor it creates hands to each.
+  Options optionsFor(const std::string& typeName, const Options& all) const;
+  /// Creates and registers a module of `typeName` under `moduleName` with `options`; ZRError for
+  /// an unknown type or an option it does not take, and whatever its constructor refuses.
   boost::shared_ptr<ZRModuleCore> create(const std::string& typeName,
                                          boost::shared_ptr<ZRBroker> broker,
-                                         const std::string& moduleName) const;
+                                         const std::string& moduleName,
+                                         const Options& options = {}) const;
   std::vector<Entry> entries() const;
 
-  /// A registry holding the stock extractors ("SoundLevel", "VoiceActivity"), created with
+  /// A registry holding the stock extractors ("SoundLevel", "VoiceActivity",
+  /// "SoundLocalization"), created with
   /// `defaultPeriodMs` as their default period. Defined in zrextractors, which holds them.
   static ZRExtractorRegistry withStockExtractors(int defaultPeriodMs = 100);
   /// Loads a plugin library and lets it add its types; ZRError naming the library and the cause

@@ -13,6 +13,7 @@
 #include <zrextractors/zrextractorregistry.h>
 #include <zrmemory/zrmemory.h>
 
+#include "arrayoption.h"
 #include "command.h"
 #include "input.h"
 #include "remote.h"
@@ -71,6 +72,7 @@ class HostCommand : public Command {
     cmd->add_option("-e,--extractor", extractors_, "Extractor to host (repeatable).");
     cmd->add_option("--load", libraries_,
                     "Load extractor types from a plugin library (repeatable).");
+    defineArrayOption(cmd, array_);
     CLI::Option* keys = cmd->add_option("--curve-keys", curveKeys_,
                                         "This host's key pair (NAME.key of zr keygen): calls to it "
                                         "then need CURVE.");
@@ -100,7 +102,7 @@ class HostCommand : public Command {
   void createModules(const boost::shared_ptr<ZR::ZRBroker>& broker);
 
   std::string name_ = defaultHostName(), listen_ = "tcp://127.0.0.1:0", advertise_, input_;
-  std::string curveKeys_, allow_, serverKey_, directory_, logLevel_ = "warning";
+  std::string curveKeys_, allow_, serverKey_, directory_, logLevel_ = "warning", array_;
   bool serve_ = false, memory_ = false, realtime_ = false, insecure_ = false;
   int rate_ = 0, channels_ = 0, buffer_ = 0, heartbeat_ = 0;
   std::vector<std::string> extractors_, libraries_;
@@ -157,12 +159,14 @@ void HostCommand::createModules(const boost::shared_ptr<ZR::ZRBroker>& broker) {
   ZR::ZRExtractorRegistry registry = ZR::ZRExtractorRegistry::withStockExtractors();
   for (const std::string& lib : libraries_) registry.loadPlugin(lib);
   for (const std::string& e : extractors_) registry.require(e);
+  ZR::ZRExtractorRegistry::Options options;
+  if (!array_.empty()) options["array"] = checkedArray(array_, registry, extractors_);
   if (!extractors_.empty() &&
       broker->session()->waitForService(ZR::kMemoryServiceName).async().wait(kDirectoryWaitMs) !=
           vo::FutureState::FinishedWithValue)
     say("waiting for " + std::string(ZR::kMemoryServiceName) + " (a host with --memory)");
   for (const std::string& e : extractors_) {
-    registry.create(e, broker, e);
+    registry.create(e, broker, e, registry.optionsFor(e, options));
     published(e, "extractor");
   }
 }

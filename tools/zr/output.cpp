@@ -35,6 +35,12 @@ nlohmann::ordered_json toJson(const ZR::ZRValue& v) {
     case ZR::ZRValue::TypeBinary:
       return "<" + std::to_string(v.getBinarySize()) + " bytes>";
     case ZR::ZRValue::TypeArray: {
+      if (ZR::isRecord(v) && v.getSize() > 0) {  // a record inside a record: an object too
+        nlohmann::ordered_json o = nlohmann::ordered_json::object();
+        for (const ZR::ZRValue& f : v.arrayElements())
+          o[f[0].toStringRef()] = toJson(f[1]);
+        return o;
+      }
       nlohmann::ordered_json a = nlohmann::ordered_json::array();
       for (const ZR::ZRValue& e : v.arrayElements()) a.push_back(toJson(e));
       return a;
@@ -61,6 +67,16 @@ nlohmann::ordered_json toObject(const Result& r) {
     o["value"] = toJson(r.value);
   }
   return o;
+}
+
+// Of a result with a list of "sources" (SoundLocalization), the one with the most energy; null
+// when the list is empty. Table and CSV show only that one.
+nlohmann::ordered_json strongestSource(const nlohmann::ordered_json& o) {
+  nlohmann::ordered_json best;
+  for (const auto& s : o["sources"])
+    if (s.is_object() && (best.is_null() || s.value("energy", -1e9) > best.value("energy", -1e9)))
+      best = s;
+  return best;
 }
 
 std::string fixed(double v, int decimals) {
@@ -120,7 +136,10 @@ class CsvWriter : public ResultWriter {
     for (const char* k : {"file", "extractor", "event", "time", "channel", "rms", "start", "end"})
       rest.erase(k);
     std::string value;
-    if (o.contains("value"))
+    if (o.contains("sources") && o["sources"].is_array()) {
+      const nlohmann::ordered_json s = strongestSource(o);
+      if (!s.is_null()) value = s.dump();
+    } else if (o.contains("value"))
       value = o["value"].is_string() ? o["value"].get<std::string>() : o["value"].dump();
     else if (!rest.empty())
       value = rest.dump();
@@ -165,6 +184,16 @@ class TableWriter : public ResultWriter {
     } else if (o.contains("start") && o.contains("end")) {
       const double s = o["start"].get<double>(), e = o["end"].get<double>();
       text = "speech " + fixed(s, 3) + " - " + fixed(e, 3) + " s (" + fixed(e - s, 2) + " s)";
+    } else if (o.contains("sources") && o["sources"].is_array()) {
+      const nlohmann::ordered_json s = strongestSource(o);
+      text = "no source";
+      if (!s.is_null()) {
+        text = "source " + s.value("id", nlohmann::ordered_json()).dump() + " azimuth " +
+               fixed(s.value("azimuth", 0.0), 1) + " elevation " +
+               fixed(s.value("elevation", 0.0), 1) + " energy " + fixed(s.value("energy", 0.0), 1) +
+               " dBFS";
+        if (o["sources"].size() > 1) text += " (+" + std::to_string(o["sources"].size() - 1) + ")";
+      }
     } else {
       nlohmann::ordered_json rest = o;
       for (const char* k : {"file", "extractor", "event", "time"}) rest.erase(k);

@@ -36,7 +36,8 @@ RunPipeline::RunPipeline(const PipelineConfig& config, const ZR::ZRExtractorRegi
   device_ = ZR::ZRModule::createModule<ZR::ZRAudioDevice>(broker_, ZR::kAudioDeviceServiceName,
                                                           config.device);
   device_->hold();
-  for (const std::string& e : extractors_) registry.create(e, broker_, e);
+  for (const std::string& e : extractors_)
+    registry.create(e, broker_, e, registry.optionsFor(e, config.options));
   ZR::ZRMemoryProxy memory(broker_);
   for (const std::string& e : extractors_)
     for (const std::string& ev : memory.getExtractorEvent(e)) producerOf_[ev] = e;

@@ -27,6 +27,8 @@ struct PipelineConfig {
   /// Every extractor's period in ms, and precision (0 to 1); unset: each one's own default.
   std::optional<int> period;
   std::optional<float> precision;
+  /// Options (--array) handed to each extractor that takes them.
+  ZR::ZRExtractorRegistry::Options options;
 };
 
 /// Subscribes `client` to every event of each extractor through the memory service (which

@@ -51,6 +51,15 @@ void PlotData::add(const Result& r) {
     levels_.push_back(std::move(l));
   } else if (start && end && start->isFloat() && end->isFloat()) {
     segments_.emplace_back(start->toFloat(), end->toFloat());
+  } else if (const ZR::ZRValue* sources = ZR::recordField(r.value, "sources");
+             sources && sources->isArray() && time && time->isFloat()) {
+    sawDirections_ = true;
+    for (const ZR::ZRValue& s : sources->arrayElements()) {
+      const ZR::ZRValue* id = ZR::recordField(s, "id");
+      const ZR::ZRValue* azimuth = ZR::recordField(s, "azimuth");
+      if (id && azimuth && id->isInt() && azimuth->isFloat())
+        directions_.push_back({time->toFloat(), id->toInt(), azimuth->toFloat()});
+    }
   }
 }
 
@@ -117,6 +126,7 @@ void PlotData::render(const std::string& path, const std::string& title) const {
   if (terminal.empty()) throw std::runtime_error("--plot wants a .png or .svg file, not " + path);
   TempDir dir;
   const std::string data = dir.file("levels.dat"), script = dir.file("plot.gp");
+  const std::string tracks = dir.file("tracks.dat");
   std::size_t channels = 0;
   {
     std::ofstream d(data);
@@ -127,6 +137,16 @@ void PlotData::render(const std::string& path, const std::string& title) const {
       channels = std::max(channels, l.rms.size());
     }
   }
+  double lowest = 0.0;
+  {
+    std::ofstream d(tracks);
+    for (const Direction& t : directions_) {
+      d << t.time << ' ' << t.azimuth << ' ' << t.id << '\n';
+      lowest = std::min(lowest, t.azimuth);
+    }
+  }
+  const bool withDirections = sawDirections_;
+  const bool withLevels = channels > 0 || !segments_.empty() || !withDirections;
   {
     std::ofstream g(script);
     g << "set terminal " << terminal << "\n"
@@ -134,11 +154,14 @@ void PlotData::render(const std::string& path, const std::string& title) const {
       << "set title " << gnuplotQuoted(title) << " noenhanced\n"
       << "set xlabel \"time (s)\"\nset ylabel \"RMS level (dBFS)\"\nset grid\n"
       << "set key outside right\n";
+    if (withDirections && withLevels)
+      g << "set multiplot layout 2,1\nset lmargin 10\nset rmargin 18\n";
     int n = 1;
     for (const auto& [s, e] : segments_)
       g << "set object " << n++ << " rect from " << s << ", graph 0 to " << e
         << ", graph 1 behind fillcolor rgb \"#cce5ff\" fillstyle solid 0.6 noborder\n";
-    if (channels == 0) {
+    if (!withLevels) {
+    } else if (channels == 0) {
       g << "set xrange [0:1]\nset yrange [-120:0]\nplot NaN title \"no levels\"\n";
     } else {
       g << "plot ";
@@ -146,6 +169,19 @@ void PlotData::render(const std::string& path, const std::string& title) const {
         g << (c ? ", " : "") << gnuplotQuoted(data) << " using 1:" << c + 2
           << " with lines title \"channel " << c << "\"";
       g << "\n";
+    }
+    if (withDirections) {
+      // One colour per track id; a line array's azimuths lie in [0, 180].
+      g << "unset object\nset title"
+        << (withLevels ? "\n" : " " + gnuplotQuoted(title) + " noenhanced\n")
+        << "set ylabel \"azimuth (deg)\"\nset yrange [" << (lowest < 0.0 ? -180 : 0)
+        << ":180]\nset ytics 45\nset autoscale x\n";
+      if (directions_.empty())
+        g << "plot NaN title \"no source\"\n";
+      else
+        g << "plot " << gnuplotQuoted(tracks)
+          << " using 1:2:3 with points pt 7 ps 0.6 lc variable title \"sources (colour: track)\"\n";
+      if (withLevels) g << "unset multiplot\n";
     }
   }
 

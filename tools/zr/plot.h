@@ -30,7 +30,7 @@ class PlotData {
   /// Blocks until gnuplot is done; throws std::runtime_error on failure, and then leaves `path`
   /// as it was.
   void render(const std::string& path, const std::string& title) const;
-  bool empty() const { return levels_.empty() && segments_.empty(); }
+  bool empty() const { return levels_.empty() && segments_.empty() && directions_.empty(); }
 
  private:
   struct Level {
@@ -39,6 +39,13 @@ class PlotData {
   };
   std::vector<Level> levels_;
   std::vector<std::pair<double, double>> segments_;
+  struct Direction {
+    double time;
+    int id;
+    double azimuth;
+  };
+  std::vector<Direction> directions_;  // SoundLocalization's sources, drawn under the levels
+  bool sawDirections_ = false;
 };
 
 }  // namespace zr

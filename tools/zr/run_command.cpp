@@ -19,6 +19,7 @@
 
 #include <vo/log.h>
 
+#include "arrayoption.h"
 #include "command.h"
 #include "input.h"
 #include "pipeline.h"
@@ -149,6 +150,7 @@ struct RunOptions {
   int buffer = 0;
   std::vector<std::string> libraries;
   std::string logLevel = "warning";
+  std::string array;
 };
 
 /// How one input went.
@@ -197,6 +199,7 @@ class RunCommand : public Command {
         ->check(CLI::Range(1, 1 << 20));
     cmd->add_option("--load", o.libraries,
                     "Load extractor types from a plugin library (repeatable).");
+    defineArrayOption(cmd, o.array);
     cmd->add_option("--log-level", o.logLevel,
                     "silent, fatal, error, warning (default), info, verbose or debug.");
     directory_.define(cmd);
@@ -363,6 +366,13 @@ int RunCommand::run() {
   for (const std::string& lib : o.libraries) registry_.loadPlugin(lib);
   if (!remote_)
     for (const std::string& e : config.extractors) registry_.require(e);
+  if (!o.array.empty()) {
+    if (remote_)
+      throw CLI::ValidationError("--array",
+                                 "with --directory the published extractors have "
+                                 "their array: give --array to zr host instead");
+    config.options["array"] = checkedArray(o.array, registry_, config.extractors);
+  }
 
   toFile_ = !o.output.empty() && o.output != "-";
   const std::string outputName = toFile_ ? o.output : "standard output";

@@ -407,3 +407,62 @@ TEST(ZrRun, TimeOrderPassesOnWhatNoExtractorCanStillPrecede) {
   EXPECT_EQ(out.size(), 7u);
   EXPECT_EQ(order.held(), 0u);
 }
+
+// A 4-channel recording of noise arriving from azimuth 0 at circular4-r32mm (mic 0 on +x hears
+// it first, mic 2 last), made with sox.
+TEST(ZrRun, SoundLocalizationPrintsDirectionsAndRefusesBadArrays) {
+  const std::string source = kTemp + "loc_source.wav", wav = kTemp + "loc_4ch.wav";
+  ASSERT_EQ(shell("sox -R -n -r 16000 -b 16 -c 1 " + source +
+                  " synth 2 whitenoise vol 0.3 pad 0.5 0 && sox " + source + " " + wav +
+                  " remix 1 1 1 1 delay 0 0.0000937 0.0001875 0.0000937")
+                .first,
+            0);
+  const auto [status, out] =
+      shell(kZr + " run " + wav + " -e SoundLocalization --array circular4-r32mm -f jsonl");
+  ASSERT_EQ(status, 0) << out;
+  int periods = 0, near = 0;
+  for (const std::string& line : lines(out)) {
+    const auto o = nlohmann::json::parse(line);
+    ASSERT_EQ(o["extractor"], "SoundLocalization");
+    ASSERT_EQ(o["event"], "Sources");
+    ASSERT_TRUE(o["time"].is_number() && o["sources"].is_array()) << line;
+    ++periods;
+    for (const auto& s : o["sources"]) {
+      for (const char* field : {"id", "azimuth", "elevation", "energy"})
+        EXPECT_TRUE(s.contains(field)) << line;
+      near += std::fabs(s["azimuth"].get<double>()) < 10.0;
+    }
+  }
+  EXPECT_EQ(periods, 25);  // 2.5 s in periods of 100 ms (and 3 samples, no frame)
+  EXPECT_GE(near, 15);
+
+  const auto table =
+      shell(kZr + " run " + wav + " -e SoundLocalization --array circular4-r32mm").second;
+  EXPECT_GE(count(table, "source 1 azimuth"), 15) << table;
+  EXPECT_GE(count(table, "no source"), 3) << table;
+  const auto csv =
+      shell(kZr + " run " + wav + " -e SoundLocalization --array circular4-r32mm -f csv").second;
+  EXPECT_GE(count(csv, "\"{\"\"id\"\":1,\"\"azimuth\"\":"), 15) << csv;
+
+  const std::string plot = kTemp + "loc.png";
+  EXPECT_EQ(shell(kZr + " run " + wav + " -e SoundLocalization -e SoundLevel --array " +
+                  "circular4-r32mm --plot " + plot + " -o /dev/null")
+                .first,
+            0);
+  EXPECT_GT(readFile(plot).size(), 1000u);
+
+  const auto mismatch =
+      shell(kZr + " run " + wav + " -e SoundLocalization --array circular6-r46mm", true);
+  EXPECT_EQ(mismatch.first, 1);
+  EXPECT_EQ(count(mismatch.second, "has 6 mics but the audio device delivers 4 channel(s)"), 1)
+      << mismatch.second;
+  const auto unknown = shell(kZr + " run " + wav + " -e SoundLocalization --array square4", true);
+  EXPECT_EQ(unknown.first, 2);
+  EXPECT_EQ(count(unknown.second, "unknown array \"square4\""), 1) << unknown.second;
+  const auto unused = shell(kZr + " run " + wav + " --array circular4-r32mm", true);
+  EXPECT_EQ(unused.first, 2);
+  EXPECT_EQ(count(unused.second, "none of the extractors run takes an array"), 1) << unused.second;
+  const auto missing = shell(kZr + " run " + wav + " -e SoundLocalization", true);
+  EXPECT_EQ(missing.first, 1);
+  EXPECT_EQ(count(missing.second, "no microphone array"), 1) << missing.second;
+}
