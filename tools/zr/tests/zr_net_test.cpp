@@ -200,6 +200,10 @@ TEST(ZrNet, RunAndWatchAcrossProcesses) {
     return lines;
   };
   EXPECT_EQ(byExtractor(remote.second), byExtractor(local.second));
+  // A second run on the same hosts: the same results, and its own seconds of audio only.
+  const auto again = sh(kRun + " run -f jsonl" + host.dir);
+  EXPECT_EQ(byExtractor(again.second), byExtractor(local.second));
+  EXPECT_NE(again.second.find("zr: 10.20 s of audio in "), std::string::npos) << again.second;
 
   // Its first subscription starts the file, which runs at full speed: a second extractor
   // subscribed a moment later could find it over, so one event is watched.
