@@ -168,7 +168,7 @@ class Client:
         self._conn.listen()
         self._hosting.add(module)
         try:
-            self._directory.publish(name, self.name, self.endpoint)
+            self._directory.publish(name, self.name, self.endpoint, module.info())
         except ZRError:
             self._hosting.remove(name)
             raise

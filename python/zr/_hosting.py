@@ -178,6 +178,17 @@ class HostedModule:
         self.executor = concurrent.futures.ThreadPoolExecutor(
             max_workers=1, thread_name_prefix="zr-" + name)
 
+    def info(self):
+        """(kind, method names, declared events), as C++ hosts publish them with the name."""
+        names = list(dict.fromkeys(m.name for m in self.methods))
+        if self.name in ("ZRMemory", "ZRAudioDevice"):
+            kind = "service"
+        elif "getSubscribersInfo" in names and "getCurrentPeriod" in names:
+            kind = "soundextractor" if "processRemote" in names else "extractor"
+        else:
+            kind = "module"
+        return kind, names, list(getattr(self.obj, "_event_list", []))
+
     @staticmethod
     def _introspect(obj, class_name):
         members = inspect.getmembers(obj, callable)
