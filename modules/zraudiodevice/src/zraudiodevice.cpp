@@ -22,10 +22,6 @@ int clampToInt(std::int64_t v) {
   return static_cast<int>(std::min<std::int64_t>(v, INT_MAX));
 }
 
-void info(const char* function, const std::string& message) {
-  vo::log::LogStream(vo::LogLevel_Info, "", function, kAudioDeviceCategory, 0) << message;
-}
-
 }  // namespace
 
 ZRAudioDevice::ZRAudioDevice(boost::shared_ptr<ZRBroker> broker, const std::string& name,
@@ -149,7 +145,7 @@ ZRAudioDevice::~ZRAudioDevice() {
   // A module still subscribed will call "unsubscribe" on a device that is gone; say so now, while
   // both names are known, before whatever the module does about it.
   for (const std::string& module : getSubscribers()) {
-    vo::log::LogStream(vo::LogLevel_Warning, "", "~ZRAudioDevice", kAudioDeviceCategory, 0)
+    VO_LOG(vo::LogLevel_Warning, kAudioDeviceCategory)
         << getName() << ": going away while \"" << module << "\" is still subscribed; its later "
         << "unsubscribe from \"" << getName() << "\" will fail";
   }
@@ -235,7 +231,8 @@ void ZRAudioDevice::subscribe(const std::string& module) {
     core_->held = core_->held || options_.held;  // a hold() before the start stands
     core_->capturing = true;
   }
-  info("subscribe", getName() + ": starting " + options_.describe() + " for \"" + module + "\"");
+  VO_LOG(vo::LogLevel_Info, kAudioDeviceCategory)
+      << getName() << ": starting " << options_.describe() << " for \"" << module << "\"";
   core_->thread = std::thread(&Core::run, core_, std::move(source));
 }
 
@@ -245,7 +242,8 @@ void ZRAudioDevice::unsubscribe(const std::string& module) {
   if (!core_->line->remove(module) && !remote) return;
   if (core_->line->subscribers().empty() && options_.source != ZRAudioDeviceOptions::Source::Host) {
     stopCapture(control);
-    info("unsubscribe", getName() + ": stopped " + options_.describe());
+    VO_LOG(vo::LogLevel_Info, kAudioDeviceCategory)
+        << getName() << ": stopped " << options_.describe();
   }
 }
 
