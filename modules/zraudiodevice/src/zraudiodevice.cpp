@@ -11,6 +11,7 @@
 
 #include <vo/log.h>
 #include <zrcommon/zrproxy.h>
+#include <zrerror/zrdefaults.h>
 
 #include "zraudiodevicecore.h"
 
@@ -41,7 +42,8 @@ ZRAudioDevice::ZRAudioDevice(boost::shared_ptr<ZRBroker> broker, const std::stri
     else if (options_.sampleRate && options_.channelCount)
       core_->setFormat({*options_.sampleRate, *options_.channelCount});
   } else {
-    core_->setFormat({options_.sampleRate.value_or(16000), options_.channelCount.value_or(1)});
+    core_->setFormat(
+        {options_.sampleRate.value_or(kDefaultSampleRate), options_.channelCount.value_or(1)});
   }
   if (core_->format.channels > kMaxAudioChannels)
     throw ZRError(name, kAudioDeviceClassName,
@@ -167,7 +169,7 @@ void ZRAudioDevice::subscribe(const std::string& module) {
   boost::shared_ptr<ZRProxy> proxy;
   // A module of another host that registered a moment ago may not have reached this host yet.
   if (!broker->endpoint().empty() && !broker->session()->hasService(module))
-    broker->session()->waitForService(module).async().wait(5000);
+    broker->session()->waitForService(module).async().wait(static_cast<int>(kPublishWait.count()));
   try {
     proxy = broker->getProxy(module, 0);
   } catch (const ZRError& e) {
