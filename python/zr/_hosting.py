@@ -9,13 +9,11 @@ import logging
 import re
 
 from . import _wire as w
-from ._connections import MODULE_DESTROYED
 from ._errors import ZRError
+from ._platform import MODULE_DESTROYED, PLATFORM_VERSION
 
 log = logging.getLogger("zr")
 
-# The platform's version, as `zr --version` gives it (the tests hold the two together).
-PLATFORM_VERSION = "0.1.0"
 # Threads for the calls of modules run as C++ hosts run theirs (the extractors).
 CALL_THREADS = 16
 

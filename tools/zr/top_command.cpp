@@ -111,7 +111,7 @@ std::vector<Json> TopCommand::snapshot(DirectoryView& view) {
                    : Json(rounded(view.call(e.name, "getCurrentPrecision").toFloat()))},
              {"eventsPerSecond", eventRate(view, e.name)},
              {"subscribers", subscribers}});
-      } else if (e.name == "ZRAudioDevice") {
+      } else if (e.name == ZR::kAudioDeviceServiceName) {
         Json subscribers = Json::array();
         for (const std::string& s : strings(view.call(e.name, "getSubscribers"))) {
           const int delivered = view.call(e.name, "getDeliveredBufferCount", {s}).toInt();

@@ -284,7 +284,7 @@ TEST(ZrNet, TheDocumentedStepsWorkAsPasted) {
   EXPECT_NE(table.second.find("idle           -         -"), std::string::npos) << table.second;
   EXPECT_EQ(table.second.find("-1"), std::string::npos) << table.second;
 
-  // Negative numbers after --, as the README writes them; options go before it.
+  // Negative numbers after --, as docs/command-line.md writes them; options go before it.
   EXPECT_EQ(sh(kRun + " call" + d + " SoundLevel setThreshold -- -40 3").first, 0);
   EXPECT_EQ(sh(kRun + " call" + d + " ZRMemory insertData -- k -x").first, 0);
   EXPECT_EQ(sh(kRun + " call" + d + " ZRMemory getData k").second, "\"-x\"\n");
