@@ -180,6 +180,8 @@ void ZRTransport::Impl::answered(const std::string& identity, const Asked& asked
       frames = encode(out);
     }
     out.value = ZRValue();  // only the frames hold the result's binaries now
+    // The caller learns what became of the one-way messages it sent before this call first.
+    sendCredits(&identity);
     sendToRemote(identity, std::move(frames));
     return;
   }

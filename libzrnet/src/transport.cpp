@@ -156,15 +156,20 @@ std::chrono::milliseconds ZRTransport::Impl::pollTimeout() const {
   return timeout;
 }
 
-void ZRTransport::Impl::flush() {
-  for (auto& [key, n] : credits) {
+void ZRTransport::Impl::sendCredits(const std::string* identity) {
+  auto it = identity ? credits.lower_bound({*identity, std::string()}) : credits.begin();
+  while (it != credits.end() && (!identity || it->first.first == *identity)) {
     Message m;
     m.type = MsgType::Credit;
-    m.stream = key.second;
-    m.credits = n;
-    sendToRemote(key.first, encode(m), true, true);
+    m.stream = it->first.second;
+    m.credits = it->second;
+    sendToRemote(it->first.first, encode(m), true, true);
+    it = credits.erase(it);
   }
-  credits.clear();
+}
+
+void ZRTransport::Impl::flush() {
+  sendCredits(nullptr);
   for (auto& [endpoint, peer] : peers)
     peer->outbox.flush([&](Frames& f) { return trySend(*peer->socket, f); });
   routerOutbox.flush([&](Frames& f) { return sendRouted(f); });

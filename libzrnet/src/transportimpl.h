@@ -204,6 +204,8 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
   void answered(const std::string& identity, const Asked& asked, ZRValue result,
                 std::optional<ZRError> error, bool cancelled);
   void releaseCredits(const std::string& identity, const std::string& stream);
+  /// Sends the credits owed to `identity` (all identities when null) now.
+  void sendCredits(const std::string* identity);
   void runInLane(const std::string& lane, std::function<void()> job);
 };
 

@@ -5,6 +5,8 @@
 // 2 s), never a sleep.
 #include <signal.h>
 
+#include <fstream>
+
 #include <gtest/gtest.h>
 
 #include <zraudiodevice/zraudiodevice.h>
@@ -196,6 +198,151 @@ TEST(Pipeline, AFailedStartIsUndoneAndARetryDelivers) {
   EXPECT_TRUE(client->received.waitFor(3));
   client.reset(), level.reset(), device.reset(), memory.reset();
   b->shutdown();
+}
+
+// Counts the numbered events it receives, and those that came out of order, until `last` is
+// `until`.
+struct Counting : ZR::ZRModule {
+  Counting(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name)
+      : ZRModule(broker, name) {
+    functionName("onEvent", "Counting", "Receives one numbered event.", 0);
+    addParam("eventName", "Name of the event.");
+    addParam("value", "Its number.");
+    addParam("subscriberIdentifier", "Name of the subscriber.");
+    bindMethod(&Counting::onEvent);
+  }
+  void onEvent(const std::string&, const ZR::ZRValue& value, const std::string&) {
+    const int n = value.toInt();
+    disorder += n <= last;  // one call at a time: a module's calls run in order
+    last = n, ++received;
+    if (n == until) finished.notify();
+  }
+  int until = -1, last = -1, disorder = 0, received = 0;
+  zrtest::Signal finished;
+};
+
+// The events of a producer in a third process, through a memory service in a second one.
+struct Events : Net {
+  Events() {
+    memoryHost = host("memhost", {"--memory"});
+    proxy("ZRMemory");  // its name has reached this host
+    memory = std::make_unique<ZR::ZRMemoryProxy>(broker);
+    counting = ZR::ZRModule::createModule<Counting>(broker, "Counting");
+  }
+  ~Events() override { counting.reset(); }
+  // "Counter" and its device on `input`, counting to `count`, `perBuffer` for each buffer.
+  Process producer(int count, int perBuffer, Strings input) {
+    setenv("ZR_TEST_COUNT", std::to_string(count).c_str(), 1);
+    setenv("ZR_TEST_PER_BUFFER", std::to_string(perBuffer).c_str(), 1);
+    input.insert(input.begin(), "--device");
+    input.insert(input.end(), {"--load", ZR_TEST_DOUBLES, "-e", "Counter"});
+    return host("prodhost", input);
+  }
+  std::int64_t count(const char* method, const std::string& of) {
+    return proxy("ZRMemory")->call<int>(method, of);
+  }
+  // The numbers of the events a sinks host printed for "Slow": how many, how many out of order.
+  static std::pair<int, int> slowEvents(const zrtest::HostProcess& sinks) {
+    int got = 0, last = -1, disorder = 0;
+    for (const std::string& line : sinks.lines())
+      if (line.rfind("event Slow ", 0) == 0) {
+        const int n = std::stoi(line.substr(11));
+        disorder += n <= last;
+        last = n, ++got;
+      }
+    return {got, disorder};
+  }
+  // Peak resident memory of a process, in kB.
+  static long peakMemoryOf(pid_t pid) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    long peak = 0;
+    for (std::string key; status >> key;)
+      if (key == "VmHWM:") status >> peak;
+    return peak;
+  }
+  Process memoryHost;
+  std::unique_ptr<ZR::ZRMemoryProxy> memory;
+  boost::shared_ptr<Counting> counting;
+};
+
+TEST_F(Events, AFileRunDeliversEveryEventInOrder) {
+  const int n = 100000;
+  Process prod = producer(n, 100, {"tone:440"});  // not paced: every buffer, as a file's
+  counting->until = n - 1;
+  memory->subscribeToEvent("Counter/Count", "Counting", "onEvent");
+  ASSERT_TRUE(counting->finished.waitFor());
+  EXPECT_EQ(counting->received, n);
+  EXPECT_EQ(counting->disorder, 0);
+  EXPECT_EQ(count("getRaisedEventCount", "Counter/Count"), n);
+  EXPECT_EQ(count("getDroppedEventCount", "Counting"), 0);
+  memory->unsubscribeToEvent("Counter/Count", "Counting");
+  prod->waitFor("stopped tone");
+  EXPECT_EQ(prod->stop(SIGTERM), 0);
+}
+
+// A live source: a subscriber that stalls loses its oldest events, counted exactly, while the
+// producer and the other subscriber go on.
+TEST_F(Events, AStalledSubscriberLosesOnlyItsOwnCountedExactly) {
+  const int n = 20000;
+  Process prod = producer(n, 100, {"tone:440", "--realtime", "--buffer", "160"});
+  Process sinks = host("sinks", {"--load", ZR_TEST_DOUBLES, "-e", "Slow"});
+  auto dev = proxy("ZRAudioDevice");
+  dev->call<void>("hold");  // both subscribers from the first event on
+  memory->subscribeToEvent("Counter/Count", "Slow", "onEvent");
+  counting->until = n - 1;  // the newest event is never dropped
+  memory->subscribeToEvent("Counter/Count", "Counting", "onEvent");
+  dev->call<void>("release");
+
+  sinks->waitFor("event Slow 0");  // and holds it
+  ASSERT_TRUE(counting->finished.waitFor());
+  prod->waitFor("counted 20000");
+  EXPECT_EQ(counting->received + count("getDroppedEventCount", "Counting"), n);
+  EXPECT_EQ(counting->disorder, 0);
+  EXPECT_EQ(slowEvents(*sinks).first, 1);  // still held: nobody waited for it
+  const std::int64_t lost = count("getDroppedEventCount", "Slow");
+  EXPECT_GT(lost, 0);
+
+  proxy("Slow")->call<void>("release");
+  sinks->waitFor("event Slow " + std::to_string(n - 1));
+  const auto [got, disorder] = slowEvents(*sinks);
+  EXPECT_EQ(got + lost, n);
+  EXPECT_EQ(disorder, 0);
+  EXPECT_EQ(count("getDroppedEventCount", "Slow"), lost);
+  EXPECT_EQ(sinks->stop(SIGTERM), 0);
+  EXPECT_EQ(prod->stop(SIGTERM), 0);
+}
+
+// Killed while thousands of events are on their way to it, a subscriber's host is reaped as any
+// other, and the memory service's host held no more than its bounded queues meanwhile.
+TEST_F(Events, ASubscriberKilledWithEventsInFlightIsReaped) {
+  Process prod = producer(1 << 30, 100, {"tone:440", "--realtime", "--buffer", "160"});
+  Process sinks = host("sinks", {"--load", ZR_TEST_DOUBLES, "-e", "Slow"});
+  const long before = peakMemoryOf(memoryHost->pid());
+  memory->subscribeToEvent("Counter/Count", "Slow", "onEvent");
+  sinks->waitFor("event Slow 0");  // and holds it
+  ASSERT_TRUE(zrtest::eventually([&] {
+    return count("getRaisedEventCount", "Counter/Count") > 10000 &&
+           count("getDroppedEventCount", "Slow") > 0;
+  }));
+  sinks->kill9();
+  prod->waitFor("stopped tone", kReapLimit);  // the memory service unsubscribed it
+  EXPECT_EQ(memory->getSubscribers("Counter/Count"), Strings{});
+  EXPECT_LT(peakMemoryOf(memoryHost->pid()) - before, 32 * 1024);
+  EXPECT_EQ(prod->stop(SIGTERM), 0);
+}
+
+// A one-way raise that fails there: the next raise through the same proxy throws the error as
+// the service raised it, once.
+TEST_F(Events, AOneWayRaiseThatFailsThrowsAtTheNextRaise) {
+  memory->raiseEvent("", ZR::ZRValue(1));
+  memory->getEventList();  // answered after the raise was taken, and its error with it
+  const ZR::ZRError e = zrtest::errorOf([&] { memory->raiseEvent("Test/Ok", ZR::ZRValue(2)); });
+  EXPECT_EQ(e.getModuleName(), "ZRMemory");
+  EXPECT_EQ(e.getMethodName(), "raiseEvent");
+  EXPECT_EQ(e.getDescription(), "the event name must not be empty");
+  memory->raiseEvent("Test/Ok", ZR::ZRValue(3));
+  memory->getEventList();
+  EXPECT_EQ(count("getRaisedEventCount", "Test/Ok"), 1);
 }
 
 }  // namespace

@@ -220,6 +220,9 @@ void MemoryCore::subscribeToEvent(const std::string& event, const std::string& m
     }
   }
 
+  // Declared from its constructor, a producer of another host may reach the directory's
+  // listeners after the declaration reached this service.
+  awaitPublished(producer);
   const Target producerAt = target(producer);
   LinkGuard guard(*this, module, producer, op);
   bool tell = false;

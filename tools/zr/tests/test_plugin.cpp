@@ -1,10 +1,12 @@
 // Test doubles for zr: a type whose constructor throws what is no std::exception, an entry point
 // that does the same when ZR_TEST_THROW_AT_LOAD is set, an extractor that publishes the
-// precision it runs with, one that fails from 2 s of audio on, two sinks for the device's
-// buffers ("Fast", and "Slow" which holds its first buffer until its "release" is called), each
-// printing "buffer NAME N" per buffer, and plain modules "Alpha" and "Beta" for the tests of hosts
-// that come and go ("add", and "hold", which prints "holding NAME" and returns when the module
-// goes).
+// precision it runs with, one that fails from 2 s of audio on, one ("Counter") that raises a
+// numbered event per ZR_TEST_PER_BUFFER (default 100) of each buffer until it has raised
+// ZR_TEST_COUNT (default 100000), two sinks for the device's buffers and memory events ("Fast",
+// and "Slow" which holds its first buffer or event until its "release" is called), printing
+// "buffer NAME N" per buffer and "event NAME VALUE" per event, and plain modules "Alpha" and "Beta"
+// for the tests of hosts that come and go ("add", and "hold", which prints "holding NAME" and
+// returns when the module goes).
 
 #include <cstdio>
 #include <cstdlib>
@@ -48,6 +50,36 @@ class FailsMidway : public ZR::ZRSoundExtractor {
   }
 };
 
+// Raises "NAME/Count" with 0, 1, 2, ... through one memory proxy, then prints "counted N".
+class Counter : public ZR::ZRSoundExtractor {
+ public:
+  Counter(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name)
+      : ZRSoundExtractor(broker, name),
+        limit_(setting("ZR_TEST_COUNT", 100000)),
+        perBuffer_(setting("ZR_TEST_PER_BUFFER", 100)),
+        memory_(getParentBroker()) {
+    declareEvent(name + "/Count");
+  }
+  void processSound(int, int, const short*) override {
+    if (next_ >= limit_) return;
+    for (int i = 0; i < perBuffer_ && next_ < limit_; ++i)
+      memory_.raiseEvent(getName() + "/Count", ZR::ZRValue(next_++));
+    if (next_ == limit_) {
+      std::printf("counted %d\n", limit_);
+      std::fflush(stdout);
+    }
+  }
+
+ private:
+  static int setting(const char* name, int otherwise) {
+    const char* value = std::getenv(name);
+    return value ? std::atoi(value) : otherwise;
+  }
+  const int limit_, perBuffer_;
+  ZR::ZRMemoryProxy memory_;
+  int next_ = 0;
+};
+
 class Sink : public ZR::ZRModule {
  public:
   Sink(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name, bool slow)
@@ -58,13 +90,23 @@ class Sink : public ZR::ZRModule {
     addParam("timestamp", "Timestamp.");
     addParam("buffer", "Samples.");
     bindMethod(&Sink::processRemote);
-    functionName("release", "Sink", "Lets the held buffer go.", 0);
+    functionName("onEvent", "Sink", "Receives one memory event.", 0);
+    addParam("eventName", "Name of the event.");
+    addParam("value", "Its value.");
+    addParam("subscriberIdentifier", "Name of the subscriber.");
+    bindMethod(&Sink::onEvent);
+    functionName("release", "Sink", "Lets the held buffer or event go.", 0);
     bindMethod(&Sink::release);
   }
   ~Sink() override { release(); }
   void processRemote(const int&, const int&, const ZR::ZRValue&, const ZR::ZRValue&) {
     // One buffer at a time: the device delivers in order.
     std::printf("buffer %s %d\n", getName().c_str(), ++count_);
+    std::fflush(stdout);
+    if (slow_) gate_.wait();
+  }
+  void onEvent(const std::string&, const ZR::ZRValue& value, const std::string&) {
+    std::printf("event %s %d\n", getName().c_str(), value.toInt());
     std::fflush(stdout);
     if (slow_) gate_.wait();
   }
@@ -111,6 +153,7 @@ ZR_EXTRACTOR_PLUGIN(registry) {
   registry.add("Thrower", [](auto, auto) -> boost::shared_ptr<ZR::ZRModuleCore> { throw 42; });
   registry.add<PrecisionProbe>("PrecisionProbe");
   registry.add<FailsMidway>("FailsMidway");
+  registry.add<Counter>("Counter");
   for (const bool slow : {false, true})
     registry.add(slow ? "Slow" : "Fast", [slow](auto broker, const std::string& name) {
       return boost::shared_ptr<ZR::ZRModuleCore>(
