@@ -23,6 +23,8 @@ PACKAGES=(
   libcli11-dev nlohmann-json3-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   gnuplot-nox espeak-ng sox
+  # the live-latency benchmark keeps the other core busy with it
+  stress-ng
   libzmq3-dev cppzmq-dev libmsgpack-cxx-dev
   clang libfuzzer-14-dev clang-format
   # for Debian's /usr/bin/python3, which the Python client and its extractors run on (not a python3
@@ -89,6 +91,12 @@ case "$cmd" in
     build build-bench -DCMAKE_BUILD_TYPE=Release -DZR_BUILD_TESTS=OFF -DZR_BUILD_BENCHMARKS=ON
     for b in build-bench/bench/bench_*; do [ -x "$b" ] && "$b"; done
     bench/zr_run_speed.sh build-bench/tools/zr/zr
+    bench/zr_run_remote_speed.sh build-bench/tools/zr/zr
+    bench/zr_list_after_kill.sh build-bench/tools/zr/zr
+    # live latency with the machine's other core busy
+    stress-ng --cpu 1 --timeout 120 >/dev/null &
+    build-bench/bench/bench_pipeline_remote --benchmark_filter=Live
+    kill %% 2>/dev/null || true
     /usr/bin/python3 bench/bench_python_extractor.py build-bench/tools/zr/zr
     ;;
   example)
