@@ -212,13 +212,15 @@ struct Counting : ZR::ZRModule {
     bindMethod(&Counting::onEvent);
   }
   void onEvent(const std::string&, const ZR::ZRValue& value, const std::string&) {
+    if (held && received == 0) go.waitFor();
     const int n = value.toInt();
     disorder += n <= last;  // one call at a time: a module's calls run in order
     last = n, ++received;
     if (n == until) finished.notify();
   }
+  bool held = false;  // its first event, until `go`
   int until = -1, last = -1, disorder = 0, received = 0;
-  zrtest::Signal finished;
+  zrtest::Signal go, finished;
 };
 
 // The events of a producer in a third process, through a memory service in a second one.
@@ -267,9 +269,21 @@ struct Events : Net {
 
 TEST_F(Events, AFileRunDeliversEveryEventInOrder) {
   const int n = 100000;
-  Process prod = producer(n, 100, {"tone:440"});  // not paced: every buffer, as a file's
+  Process prod = producer(n, 1000, {"tone:440"});  // not paced: every buffer, as a file's
+  auto dev = proxy("ZRAudioDevice");
+  dev->call<void>("hold");  // what a producer raises before a subscription is nobody's
   counting->until = n - 1;
+  counting->held = true;
   memory->subscribeToEvent("Counter/Count", "Counting", "onEvent");
+  dev->call<void>("release");
+  // Held up, the subscriber holds up the source: what the producer's stream has in flight
+  // (8 messages of up to 256 events) reaches the memory service, and nothing more, however long
+  // it waits (a lossy path would take on past its queue and stream, 1024 + 16 * 256, and drop).
+  const auto raised = [&] { return count("getRaisedEventCount", "Counter/Count"); };
+  ASSERT_TRUE(zrtest::eventually([&] { return raised() >= 1000; }));
+  EXPECT_FALSE(zrtest::eventually([&] { return raised() > 1024 + 16 * 256; },
+                                  std::chrono::milliseconds(1000)));
+  counting->go.notify();
   ASSERT_TRUE(counting->finished.waitFor());
   EXPECT_EQ(counting->received, n);
   EXPECT_EQ(counting->disorder, 0);

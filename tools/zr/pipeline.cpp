@@ -2,6 +2,8 @@
 
 #include "eventclient.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -12,50 +14,76 @@
 
 namespace zr {
 
-namespace {
-
-std::string shortEventName(const std::string& event, const std::string& extractor) {
-  const std::string prefix = extractor + "/";
-  return event.compare(0, prefix.size(), prefix) == 0 ? event.substr(prefix.size()) : event;
+PipelineSite inProcess(const PipelineConfig& config, const ZR::ZRExtractorRegistry& registry) {
+  for (const std::string& e : config.extractors) registry.require(e);
+  PipelineSite site;
+  site.broker = ZR::ZRBroker::createBroker("zr");
+  site.client = "zr";
+  try {
+    // A queue deep enough that a live run's results wait for the writer rather than drop.
+    site.modules.push_back(
+        ZR::ZRModule::createModule<ZR::ZRMemory>(site.broker, ZR::kMemoryServiceName, 1 << 20));
+    site.modules.push_back(ZR::ZRModule::createModule<ZR::ZRAudioDevice>(
+        site.broker, ZR::kAudioDeviceServiceName, config.device));
+    for (const std::string& e : config.extractors)
+      if (!site.broker->hasModule(e))  // each runs once, however often it is named
+        site.modules.push_back(
+            registry.create(e, site.broker, e, registry.optionsFor(e, config.options)));
+  } catch (...) {
+    while (!site.modules.empty()) site.modules.pop_back();
+    site.broker->shutdown();
+    throw;
+  }
+  return site;
 }
 
-const std::string kClientName = "zr";
+PipelineSite onNetwork(const PipelineConfig& config, const DirectoryOptions& directory) {
+  char host[256] = "host";
+  gethostname(host, sizeof host - 1);
+  PipelineSite site;
+  site.client = std::string("zr-run-") + host + "-" + std::to_string(getpid());
+  std::vector<std::string> needed{ZR::kMemoryServiceName, ZR::kAudioDeviceServiceName};
+  needed.insert(needed.end(), config.extractors.begin(), config.extractors.end());
+  site.broker = joinNetwork(directory, site.client, "tcp://127.0.0.1:0", "", needed);
+  return site;
+}
 
-}  // namespace
-
-RunPipeline::RunPipeline(const PipelineConfig& config, const ZR::ZRExtractorRegistry& registry,
-                         Sink sink)
-    : sink_(std::move(sink)) {
-  for (const std::string& e : config.extractors)  // each runs once, however often it is named
+Pipeline::Pipeline(const PipelineConfig& config, PipelineSite site, Sink sink)
+    : site_(std::move(site)), sink_(std::move(sink)) {
+  for (const std::string& e : config.extractors)
     if (std::find(extractors_.begin(), extractors_.end(), e) == extractors_.end())
       extractors_.push_back(e);
-  for (const std::string& e : extractors_) registry.require(e);
-
-  broker_ = ZR::ZRBroker::createBroker("zr");
-  memory_ = ZR::ZRModule::createModule<ZR::ZRMemory>(broker_, ZR::kMemoryServiceName, 1 << 20);
-  device_ = ZR::ZRModule::createModule<ZR::ZRAudioDevice>(broker_, ZR::kAudioDeviceServiceName,
-                                                          config.device);
-  device_->hold();
-  for (const std::string& e : extractors_)
-    registry.create(e, broker_, e, registry.optionsFor(e, config.options));
-  ZR::ZRMemoryProxy memory(broker_);
-  for (const std::string& e : extractors_)
-    for (const std::string& ev : memory.getExtractorEvent(e)) producerOf_[ev] = e;
-
-  client_ = ZR::ZRModule::createModule<EventClient>(
-      broker_, kClientName, "RunClient", "The zr tool: receives the results it prints.",
-      [this](const std::string& event, const ZR::ZRValue& value) {
-        auto it = producerOf_.find(event);
-        const std::string extractor =
-            it == producerOf_.end() ? event.substr(0, event.find('/')) : it->second;
-        const Result r{extractor, shortEventName(event, extractor), value};
-        std::lock_guard<std::mutex> lock(sinkMutex_);
-        if (sink_) sink_(r);
-      });
-
-  // Subscribing to its events subscribes the tool to each extractor, which starts it (with its
-  // default period and precision); the device is held until all of them listen.
-  subscribeClient(*broker_, memory, extractors_, kClientName, config, subscribed_);
+  // Raised by this run after the extractors' last results: events reach a subscriber in the
+  // order they were raised, so once it arrives, every result has.
+  marker_ = site_.client + "/Done";
+  const std::string& client = site_.client;
+  try {
+    ZR::ZRMemoryProxy memory(site_.broker);
+    for (const std::string& e : extractors_)
+      for (const std::string& ev : memory.getExtractorEvent(e)) producerOf_[ev] = e;
+    client_ = ZR::ZRModule::createModule<EventClient>(
+        site_.broker, client, "RunClient", "The zr tool: receives the results it prints.",
+        [this](const std::string& event, const ZR::ZRValue& value) { receive(event, value); });
+    device_ = std::make_unique<ZR::ZRAudioDeviceProxy>(site_.broker);
+    device_->hold();
+    held_ = true;
+    memory.declareEvent(marker_, "");
+    subscribeNewModule(memory, marker_, client, "onEvent");
+    subscribed_.push_back(marker_);
+    // The device says when the input ended; nobody needs to ask it again and again.
+    memory.subscribeToEvent(ZR::kEndOfStreamEvent, client, "onEvent");
+    subscribed_.push_back(ZR::kEndOfStreamEvent);
+    // Subscribing to their events subscribes the tool to each extractor, which starts it (with
+    // its default period and precision); the device is held until all of them listen.
+    subscribeClient(*site_.broker, memory, extractors_, client, config, subscribed_);
+  } catch (...) {
+    unsubscribeAll();
+    if (held_) device_->release();
+    client_.reset();
+    while (!site_.modules.empty()) site_.modules.pop_back();
+    site_.broker->shutdown();
+    throw;
+  }
 }
 
 void subscribeClient(ZR::ZRBroker& broker, ZR::ZRMemoryProxy& memory,
@@ -89,51 +117,89 @@ void subscribeClient(ZR::ZRBroker& broker, ZR::ZRMemoryProxy& memory,
   }
 }
 
-RunPipeline::~RunPipeline() {
+Pipeline::~Pipeline() {
   {
     std::lock_guard<std::mutex> lock(sinkMutex_);
     sink_ = nullptr;  // a result still in flight must not reach a writer that is gone
   }
+  unsubscribeAll();
   client_.reset();
   device_.reset();
-  memory_.reset();
-  broker_->shutdown();
+  while (!site_.modules.empty()) site_.modules.pop_back();
+  site_.broker->shutdown();
 }
 
-void RunPipeline::start() {
-  device_->release();
-}
-
-bool RunPipeline::waitForEnd(int timeoutMs) {
-  return device_->waitForEndOfStream(timeoutMs);
-}
-
-double RunPipeline::audioSeconds(double cap) {
-  const double rate = device_->getSampleRate();
-  std::int64_t delivered = 0;
-  for (const std::string& e : extractors_) {
+void Pipeline::unsubscribeAll() {
+  ZR::ZRMemoryProxy memory(site_.broker);
+  for (const std::string& ev : subscribed_) {
     try {
-      delivered = std::max(delivered, device_->getDeliveryStats(e).delivered);
-    } catch (const ZR::ZRError&) {
-      // An extractor that does not listen to the device.
+      memory.unsubscribeToEvent(ev, site_.client);
+    } catch (const ZR::ZRError& e) {
+      std::fprintf(stderr, "zr: %s\n", e.what());
     }
   }
-  const double seconds =
-      rate > 0 ? static_cast<double>(delivered) * device_->getSamplesPerBuffer() / rate : 0.0;
+  subscribed_.clear();
+}
+
+void Pipeline::receive(const std::string& event, const ZR::ZRValue& value) {
+  std::lock_guard<std::mutex> lock(sinkMutex_);
+  if (event == marker_ || event == ZR::kEndOfStreamEvent) {
+    (event == marker_ ? marked_ : ended_) = true;
+    changed_.notify_all();
+    return;
+  }
+  auto it = producerOf_.find(event);
+  const std::string extractor =
+      it == producerOf_.end() ? event.substr(0, event.find('/')) : it->second;
+  const std::string prefix = extractor + "/";
+  const std::string shortName =
+      event.compare(0, prefix.size(), prefix) == 0 ? event.substr(prefix.size()) : event;
+  if (sink_) sink_(Result{extractor, shortName, value});
+}
+
+void Pipeline::start() {
+  // A published device counts its deliveries since each subscriber first came: this run's are
+  // those from here on.
+  rate_ = device_->getSampleRate();
+  perBuffer_ = device_->getSamplesPerBuffer();
+  for (const std::string& e : extractors_) before_[e] = deliveredTo(e);
+  device_->release();
+  held_ = false;
+}
+
+bool Pipeline::waitForEnd(int timeoutMs) {
+  std::unique_lock<std::mutex> lock(sinkMutex_);
+  return changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [this] { return ended_; });
+}
+
+int Pipeline::deliveredTo(const std::string& extractor) {
+  try {
+    return device_->getDeliveredBufferCount(extractor);
+  } catch (const ZR::ZRError&) {
+    return 0;  // an extractor that does not listen to the device, or not yet
+  }
+}
+
+double Pipeline::audioSeconds(double cap) {
+  int delivered = 0;
+  for (const std::string& e : extractors_)
+    delivered = std::max(delivered, deliveredTo(e) - before_[e]);
+  const double seconds = rate_ > 0 ? static_cast<double>(delivered) * perBuffer_ / rate_ : 0.0;
   return cap > 0 ? std::min(seconds, cap) : seconds;  // the last buffer may be short
 }
 
-void RunPipeline::finish() {
-  device_->waitUntilIdle(5000);
+void Pipeline::finish() {
   for (const std::string& e : extractors_) {
-    auto p = broker_->getProxy(e, 0);
+    auto p = site_.broker->getProxy(e, 0);
     const auto methods = p->call<std::vector<std::string>>("getMethodList");
     if (std::find(methods.begin(), methods.end(), "flush") != methods.end()) p->call<void>("flush");
   }
-  memory_->waitForDeliveries(std::chrono::seconds(10));
-  ZR::ZRMemoryProxy memory(broker_);
-  for (const std::string& ev : subscribed_) memory.unsubscribeToEvent(ev, kClientName);
-  memory_->waitForDeliveries(std::chrono::seconds(10));
+  ZR::ZRMemoryProxy(site_.broker).raiseEvent(marker_, ZR::ZRValue(0));
+  std::unique_lock<std::mutex> lock(sinkMutex_);
+  if (!changed_.wait_for(lock, std::chrono::seconds(10), [this] { return marked_; }))
+    std::fprintf(stderr, "zr: the last results did not arrive within 10 s\n");
+  lock.unlock();
+  unsubscribeAll();
 }
 
 }  // namespace zr

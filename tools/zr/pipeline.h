@@ -1,7 +1,9 @@
 #pragma once
 
+#include <condition_variable>
 #include <functional>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -13,9 +15,11 @@
 #include <zrcommon/zrbroker.h>
 #include <zrextractors/zrextractorregistry.h>
 #include <zrmemory/zrmemory.h>
+#include <zrproxies/zraudiodeviceproxy.h>
 #include <zrproxies/zrmemoryproxy.h>
 
 #include "output.h"
+#include "remote.h"
 
 namespace zr {
 
@@ -39,45 +43,72 @@ void subscribeClient(ZR::ZRBroker& broker, ZR::ZRMemoryProxy& memory,
                      const std::vector<std::string>& extractors, const std::string& client,
                      const PipelineConfig& config, std::vector<std::string>& subscribed);
 
-/// One `zr run`, in process: a broker with "ZRMemory", "ZRAudioDevice", the extractors and the
-/// tool's own client module "zr", which subscribes to every event the extractors declare through
-/// the memory service, as any client would (and so subscribes to the extractors themselves).
+/// Where a run's modules are: the broker the tool's client joins, the client's name, and the
+/// modules this process hosts for the run (none when they are published by other hosts).
+struct PipelineSite {
+  boost::shared_ptr<ZR::ZRBroker> broker;
+  std::string client;
+  /// Destroyed newest first, before the broker shuts down: extractors before the services.
+  std::vector<boost::shared_ptr<ZR::ZRModuleCore>> modules;
+};
+
+/// `zr run`: a broker of this process with "ZRMemory", "ZRAudioDevice" on config.device and the
+/// extractors, each under its type name; the client is "zr". Throws ZRError for an unknown
+/// extractor.
+PipelineSite inProcess(const PipelineConfig& config, const ZR::ZRExtractorRegistry& registry);
+/// `zr run --directory`: the "ZRMemory", "ZRAudioDevice" and extractors that running hosts
+/// publish; this process hosts only the client, "zr-run-<host>-<pid>". Throws NoDirectory when
+/// no directory answers, ZRError when a module is not published.
+PipelineSite onNetwork(const PipelineConfig& config, const DirectoryOptions& directory);
+
+/// One run, wherever its modules are. The tool's client module subscribes to every event the
+/// extractors declare through the memory service, as any client would (and so subscribes to
+/// the extractors themselves), and to the device's end of stream.
 ///
-/// The constructor builds and subscribes everything with the device held, so that no extractor
-/// misses the start of the input; start() lets the sound flow. Results reach the sink from the
-/// broker's pool, one at a time, in the order the memory service delivers them, until finish()
-/// returns. The other calls belong to the thread that owns the pipeline: waitForEnd blocks up to
-/// its timeout, finish until every result was delivered (bounded by the waits inside), the
-/// destructor until the broker has shut down.
-class RunPipeline {
+/// The constructor holds the device, subscribes, and sets the period and precision asked for,
+/// so that no extractor misses the start of the input; it throws ZRError when a subscription
+/// fails (what it had done is undone). start() lets the sound flow. Results reach the sink from
+/// the broker's pool, one at a time, in the order the memory service delivers them, until
+/// finish() returns. The other calls belong to the thread that owns the pipeline, and each
+/// blocks for the calls it makes: waitForEnd up to its timeout, finish until every result was
+/// delivered (at most 10 s), the destructor until the broker has shut down.
+class Pipeline {
  public:
   using Sink = std::function<void(const Result&)>;
 
-  /// Throws ZRError for an unknown extractor or an input that cannot be started.
-  RunPipeline(const PipelineConfig& config, const ZR::ZRExtractorRegistry& registry, Sink sink);
-  ~RunPipeline();
-  RunPipeline(const RunPipeline&) = delete;
-  RunPipeline& operator=(const RunPipeline&) = delete;
+  Pipeline(const PipelineConfig& config, PipelineSite site, Sink sink);
+  ~Pipeline();
+  Pipeline(const Pipeline&) = delete;
+  Pipeline& operator=(const Pipeline&) = delete;
 
   void start();
   /// True once the input has ended (a file, raw input or timed signal ran out, or the source
   /// failed) and every buffer was processed; false when `timeoutMs` passed first.
   bool waitForEnd(int timeoutMs);
-  /// Seconds of input the extractors have received so far (at most `cap` when cap > 0).
+  /// Seconds of input the extractors have received in this run (at most `cap` when cap > 0).
   double audioSeconds(double cap = 0.0);
   /// Closes what is still open in the extractors (their remote "flush", where they have one),
   /// lets every result reach the sink, then unsubscribes the tool.
   void finish();
 
  private:
+  void receive(const std::string& event, const ZR::ZRValue& value);
+  void unsubscribeAll();
+  int deliveredTo(const std::string& extractor);
+
   std::vector<std::string> extractors_;
-  boost::shared_ptr<ZR::ZRBroker> broker_;
-  boost::shared_ptr<ZR::ZRMemory> memory_;
-  boost::shared_ptr<ZR::ZRAudioDevice> device_;
+  PipelineSite site_;
+  std::string marker_;
+  std::unique_ptr<ZR::ZRAudioDeviceProxy> device_;
   boost::shared_ptr<ZR::ZRModuleCore> client_;
   std::map<std::string, std::string> producerOf_;  // event -> extractor module
   std::vector<std::string> subscribed_;
+  bool held_ = false;
   std::mutex sinkMutex_;
+  std::condition_variable changed_;  // the marker or the end of the input came
+  bool marked_ = false, ended_ = false;
+  int rate_ = 0, perBuffer_ = 0;
+  std::map<std::string, int> before_;  // deliveries to each extractor before this run
   Sink sink_;
 };
 

@@ -25,7 +25,6 @@
 #include "pipeline.h"
 #include "plot.h"
 #include "progress.h"
-#include "remote_pipeline.h"
 #include "timeorder.h"
 
 namespace zr {
@@ -270,13 +269,9 @@ InputOutcome RunCommand::runInput(const std::string& input, bool given, const st
       outcome.wall = progress.elapsed();
       outcome.interrupted = gInterrupted;
     };
-    if (remote_) {
-      RemotePipeline pipeline(config, directory_, sink);
-      drive(pipeline);
-    } else {
-      RunPipeline pipeline(config, registry_, sink);
-      drive(pipeline);
-    }
+    Pipeline pipeline(config,
+                      remote_ ? onNetwork(config, directory_) : inProcess(config, registry_), sink);
+    drive(pipeline);
   } catch (const ZR::ZRError& e) {
     outcome.failure = innermost(e.what());
   } catch (const NoDirectory&) {
