@@ -173,6 +173,7 @@ bool Session::hasService(const std::string& name) const {
 
 FutureSync<void> Session::waitForService(const std::string& name) {
   Promise<void> p;
+  std::shared_ptr<SessionNetwork> network;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = services_.find(name);
@@ -182,8 +183,10 @@ FutureSync<void> Session::waitForService(const std::string& name) {
       p.setError("the session is closed: service \"" + name + "\" will never come");
     } else {
       waiters_.emplace(name, p);
+      network = network_;
     }
   }
+  if (network) network->lookFor(name);
   return FutureSync<void>(p.future());
 }
 

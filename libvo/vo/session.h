@@ -26,6 +26,9 @@ class SessionNetwork {
   virtual void publish(const std::string& name) = 0;
   /// Withdraws a local name. Must not throw.
   virtual void unpublish(const std::string& name) noexcept = 0;
+  /// Someone waits for `name`, which this host does not know yet: worth asking soon. Must not
+  /// throw or block.
+  virtual void lookFor(const std::string& name) noexcept { (void)name; }
 };
 
 /// The service directory of a process: services are registered under unique names, found by

@@ -236,7 +236,7 @@ void ZRBroker::shutdown() {
   if (impl_->transport) impl_->transport->shutdown();
   std::shared_ptr<PoolHolder> pool;
   {
-    std::lock_guard<std::mutex> lock(impl_->mutex);
+    std::lock_guard<std::mutex> lock(impl_->poolMutex);
     pool = std::move(impl_->pool);
   }
   if (!pool) return;
@@ -259,7 +259,7 @@ bool ZRBroker::isShutdown() const {
 }
 
 void ZRBroker::post(std::function<void()> work) {
-  std::lock_guard<std::mutex> lock(impl_->mutex);
+  std::lock_guard<std::mutex> lock(impl_->poolMutex);
   if (!impl_->pool)
     throw ZRError("ZRBroker", "post", "broker \"" + impl_->name + "\" is shut down");
   boost::asio::post(impl_->pool->pool, guardedTask(&impl_->pool->pool, std::move(work)));
@@ -270,7 +270,7 @@ ZRStrand ZRBroker::makeStrand() {
 }
 
 ZRStrand ZRBroker::Impl::makeStrand() {
-  std::lock_guard<std::mutex> lock(mutex);
+  std::lock_guard<std::mutex> lock(poolMutex);
   if (!pool) throw ZRError("ZRBroker", "makeStrand", "broker \"" + name + "\" is shut down");
   ZRStrand s;
   s.impl_ = std::make_shared<ZRStrand::Impl>(

@@ -55,6 +55,9 @@ struct ZRBroker::Impl {
   boost::shared_ptr<vo::Session> session = boost::make_shared<vo::Session>();
   mutable std::mutex mutex;
   std::vector<boost::shared_ptr<ZRModuleCore>> modules;  // registration order
+  // Guards `pool` alone: strands are made on the transport's I/O thread, which must never wait
+  // for `mutex` (held while a module's name goes to the directory, which that thread answers).
+  mutable std::mutex poolMutex;
   std::shared_ptr<PoolHolder> pool;
   int threads = 0;
   bool shutdown = false;
@@ -77,13 +80,13 @@ struct ZRBroker::Impl {
   std::map<std::string, ZRModuleInfo> infos;
 
   void noteMethods(const ZRModuleCore& module);
-  void forgetInfo(const std::string& name) {
+  void forgetInfo(const std::string& module) {
     std::lock_guard<std::mutex> lock(infoMutex);
-    infos.erase(name);
+    infos.erase(module);
   }
 
   /// What a module of this host is and offers, for the directory.
-  ZRModuleInfo moduleInfo(const std::string& name);
+  ZRModuleInfo moduleInfo(const std::string& module);
 
   /// A strand of the pool; throws ZRError once the broker is shut down.
   ZRStrand makeStrand();

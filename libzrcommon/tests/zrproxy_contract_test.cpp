@@ -298,3 +298,22 @@ TEST_F(RemoteProxy, BinariesCrossWithoutACopyBothWays) {
 }
 
 }  // namespace
+
+// A host that waits for a name it does not know asks the directory at once rather than at its
+// next sync: with syncs a minute apart, a name another host published is found all the same.
+TEST(RemoteNames, AWaitedNameIsAskedForAtOnce) {
+  ZR::ZRBrokerOptions o = Remote::directory();
+  o.heartbeat = std::chrono::seconds(60);
+  auto host = ZR::ZRBroker::createBroker("hostA", o);
+  o.serveDirectory = false;
+  o.directory = host->endpoint();
+  auto waiter = ZR::ZRBroker::createBroker("hostB", o);
+  auto module = ZR::ZRModule::createModule<Shapes>(host, "Late");  // after hostB's first sync
+  EXPECT_EQ(waiter->session()->waitForService("Late").async().wait(
+                static_cast<int>(zrtest::kWaitLimit.count() * 1000)),
+            vo::FutureState::FinishedWithValue);
+  EXPECT_EQ(waiter->getProxy("Late")->call<int>("scale", 2), 4);
+  module.reset();
+  waiter->shutdown();
+  host->shutdown();
+}

@@ -274,13 +274,22 @@ void ZRDirectoryClient::forget(const std::string& endpoint) {
     it = it->second.endpoint == endpoint ? entries_.erase(it) : std::next(it);
 }
 
+void ZRDirectoryClient::syncSoon() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    soon_ = true;
+  }
+  wake_.notify_all();
+}
+
 void ZRDirectoryClient::run() {
   std::unique_lock<std::mutex> lock(mutex_);
   while (!stopping_) {
     lock.unlock();
     sync();
     lock.lock();
-    wake_.wait_for(lock, heartbeat_, [this] { return stopping_; });
+    wake_.wait_for(lock, heartbeat_, [this] { return stopping_ || soon_; });
+    soon_ = false;
   }
 }
 

@@ -106,6 +106,9 @@ class ZRDirectoryClient {
   /// Drops, without telling the listener, what this client knows of the names at `endpoint`
   /// (a host found dead), so that the directory's next word about them counts as news.
   void forget(const std::string& endpoint);
+  /// Syncs now rather than at the next heartbeat: someone here waits for a name it does not
+  /// know, which a host may have just published.
+  void syncSoon();
   /// Stops syncing; this host's names then leave the directory with its lease.
   void stop();
 
@@ -125,7 +128,7 @@ class ZRDirectoryClient {
   const std::chrono::milliseconds heartbeat_;
   mutable std::mutex mutex_;
   std::condition_variable wake_;
-  bool stopping_ = false;
+  bool stopping_ = false, soon_ = false;
   std::map<std::string, ZRDirectoryEntry> entries_;
   std::map<std::string, ZRModuleInfo> published_;
   std::string epoch_;
