@@ -109,49 +109,89 @@ void ZRTransport::Impl::receiveFromRouter() {
     const bool saidHello = frames.size() > 0 && frames[0].size() == kHeaderSize &&
                            static_cast<const std::uint8_t*>(frames[0].data())[3] ==
                                static_cast<std::uint8_t>(MsgType::Hello);
-    Message m;
-    try {
-      m = decode(frames, options.maxMessageSize);
-    } catch (const DecodeError& e) {
-      ZRNET_LOG(vo::LogLevel_Warning)
-          << "dropped a malformed message from "
-          << (remote.host.empty() ? std::string("a new peer") : remote.host) << ": "
-          << e.getDescription();
-      Message error;
-      error.type = MsgType::Error;
-      error.id = e.callId();
-      error.module = e.callId() ? e.callModule() : "zrnet";
-      error.method = e.callId() ? e.callMethod() : "hello";
-      error.description = e.getDescription();
-      if (e.callId() || saidHello) sendToRemote(identity, encode(error));
-      if (saidHello) remotes.erase(identity);
+    // A large body is decoded on the pool, so that however many values it holds, the I/O
+    // thread goes on; what comes after it on that connection follows it there, in order.
+    // (Binary frames cost nothing to decode: only the msgpack body counts.)
+    if (remote.decoding > 0 || (frames.size() > 2 && frames[2].size() > kDecodeInline)) {
+      decodeAside(identity, remote, std::move(frames), saidHello);
       continue;
     }
-    switch (m.type) {
-      case MsgType::Hello:
-        remote.host = m.host;
-        remote.endpoint = m.endpoint;
-        sendToRemote(identity, helloMessage(), true, true);
-        break;
-      case MsgType::Call:
-      case MsgType::Data:
-        // A caller that does not read what it asked for gets no more work done (backpressure).
-        if (!remote.full) dispatch(identity, remote, std::move(m));
-        break;
-      case MsgType::Cancel: {
-        auto it = remote.running.find(m.id);
-        if (it != remote.running.end()) *it->second = true;
-        break;
-      }
-      case MsgType::Bye:
-        forget(identity);
-        break;
-      case MsgType::Ping:
-        break;
-      default:
-        ZRNET_LOG(vo::LogLevel_Warning)
-            << "dropped an unexpected " << msgTypeName(m.type) << " message from " << remote.host;
+    try {
+      take(identity, remote, decode(frames, options.maxMessageSize));
+    } catch (const DecodeError& e) {
+      refuse(identity, remote, e, saidHello);
     }
+  }
+}
+
+void ZRTransport::Impl::decodeAside(const std::string& identity, Remote& remote, Frames frames,
+                                    bool saidHello) {
+  ++remote.decoding;
+  auto shared = std::make_shared<Frames>(std::move(frames));
+  const std::size_t max = options.maxMessageSize;
+  std::weak_ptr<Impl> weak = shared_from_this();
+  runInLane(identity + std::string("\0\1decode", 8), [weak, identity, shared, max, saidHello] {
+    auto m = std::make_shared<Message>();
+    std::shared_ptr<DecodeError> failure;
+    try {
+      *m = decode(*shared, max);
+    } catch (const DecodeError& e) {
+      failure = std::make_shared<DecodeError>(e);
+    }
+    shared->clear();
+    if (std::shared_ptr<Impl> self = weak.lock())
+      self->post([self, identity, m, failure, saidHello] {
+        auto it = self->remotes.find(identity);
+        if (it == self->remotes.end()) return;  // forgotten meanwhile
+        --it->second.decoding;
+        if (failure)
+          self->refuse(identity, it->second, *failure, saidHello);
+        else
+          self->take(identity, it->second, std::move(*m));
+      });
+  });
+}
+
+void ZRTransport::Impl::refuse(const std::string& identity, Remote& remote, const DecodeError& e,
+                               bool saidHello) {
+  ZRNET_LOG(vo::LogLevel_Warning) << "dropped a malformed message from "
+                                  << (remote.host.empty() ? std::string("a new peer") : remote.host)
+                                  << ": " << e.getDescription();
+  Message error;
+  error.type = MsgType::Error;
+  error.id = e.callId();
+  error.module = e.callId() ? e.callModule() : "zrnet";
+  error.method = e.callId() ? e.callMethod() : "hello";
+  error.description = e.getDescription();
+  if (e.callId() || saidHello) sendToRemote(identity, encode(error));
+  if (saidHello) remotes.erase(identity);
+}
+
+void ZRTransport::Impl::take(const std::string& identity, Remote& remote, Message m) {
+  switch (m.type) {
+    case MsgType::Hello:
+      remote.host = m.host;
+      remote.endpoint = m.endpoint;
+      sendToRemote(identity, helloMessage(), true, true);
+      break;
+    case MsgType::Call:
+    case MsgType::Data:
+      // A caller that does not read what it asked for gets no more work done (backpressure).
+      if (!remote.full) dispatch(identity, remote, std::move(m));
+      break;
+    case MsgType::Cancel: {
+      auto it = remote.running.find(m.id);
+      if (it != remote.running.end()) *it->second = true;
+      break;
+    }
+    case MsgType::Bye:
+      forget(identity);
+      break;
+    case MsgType::Ping:
+      break;
+    default:
+      ZRNET_LOG(vo::LogLevel_Warning)
+          << "dropped an unexpected " << msgTypeName(m.type) << " message from " << remote.host;
   }
 }
 

@@ -89,6 +89,9 @@ inline std::int64_t zmqFrameLimit(std::size_t maxMessageSize) {
 inline std::size_t outboxLimit() {
   return 16u << 20;
 }
+/// Message bodies (msgpack, binary frames aside) up to this size are decoded on the I/O thread;
+/// larger ones, which may hold many values, on the pool.
+constexpr std::size_t kDecodeInline = 16 * 1024;
 /// Messages ZeroMQ itself keeps for one caller before this host's own queue for it takes over.
 constexpr int kRouterHighWater = 100;
 /// A caller whose queue is full and that has read nothing for this long is disconnected.
@@ -173,6 +176,7 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
     std::string address;         // the connection's peer address, to recognise that fd
     net::Outbox outbox;          // identity frame first
     bool full = false;           // its outbox is at the limit: its calls are not run
+    int decoding = 0;            // its messages being decoded on the pool
     Clock::time_point lastReceived, lastPing;
     std::map<std::uint64_t, std::shared_ptr<std::atomic<bool>>> running;  // cancel flags
     std::map<std::string, InStream> streams;
@@ -237,6 +241,10 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
                     bool control = false);
   void receiveFromRouter();
   void forget(const std::string& identity);
+  void decodeAside(const std::string& identity, Remote& remote, Frames frames, bool saidHello);
+  void refuse(const std::string& identity, Remote& remote, const net::DecodeError& e,
+              bool saidHello);
+  void take(const std::string& identity, Remote& remote, Message m);
   void flushRemotes();
   void disconnect(const std::string& identity, Remote& remote);
   void dispatch(const std::string& identity, Remote& remote, Message m);
