@@ -144,8 +144,14 @@ TEST(Transport, CallsFromOneCallerToOneModuleKeepTheirOrder) {
       pool.executor());
   ZRTransport caller(options("A", ""), noCalls(), pool.executor());
   std::vector<std::future<ZRValue>> calls;
-  for (int i = 0; i < 300; ++i)
-    calls.push_back(caller.callAsync(callee.endpoint(), i % 2 ? "M1" : "M2", "record", {i}));
+  // Every 7th carries a body large enough to be decoded off the I/O thread: the calls after it
+  // wait for it all the same.
+  const ZRValue large(std::string(40000, 'x'));
+  for (int i = 0; i < 300; ++i) {
+    std::vector<ZRValue> args{i};
+    if (i % 7 == 3) args.push_back(large);
+    calls.push_back(caller.callAsync(callee.endpoint(), i % 2 ? "M1" : "M2", "record", args));
+  }
   for (auto& f : calls) ready(f);
   std::vector<int> odd, even;
   for (int i = 0; i < 300; ++i) (i % 2 ? odd : even).push_back(i);
