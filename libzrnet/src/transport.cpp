@@ -169,8 +169,10 @@ void ZRTransport::Impl::flush() {
     sendToRemote(key.first, encode(m), true, true);
   }
   credits.clear();
-  for (auto& [endpoint, peer] : peers)
-    peer->outbox.flush([&](Frames& f) { return trySend(*peer->socket, f); });
+  for (auto& entry : peers) {  // (clang does not let a lambda capture a structured binding)
+    Peer& peer = *entry.second;
+    peer.outbox.flush([&](Frames& f) { return trySend(*peer.socket, f); });
+  }
   flushRemotes();
 }
 
