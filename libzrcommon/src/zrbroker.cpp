@@ -185,6 +185,10 @@ void ZRBroker::shutdown() {
     if (impl_->shutdown) return;
     impl_->shutdown = true;
   }
+  {
+    std::lock_guard<std::mutex> lock(impl_->infoMutex);
+    impl_->shutdownStarted = true;  // no more telling a memory service that came back
+  }
   if (impl_->reaper) impl_->reaper->stop();
   if (impl_->directoryClient) {
     // Withdraw every name in one go, before the modules go one by one; a directory that does not

@@ -78,6 +78,17 @@ struct ZRBroker::Impl {
   // Its own lock: registration publishes under `mutex`.
   std::mutex infoMutex;
   std::map<std::string, ZRModuleInfo> infos;
+  // What this host's modules subscribed to through the memory service (event, module ->
+  // callback), and where that service is listed; under infoMutex (zrmemoryreturn.cpp).
+  std::map<std::pair<std::string, std::string>, std::string> memorySubscriptions;
+  std::string memoryAt;
+  bool shutdownStarted = false;
+  void noteSubscription(const std::string& event, const std::string& module,
+                        const std::string& callback, bool subscribed);
+  /// The memory service is listed at `endpoint` (empty: no longer): when it appears elsewhere
+  /// or again, it is told on the pool what this host's modules declared and subscribed to.
+  void memoryListed(const std::string& endpoint);
+  void tellMemory(const std::string& endpoint);
 
   void noteMethods(const ZRModuleCore& module);
   void forgetInfo(const std::string& module) {

@@ -9,6 +9,7 @@
 
 #include <boost/asio/post.hpp>
 
+#include <zrcommon/detail/zrcaller.h>
 #include <zrcommon/detail/zrdeliverycontext.h>
 #include <zrcommon/detail/zrmoduleinternals.h>
 #include <zrcommon/zrproxy.h>
@@ -144,6 +145,7 @@ class DirectoryNetwork : public vo::SessionNetwork {
   DirectoryNetwork(ZRDirectoryClient& client, std::function<ZRModuleInfo(const std::string&)> info)
       : client_(client), info_(std::move(info)) {}
   void publish(const std::string& name) override { client_.publish(name, info_(name)); }
+  void lookFor(const std::string&) noexcept override { client_.syncSoon(); }
   void unpublish(const std::string& name) noexcept override {
     try {
       client_.unpublish(name);
@@ -214,9 +216,9 @@ void ZRBroker::Impl::noteMethods(const ZRModuleCore& module) {
   info.methods = std::move(methods);
 }
 
-ZRModuleInfo ZRBroker::Impl::moduleInfo(const std::string& name) {
+ZRModuleInfo ZRBroker::Impl::moduleInfo(const std::string& module) {
   std::lock_guard<std::mutex> lock(infoMutex);
-  auto it = infos.find(name);
+  auto it = infos.find(module);
   return it == infos.end() ? ZRModuleInfo{"module", {}, {}} : it->second;
 }
 
@@ -308,6 +310,8 @@ void ZRBroker::startNetwork(const ZRBrokerOptions& options) {
         context.completion =
             std::make_shared<detail::ZRCompletion>([answer, outcome] { outcome->give(answer); });
       detail::ZRDeliveryScope scope(std::move(context));
+      const detail::ZRCaller caller{c.peerHost, c.peerEndpoint, c.peerKey};
+      detail::ZRCallerScope from(caller);
       try {
         outcome->value = impl->runIncoming(c);
       } catch (const ZRError& e) {
@@ -345,6 +349,7 @@ void ZRBroker::startNetwork(const ZRBrokerOptions& options) {
   const std::string self = impl->transport->endpoint();
   auto apply = [impl, self, serverKey](const ZRDirectoryEntry& e, bool added) {
     if (e.endpoint == self) return;  // our own names, already local
+    if (e.name == kMemoryServiceName) impl->memoryListed(added ? e.endpoint : std::string());
     if (added && !serverKey.empty()) impl->transport->setServerKey(e.endpoint, serverKey);
     if (added)
       impl->session->addRemoteService(e.name, {e.host, e.endpoint});
@@ -371,6 +376,10 @@ void ZRBroker::startNetwork(const ZRBrokerOptions& options) {
       if (s.endpoint() == endpoint) s.lose();
     });
     if (impl->directoryClient) impl->directoryClient->forget(endpoint);
+    {
+      std::lock_guard<std::mutex> lock(impl->infoMutex);
+      if (impl->memoryAt == endpoint) impl->memoryAt.clear();  // the next listing is news
+    }
     for (const std::string& name : impl->session->services()) {
       auto where = impl->session->remoteService(name);
       if (where && where->address == endpoint) impl->session->removeRemoteService(name, endpoint);
@@ -403,6 +412,17 @@ void ZRModuleAccess::noteDeclaredEvent(ZRBroker& broker, const std::string& prod
         << "cannot tell the directory that \"" << producer << "\" declared \"" << event
         << "\": " << e.what();
   }
+}
+
+bool ZRModuleAccess::publisher(ZRBroker& broker, const std::string& name, std::string& endpoint,
+                               std::string& key) {
+  ZRBroker::Impl& impl = *broker.impl_;
+  if (!impl.directoryClient) return false;
+  std::optional<ZRDirectoryEntry> e = impl.directoryClient->find(name);
+  if (!e) return false;
+  endpoint = e->endpoint;
+  key = e->key;
+  return true;
 }
 
 std::shared_ptr<ZRStreamSender> ZRModuleAccess::openStream(ZRBroker& broker,

@@ -305,15 +305,18 @@ TEST(RemoteNames, AWaitedNameIsAskedForAtOnce) {
   ZR::ZRBrokerOptions o = Remote::directory();
   o.heartbeat = std::chrono::seconds(60);
   auto host = ZR::ZRBroker::createBroker("hostA", o);
+  auto early = ZR::ZRModule::createModule<Shapes>(host, "Early");
   o.serveDirectory = false;
   o.directory = host->endpoint();
   auto waiter = ZR::ZRBroker::createBroker("hostB", o);
-  auto module = ZR::ZRModule::createModule<Shapes>(host, "Late");  // after hostB's first sync
+  waiter->session()->waitForService("Early").wait();  // its first sync is over
+  auto module = ZR::ZRModule::createModule<Shapes>(host, "Late");
   EXPECT_EQ(waiter->session()->waitForService("Late").async().wait(
                 static_cast<int>(zrtest::kWaitLimit.count() * 1000)),
             vo::FutureState::FinishedWithValue);
   EXPECT_EQ(waiter->getProxy("Late")->call<int>("scale", 2), 4);
   module.reset();
+  early.reset();
   waiter->shutdown();
   host->shutdown();
 }

@@ -32,6 +32,7 @@ ZRValue entryValue(bool added, const ZRDirectoryEntry& e) {
   v.arrayPush(e.info.kind);
   v.arrayPush(ZRValue(e.info.methods));
   v.arrayPush(ZRValue(e.info.events));
+  v.arrayPush(e.key);
   return v;
 }
 
@@ -60,10 +61,11 @@ bool readDirectoryChange(const ZRValue& c, ZRDirectoryEntry& e, bool& added) {
       !c[3].isString())
     return false;
   added = c[0].toBool();
-  e = ZRDirectoryEntry{c[1], c[2], c[3], {}};
+  e = ZRDirectoryEntry{c[1], c[2], c[3], {}, {}};
   // What the module is comes from hosts that say so; older clients list only where it is.
   if (c.getSize() >= 7 && c[4].isString() && isStringList(c[5]) && isStringList(c[6]))
     e.info = {c[4], c[5].toStringVector(), c[6].toStringVector()};
+  if (c.getSize() >= 8 && c[7].isString()) e.key = c[7].toStringRef();
   return true;
 }
 
@@ -74,7 +76,7 @@ ZRDirectoryServer::ZRDirectoryServer(std::chrono::milliseconds heartbeat)
     : heartbeat_(heartbeat), epoch_(randomId()) {}
 
 void ZRDirectoryServer::record(bool added, const std::string& name, const Holder& h) {
-  changes_.push_back(Change{++seq_, added, ZRDirectoryEntry{name, h.host, h.endpoint, h.info}});
+  changes_.push_back(Change{++seq_, added, h.entry(name)});
   if (changes_.size() > 10000) changes_.pop_front();  // older clients get a snapshot
 }
 
@@ -113,8 +115,7 @@ ZRValue ZRDirectoryServer::handle(const ZRIncomingCall& c) {
     ZRValue list;
     list.arraySetSize(0);
     if (snapshot) {
-      for (const auto& [name, h] : names_)
-        list.arrayPush(entryValue(true, ZRDirectoryEntry{name, h.host, h.endpoint, h.info}));
+      for (const auto& [name, h] : names_) list.arrayPush(entryValue(true, h.entry(name)));
     } else {
       for (const Change& ch : changes_)
         if (ch.seq > from) list.arrayPush(entryValue(ch.added, ch.entry));
@@ -140,27 +141,39 @@ ZRValue ZRDirectoryServer::publish(const ZRIncomingCall& c) {
   } else {
     expectArgs(c, 4, 0);
   }
-  Holder h{c.args[0].toStringRef(), c.args[1].toStringRef(), c.args[2].toStringRef(), {}};
+  // Who asks: the connection's CURVE key when it has one (a host cannot claim another's), else
+  // the host id it registered with (known only to that host).
+  Holder h{c.args[0].toStringRef(),
+           c.args[1].toStringRef(),
+           c.args[2].toStringRef(),
+           {},
+           c.peerKey.empty() ? "host " + c.args[0].toStringRef() : "key " + c.peerKey};
   if (withInfo)
     h.info = {c.args[4].toStringRef(), c.args[5].toStringVector(), c.args[6].toStringVector()};
   const std::string& name = c.args[3].toStringRef();
   leases_[h.hostId] = Clock::now();
   auto it = names_.find(name);
+  if (it != names_.end() && it->second.identity != h.identity) {
+    const Holder& holder = it->second;
+    ZRDIR_LOG(vo::LogLevel_Warning)
+        << "refused to let host " << h.host << " (" << h.endpoint
+        << (c.peerKey.empty() ? "" : ", key ") << c.peerKey << ") " << c.method << " \"" << name
+        << "\": it belongs to host " << holder.host << " (" << holder.endpoint << ")";
+    throw ZRError(name, c.method, kHeldBy + holder.host + " (" + holder.endpoint + ")");
+  }
   if (c.method == "unpublish") {
-    if (it == names_.end() || it->second.hostId != h.hostId) return ZRValue(false);
+    if (it == names_.end()) return ZRValue(false);
     record(false, name, it->second);
     names_.erase(it);
     return ZRValue(true);
   }
-  if (it != names_.end() && it->second.hostId != h.hostId && it->second.endpoint == h.endpoint) {
-    // The old holder's process is gone: another one listens at its address now.
+  if (it != names_.end() && it->second.hostId != h.hostId) {
+    // The same identity under a new host id: the holder restarted, and has its name back now.
     record(false, name, it->second);
     names_.erase(it);
     it = names_.end();
   }
   if (it != names_.end()) {
-    if (it->second.hostId != h.hostId)
-      throw ZRError(name, "publish", kHeldBy + it->second.host + " (" + it->second.endpoint + ")");
     // A publish that says nothing of the module (an older client's) leaves what was said.
     if (!withInfo || it->second.info == h.info) return ZRValue(true);
     it->second.info = h.info;  // the holder tells more about its module: everyone learns it
@@ -234,7 +247,14 @@ void ZRDirectoryClient::publish(const std::string& name, const ZRModuleInfo& inf
                     std::max(left, std::chrono::milliseconds(1)));
       break;
     } catch (const ZRError& e) {
-      if (e.getDescription() != "module destroyed" || Clock::now() >= until) throw;
+      // Held by the host that listened at our own address before us: that process is gone, and
+      // its lease runs out within 3 heartbeats (under CURVE, our key gets the name at once).
+      const std::string& d = e.getDescription();
+      const std::string atOurs = "(" + transport_.endpoint() + ")";
+      const bool ours = d.rfind(ZRDirectoryServer::kHeldBy, 0) == 0 && d.size() > atOurs.size() &&
+                        d.compare(d.size() - atOurs.size(), atOurs.size(), atOurs) == 0;
+      if ((d != "module destroyed" && !ours) || Clock::now() >= until) throw;
+      if (ours) std::this_thread::sleep_for(heartbeat_ / 2);
     }
   }
   std::lock_guard<std::mutex> lock(mutex_);
@@ -299,7 +319,8 @@ void ZRDirectoryClient::apply(const ZRDirectoryEntry& entry, bool added) {
     auto it = entries_.find(entry.name);
     if (added) {
       if (it != entries_.end() && it->second.host == entry.host &&
-          it->second.endpoint == entry.endpoint && it->second.info == entry.info)
+          it->second.endpoint == entry.endpoint && it->second.info == entry.info &&
+          it->second.key == entry.key)
         return;  // a snapshot repeating what we know
       entries_[entry.name] = entry;
     } else {

@@ -4,9 +4,24 @@
 
 #include "transportimpl.h"
 
+#include <sys/socket.h>
+
+#include <cerrno>
+
 namespace ZR {
 
 using namespace net;
+
+namespace {
+// The address at the other end of a connection, as raw bytes; empty when there is none.
+std::string peerAddress(int fd) {
+  if (fd < 0) return {};
+  sockaddr_storage address{};
+  socklen_t size = sizeof address;
+  if (::getpeername(fd, reinterpret_cast<sockaddr*>(&address), &size) != 0) return {};
+  return std::string(reinterpret_cast<const char*>(&address), size);
+}
+}  // namespace
 
 bool ZRTransport::Impl::sendRouted(Frames& frames) {
   try {
@@ -20,12 +35,62 @@ bool ZRTransport::Impl::sendRouted(Frames& frames) {
 void ZRTransport::Impl::sendToRemote(const std::string& identity, Frames frames, bool keep,
                                      bool control) {
   frames.insert(frames.begin(), zmq::message_t(identity.data(), identity.size()));
-  if (routerOutbox.empty() && sendRouted(frames)) return;
-  if (keep) routerOutbox.push(std::move(frames), control);
+  auto it = remotes.find(identity);
+  if (it == remotes.end()) {  // one we forgot: now or never
+    sendRouted(frames);
+    return;
+  }
+  // Each caller has its own queue: one that does not read holds up nobody else, and what keeps
+  // it alive does not wait behind its data.
+  Outbox& box = it->second.outbox;
+  if ((control ? box.control.empty() : box.empty()) && sendRouted(frames)) return;
+  if (!keep) return;
+  box.push(std::move(frames), control);
+  if (!it->second.full && box.bytes > outboxLimit()) {
+    it->second.full = true;
+    ZRNET_LOG(vo::LogLevel_Warning)
+        << "caller " << it->second.host << " does not read its replies (" << box.bytes
+        << " bytes wait for it): its calls wait until it does, and it is disconnected if it "
+           "reads nothing for "
+        << std::chrono::duration_cast<std::chrono::milliseconds>(stallTime(heartbeat())).count()
+        << " ms";
+  }
+}
+
+void ZRTransport::Impl::flushRemotes() {
+  const auto now = Clock::now();
+  for (auto it = remotes.begin(); it != remotes.end();) {
+    const std::string identity = it->first;
+    Remote& remote = (it++)->second;  // disconnect() erases it
+    if (remote.outbox.empty()) continue;
+    remote.outbox.flush([&](Frames& f) { return sendRouted(f); });
+    if (remote.full && remote.outbox.bytes <= outboxLimit() / 2) {
+      remote.full = false;
+      ZRNET_LOG(vo::LogLevel_Info) << "caller " << remote.host << " reads its replies again";
+    }
+    if (remote.full && remote.outbox.stuckSince != Clock::time_point{} &&
+        now - remote.outbox.stuckSince > stallTime(heartbeat()))
+      disconnect(identity, remote);
+  }
+}
+
+void ZRTransport::Impl::disconnect(const std::string& identity, Remote& remote) {
+  ZRNET_LOG(vo::LogLevel_Warning)
+      << "disconnected caller " << remote.host << ": it read nothing of the " << remote.outbox.bytes
+      << " bytes waiting for it for "
+      << std::chrono::duration_cast<std::chrono::milliseconds>(stallTime(heartbeat())).count()
+      << " ms";
+  // ZeroMQ has no way to close one connection of a listening socket: its descriptor is shut
+  // down, once it is sure to be the same connection, and ZeroMQ then drops its queue itself.
+  if (remote.fd >= 0 && peerAddress(remote.fd) == remote.address && !remote.address.empty())
+    ::shutdown(remote.fd, SHUT_RDWR);
+  forget(identity);
 }
 
 void ZRTransport::Impl::receiveFromRouter() {
-  while (true) {
+  // A slice at a time, so that a flood does not keep liveness and the queues waiting.
+  const auto sliceEnd = Clock::now() + heartbeat() / 10;
+  while (Clock::now() < sliceEnd) {
     Frames frames;
     if (!zmq::recv_multipart(*router, std::back_inserter(frames), zmq::recv_flags::dontwait))
       return;
@@ -34,51 +99,99 @@ void ZRTransport::Impl::receiveFromRouter() {
     Remote& remote = remotes[identity];
     const bool isNew = remote.lastReceived == Clock::time_point();
     remote.lastReceived = Clock::now();
-    if (isNew) remote.lastPing = remote.lastReceived;
+    if (isNew && !frames.empty()) {
+      remote.lastPing = remote.lastReceived;
+      remote.fd = zmq_msg_get(frames[0].handle(), ZMQ_SRCFD);
+      remote.address = peerAddress(remote.fd);
+      const char* key = curve() ? zmq_msg_gets(frames[0].handle(), "User-Id") : nullptr;
+      if (key) remote.key = key;
+    }
     const bool saidHello = frames.size() > 0 && frames[0].size() == kHeaderSize &&
                            static_cast<const std::uint8_t*>(frames[0].data())[3] ==
                                static_cast<std::uint8_t>(MsgType::Hello);
-    Message m;
-    try {
-      m = decode(frames, options.maxMessageSize);
-    } catch (const DecodeError& e) {
-      ZRNET_LOG(vo::LogLevel_Warning)
-          << "dropped a malformed message from "
-          << (remote.host.empty() ? std::string("a new peer") : remote.host) << ": "
-          << e.getDescription();
-      Message error;
-      error.type = MsgType::Error;
-      error.id = e.callId();
-      error.module = e.callId() ? e.callModule() : "zrnet";
-      error.method = e.callId() ? e.callMethod() : "hello";
-      error.description = e.getDescription();
-      if (e.callId() || saidHello) sendToRemote(identity, encode(error));
-      if (saidHello) remotes.erase(identity);
+    // A large body is decoded on the pool, so that however many values it holds, the I/O
+    // thread goes on; what comes after it on that connection follows it there, in order.
+    // (Binary frames cost nothing to decode: only the msgpack body counts.)
+    if (remote.decoding > 0 || (frames.size() > 2 && frames[2].size() > kDecodeInline)) {
+      decodeAside(identity, remote, std::move(frames), saidHello);
       continue;
     }
-    switch (m.type) {
-      case MsgType::Hello:
-        remote.host = m.host;
-        sendToRemote(identity, helloMessage(), true, true);
-        break;
-      case MsgType::Call:
-      case MsgType::Data:
-        dispatch(identity, remote, std::move(m));
-        break;
-      case MsgType::Cancel: {
-        auto it = remote.running.find(m.id);
-        if (it != remote.running.end()) *it->second = true;
-        break;
-      }
-      case MsgType::Bye:
-        forget(identity);
-        break;
-      case MsgType::Ping:
-        break;
-      default:
-        ZRNET_LOG(vo::LogLevel_Warning)
-            << "dropped an unexpected " << msgTypeName(m.type) << " message from " << remote.host;
+    try {
+      take(identity, remote, decode(frames, options.maxMessageSize));
+    } catch (const DecodeError& e) {
+      refuse(identity, remote, e, saidHello);
     }
+  }
+}
+
+void ZRTransport::Impl::decodeAside(const std::string& identity, Remote& remote, Frames frames,
+                                    bool saidHello) {
+  ++remote.decoding;
+  auto shared = std::make_shared<Frames>(std::move(frames));
+  const std::size_t max = options.maxMessageSize;
+  std::weak_ptr<Impl> weak = shared_from_this();
+  runInLane(identity + std::string("\0\1decode", 8), [weak, identity, shared, max, saidHello] {
+    auto m = std::make_shared<Message>();
+    std::shared_ptr<DecodeError> failure;
+    try {
+      *m = decode(*shared, max);
+    } catch (const DecodeError& e) {
+      failure = std::make_shared<DecodeError>(e);
+    }
+    shared->clear();
+    if (std::shared_ptr<Impl> self = weak.lock())
+      self->post([self, identity, m, failure, saidHello] {
+        auto it = self->remotes.find(identity);
+        if (it == self->remotes.end()) return;  // forgotten meanwhile
+        --it->second.decoding;
+        if (failure)
+          self->refuse(identity, it->second, *failure, saidHello);
+        else
+          self->take(identity, it->second, std::move(*m));
+      });
+  });
+}
+
+void ZRTransport::Impl::refuse(const std::string& identity, Remote& remote, const DecodeError& e,
+                               bool saidHello) {
+  ZRNET_LOG(vo::LogLevel_Warning) << "dropped a malformed message from "
+                                  << (remote.host.empty() ? std::string("a new peer") : remote.host)
+                                  << ": " << e.getDescription();
+  Message error;
+  error.type = MsgType::Error;
+  error.id = e.callId();
+  error.module = e.callId() ? e.callModule() : "zrnet";
+  error.method = e.callId() ? e.callMethod() : "hello";
+  error.description = e.getDescription();
+  if (e.callId() || saidHello) sendToRemote(identity, encode(error));
+  if (saidHello) remotes.erase(identity);
+}
+
+void ZRTransport::Impl::take(const std::string& identity, Remote& remote, Message m) {
+  switch (m.type) {
+    case MsgType::Hello:
+      remote.host = m.host;
+      remote.endpoint = m.endpoint;
+      sendToRemote(identity, helloMessage(), true, true);
+      break;
+    case MsgType::Call:
+    case MsgType::Data:
+      // A caller that does not read what it asked for gets no more work done (backpressure).
+      if (!remote.full) dispatch(identity, remote, std::move(m));
+      break;
+    case MsgType::Cancel: {
+      auto it = remote.running.find(m.id);
+      if (it != remote.running.end()) *it->second = true;
+      break;
+    }
+    case MsgType::Bye:
+      forget(identity);
+      break;
+    case MsgType::Ping:
+      break;
+    default:
+      ZRNET_LOG(vo::LogLevel_Warning)
+          << "dropped an unexpected " << msgTypeName(m.type) << " message from " << remote.host;
   }
 }
 
@@ -104,6 +217,8 @@ void ZRTransport::Impl::dispatch(const std::string& identity, Remote& remote, Me
   call->method = std::move(m.method);
   call->caller = std::move(m.caller);
   call->peerHost = remote.host;
+  call->peerEndpoint = remote.endpoint;
+  call->peerKey = remote.key;
   call->args = std::move(m.args);
   call->oneWay = asked.oneWay;
   call->stream = asked.stream;

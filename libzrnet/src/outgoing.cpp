@@ -21,6 +21,13 @@ void ZRTransport::Impl::startCall(const std::string& endpoint, Message m,
     return;
   }
   Peer& peer = peerFor(endpoint);
+  if (peer.outbox.bytes > outboxLimit()) {
+    promise->set_exception(std::make_exception_ptr(
+        ZRError(m.module, m.method,
+                "the host at " + endpoint + " reads nothing: " + std::to_string(peer.outbox.bytes) +
+                    " bytes already wait for it")));
+    return;
+  }
   m.id = nextId++;
   m.seq = nextSeq++;
   peer.pending[m.id] = Pending{promise, m.module, m.method, deadline};
@@ -62,7 +69,7 @@ ZRTransport::Impl::Peer& ZRTransport::Impl::peerFor(const std::string& endpoint)
   auto& s = *peer->socket;
   s.set(zmq::sockopt::immediate, 1);
   s.set(zmq::sockopt::linger, 0);
-  s.set(zmq::sockopt::maxmsgsize, static_cast<std::int64_t>(options.maxMessageSize));
+  s.set(zmq::sockopt::maxmsgsize, zmqFrameLimit(options.maxMessageSize));
   s.set(zmq::sockopt::reconnect_ivl, 100);
   s.set(zmq::sockopt::reconnect_ivl_max, 2000);
   secure(s, endpoint);
@@ -119,7 +126,8 @@ void ZRTransport::Impl::lose(const std::string& endpoint, const std::string& why
 
 void ZRTransport::Impl::receiveFromPeer(Peer& peer) {
   const std::string endpoint = peer.endpoint;
-  while (true) {
+  const auto sliceEnd = Clock::now() + heartbeat() / 10;
+  while (Clock::now() < sliceEnd) {
     Frames frames;
     if (!zmq::recv_multipart(*peer.socket, std::back_inserter(frames), zmq::recv_flags::dontwait))
       return;

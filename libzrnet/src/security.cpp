@@ -49,8 +49,9 @@ void ZRTransport::Impl::listen() {
     router->set(zmq::sockopt::zap_domain, "zr");
   }
   router->set(zmq::sockopt::router_mandatory, 1);
+  router->set(zmq::sockopt::sndhwm, kRouterHighWater);
   router->set(zmq::sockopt::linger, 0);
-  router->set(zmq::sockopt::maxmsgsize, static_cast<std::int64_t>(options.maxMessageSize));
+  router->set(zmq::sockopt::maxmsgsize, zmqFrameLimit(options.maxMessageSize));
   try {
     router->bind(bindAddress(options.listen));
   } catch (const zmq::error_t& e) {

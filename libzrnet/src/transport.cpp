@@ -104,9 +104,8 @@ void ZRTransport::Impl::run() {
     if (itemsStale) rebuildItems();
     // Only the wanting-to-write bits change between passes.
     std::size_t at = 1;
-    if (router)
-      items[at++].events =
-          static_cast<short>(ZMQ_POLLIN | (routerOutbox.empty() ? 0 : ZMQ_POLLOUT));
+    // A listening socket always looks writable: its callers' queues are retried on a timer.
+    if (router) ++at;
     if (zap) ++at;
     if (monitor) ++at;
     for (Peer* p : polled)
@@ -144,6 +143,11 @@ void ZRTransport::Impl::run() {
 
 std::chrono::milliseconds ZRTransport::Impl::pollTimeout() const {
   auto timeout = std::max(std::chrono::milliseconds(1), heartbeat() / 5);
+  // A caller's queue is tried again soon while it moves, less often once it is stuck.
+  for (auto& [identity, remote] : remotes)
+    if (!remote.outbox.empty())
+      timeout = std::min(timeout, std::chrono::milliseconds(
+                                      remote.outbox.stuckSince == Clock::time_point{} ? 2 : 10));
   const auto now = Clock::now();
   for (auto& [e, peer] : peers)
     for (auto& [id, p] : peer->pending)
@@ -170,9 +174,11 @@ void ZRTransport::Impl::sendCredits(const std::string* identity) {
 
 void ZRTransport::Impl::flush() {
   sendCredits(nullptr);
-  for (auto& [endpoint, peer] : peers)
-    peer->outbox.flush([&](Frames& f) { return trySend(*peer->socket, f); });
-  routerOutbox.flush([&](Frames& f) { return sendRouted(f); });
+  for (auto& entry : peers) {  // (clang does not let a lambda capture a structured binding)
+    Peer& peer = *entry.second;
+    peer.outbox.flush([&](Frames& f) { return trySend(*peer.socket, f); });
+  }
+  flushRemotes();
 }
 
 Frames ZRTransport::Impl::helloMessage() const {

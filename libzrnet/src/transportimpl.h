@@ -7,6 +7,7 @@
 
 #include <zrnet/zrtransport.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <deque>
@@ -39,21 +40,64 @@ inline const Clock::duration kForgetTime = std::chrono::seconds(60);
 /// then left as they were).
 bool trySend(zmq::socket_t& socket, Frames& frames);
 
-/// Messages waiting for a socket, control (credits, pings, stream errors, bye) before data, so
+inline std::size_t byteSize(const Frames& frames) {
+  std::size_t n = 0;
+  for (const auto& f : frames) n += f.size();
+  return n;
+}
+
+/// Messages waiting for one peer, control (credits, pings, stream errors, bye) before data, so
 /// that a backlog of data never holds up what keeps the peers alive and the streams moving.
 struct Outbox {
   std::deque<Frames> control, data;
+  std::size_t bytes = 0;           // of both queues
+  Clock::time_point stuckSince{};  // when a send to it last failed with nothing sent since
   bool empty() const { return control.empty() && data.empty(); }
   void push(Frames frames, bool isControl) {
+    bytes += byteSize(frames);
     (isControl ? control : data).push_back(std::move(frames));
   }
   /// Sends what the socket takes, with `send` (trySend, or one that knows a gone peer).
   template <class Send>
   void flush(Send&& send) {
+    bool sent = false;
     for (auto* q : {&control, &data})
-      while (!q->empty() && send(q->front())) q->pop_front();
+      while (!q->empty()) {
+        const std::size_t n = byteSize(q->front());
+        if (!send(q->front())) break;
+        bytes -= n;
+        q->pop_front();
+        sent = true;
+      }
+    if (sent || empty())
+      stuckSince = Clock::time_point{};
+    else if (stuckSince == Clock::time_point{})
+      stuckSince = Clock::now();
   }
 };
+
+/// What ZeroMQ itself takes in one frame: twice the limit, so that a message over the limit is
+/// still read and refused with a log line (and its caller told); only beyond this does ZeroMQ
+/// drop the connection unread, before the bytes could cost memory.
+inline std::int64_t zmqFrameLimit(std::size_t maxMessageSize) {
+  return static_cast<std::int64_t>(2 * maxMessageSize);
+}
+
+/// How much may wait for one peer that does not read: beyond it a caller's new calls are not
+/// run (and a callee gets no new calls) until it has read half of it. A larger single message
+/// still goes.
+inline std::size_t outboxLimit() {
+  return 16u << 20;
+}
+/// Message bodies (msgpack, binary frames aside) up to this size are decoded on the I/O thread;
+/// larger ones, which may hold many values, on the pool.
+constexpr std::size_t kDecodeInline = 16 * 1024;
+/// Messages ZeroMQ itself keeps for one caller before this host's own queue for it takes over.
+constexpr int kRouterHighWater = 100;
+/// A caller whose queue is full and that has read nothing for this long is disconnected.
+inline Clock::duration stallTime(std::chrono::milliseconds heartbeat) {
+  return std::max<Clock::duration>(20 * heartbeat, std::chrono::seconds(5));
+}
 
 }  // namespace net
 
@@ -125,8 +169,14 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
     };
     std::deque<Entry> entries;
   };
-  struct Remote {  // a host that calls us, by routing identity
-    std::string host;
+  struct Remote {                // a host that calls us, by routing identity
+    std::string host, endpoint;  // as its hello said
+    std::string key;             // its CURVE public key (Z85), when authenticated
+    int fd = -1;                 // its connection, to cut it when it stalls
+    std::string address;         // the connection's peer address, to recognise that fd
+    net::Outbox outbox;          // identity frame first
+    bool full = false;           // its outbox is at the limit: its calls are not run
+    int decoding = 0;            // its messages being decoded on the pool
     Clock::time_point lastReceived, lastPing;
     std::map<std::uint64_t, std::shared_ptr<std::atomic<bool>>> running;  // cancel flags
     std::map<std::string, InStream> streams;
@@ -135,7 +185,6 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
   std::unique_ptr<zmq::socket_t> zap;      // authenticates CURVE clients
   std::unique_ptr<zmq::socket_t> monitor;  // the router's connections coming and going
   int connections = 0;                     // open on the router, by `monitor`
-  net::Outbox routerOutbox;                // identity frame first
   std::map<std::string, std::unique_ptr<Peer>> peers;
   // Endpoints found dead whose peer-lost listener has not returned yet.
   std::set<std::string> unreported;
@@ -192,6 +241,12 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
                     bool control = false);
   void receiveFromRouter();
   void forget(const std::string& identity);
+  void decodeAside(const std::string& identity, Remote& remote, Frames frames, bool saidHello);
+  void refuse(const std::string& identity, Remote& remote, const net::DecodeError& e,
+              bool saidHello);
+  void take(const std::string& identity, Remote& remote, Message m);
+  void flushRemotes();
+  void disconnect(const std::string& identity, Remote& remote);
   void dispatch(const std::string& identity, Remote& remote, Message m);
   // What an answer needs to know of the message it answers; not the arguments, which may hold
   // large binaries that should go as soon as the call is done with them.

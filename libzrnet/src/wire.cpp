@@ -1,5 +1,8 @@
 #include "wire.h"
 
+#include "bodyreader.h"
+
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -14,9 +17,10 @@ namespace net {
 namespace {
 
 using Packer = msgpack::packer<msgpack::sbuffer>;
-// msgpack allocates arrays and maps before reading their elements, and recurses on nesting:
-// both are bounded before a single element is read.
-constexpr std::size_t kMaxDepth = 32;
+// msgpack allocates arrays and maps before reading their elements: an envelope (a handful of
+// keys) is kept small so that what it declares stays small. Bodies have a reader of their own.
+constexpr std::size_t kMaxEnvelope = 64 * 1024;
+constexpr std::size_t kMaxEnvelopeEntries = 64;
 
 zmq::message_t bufferFrame(msgpack::sbuffer& buffer) {
   return zmq::message_t(buffer.data(), buffer.size());
@@ -36,11 +40,6 @@ zmq::message_t binaryFrame(const ZRValue& v) {
 
 void putBE32(char* out, std::uint32_t v) {
   for (int i = 3; i >= 0; --i, v >>= 8) out[i] = static_cast<char>(v & 0xff);
-}
-std::uint32_t getBE32(const char* in) {
-  std::uint32_t v = 0;
-  for (int i = 0; i < 4; ++i) v = (v << 8) | static_cast<unsigned char>(in[i]);
-  return v;
 }
 
 void packValue(Packer& pk, msgpack::sbuffer& out, const ZRValue& v, Frames& binaries) {
@@ -175,7 +174,10 @@ struct Reader {
 
 msgpack::object_handle unpackFrame(const zmq::message_t& frame, const char* what, const Reader& r) {
   const std::size_t n = frame.size();
-  msgpack::unpack_limit limit(n, n / 2, n, n, n, kMaxDepth);
+  if (n > kMaxEnvelope)
+    r.fail(std::string("the ") + what + " holds " + std::to_string(n) + " bytes, more than " +
+           std::to_string(kMaxEnvelope));
+  msgpack::unpack_limit limit(kMaxEnvelopeEntries, kMaxEnvelopeEntries, n, n, n, kMaxDepth);
   std::size_t offset = 0;
   msgpack::object_handle handle;
   try {
@@ -258,53 +260,30 @@ struct BinaryFrames {
   }
 };
 
-ZRValue toValue(const msgpack::object& o, BinaryFrames& bins, const Reader& r) {
-  using namespace msgpack::type;
-  switch (o.type) {
-    case NIL:
-      return ZRValue();
-    case BOOLEAN:
-      return ZRValue(o.via.boolean);
-    case POSITIVE_INTEGER:
-      if (o.via.u64 > static_cast<std::uint64_t>(std::numeric_limits<int>::max()))
-        r.fail("integer " + std::to_string(o.via.u64) + " does not fit in 32 bits");
-      return ZRValue(static_cast<int>(o.via.u64));
-    case NEGATIVE_INTEGER:
-      if (o.via.i64 < std::numeric_limits<int>::min())
-        r.fail("integer " + std::to_string(o.via.i64) + " does not fit in 32 bits");
-      return ZRValue(static_cast<int>(o.via.i64));
-    case FLOAT32:
-    case FLOAT64:
-      return ZRValue(static_cast<float>(o.via.f64));
-    case STR:
-      return ZRValue(std::string(o.via.str.ptr, o.via.str.size));
-    case ARRAY: {
-      ZRValue v;
-      v.arraySetSize(0);
-      v.arrayReserve(static_cast<int>(o.via.array.size));
-      for (std::uint32_t i = 0; i < o.via.array.size; ++i)
-        v.arrayPush(toValue(o.via.array.ptr[i], bins, r));
-      return v;
-    }
-    case EXT: {
-      if (o.via.ext.type() != kBinaryExtType || o.via.ext.size != 8)
-        r.fail("unknown extension type " + std::to_string(o.via.ext.type()) + " of " +
-               std::to_string(o.via.ext.size) + " bytes");
-      const std::uint32_t index = getBE32(o.via.ext.data());
-      const std::uint32_t size = getBE32(o.via.ext.data() + 4);
-      if (index >= bins.count())
-        r.fail("binary block " + std::to_string(index) + " refers to a missing frame (" +
-               std::to_string(bins.count()) + " binary frames)");
-      auto& block = bins.owners[index];
-      if (!block.owner) block = bins.take(index);
-      if (block.size != size)
-        r.fail("binary block " + std::to_string(index) + " declares " + std::to_string(size) +
-               " bytes, its frame has " + std::to_string(block.size));
-      return ZRValue(block.data, block.size, block.owner);
-    }
-    default:
-      r.fail("unsupported msgpack type " + std::to_string(static_cast<int>(o.type)));
+// Best effort: the id, module and method of a call whose message is otherwise refused.
+void identifyCall(const zmq::message_t& envelope, Reader& r) {
+  try {
+    Reader quiet;
+    msgpack::object_handle h = unpackFrame(envelope, "envelope", quiet);
+    if (h.get().type != msgpack::type::MAP) return;
+    Envelope env{&h.get().via.map};
+    const std::uint64_t id = env.uintField("id", quiet, std::numeric_limits<std::uint64_t>::max());
+    r.module = env.strField("module", quiet);
+    r.method = env.strField("method", quiet);
+    r.callId = id;
+  } catch (const DecodeError&) {
   }
+}
+
+// A fan-out makes every call on every module it names: that product is bounded by the bytes
+// that came, so that a tiny message cannot cost seconds.
+void checkFanOut(const Message& m, std::size_t bytes, const Reader& r) {
+  if (m.args.empty() || !m.args[0].isArray()) return;  // refused by the host, with its reason
+  const std::size_t modules = m.args[0].arrayElements().size();
+  const std::size_t calls = m.args.size() - 1;
+  if (modules > 0 && calls > std::max<std::size_t>(bytes, 64) / modules)
+    r.fail("a fan-out of " + std::to_string(calls) + " calls to " + std::to_string(modules) +
+           " modules asks more than its " + std::to_string(bytes) + " bytes allow");
 }
 
 }  // namespace
@@ -371,16 +350,23 @@ Message decode(Frames& frames, std::size_t maxMessageSize) {
     r.fail("truncated message: " + std::to_string(frames.size()) + " frames, at least 3 needed");
   std::size_t total = 0;
   for (const auto& f : frames) total += f.size();
-  if (total > maxMessageSize)
+  if (total > maxMessageSize) {
+    const auto* head = static_cast<const unsigned char*>(frames[0].data());
+    if (frames[0].size() == kHeaderSize && head[3] == static_cast<std::uint8_t>(MsgType::Call))
+      identifyCall(frames[1], r);
     r.fail("message of " + std::to_string(total) + " bytes exceeds the maximum of " +
            std::to_string(maxMessageSize));
+  }
 
   const auto* h = static_cast<const unsigned char*>(frames[0].data());
   if (frames[0].size() != kHeaderSize || h[0] != 'Z' || h[1] != 'R')
     r.fail("not a protocol message (bad header)");
-  if (h[2] != kProtocolVersion)
+  if (h[2] != kProtocolVersion) {
+    // A call of another version is answered all the same, when its envelope tells which call.
+    if (h[3] == static_cast<std::uint8_t>(MsgType::Call)) identifyCall(frames[1], r);
     r.fail("protocol version mismatch: peer speaks version " + std::to_string(h[2]) +
            ", this host speaks version " + std::to_string(kProtocolVersion));
+  }
   Message m;
   m.type = static_cast<MsgType>(h[3]);
   if (h[3] < static_cast<int>(MsgType::Hello) || h[3] > static_cast<int>(MsgType::StreamError))
@@ -448,18 +434,29 @@ Message decode(Frames& frames, std::size_t maxMessageSize) {
       break;
   }
 
-  msgpack::object_handle bodyHandle = unpackFrame(frames[2], "body", r);
-  const msgpack::object& body = bodyHandle.get();
   BinaryFrames bins{&frames, 3, {}};
   bins.owners.resize(bins.count());
+  auto binary = [&](std::uint32_t index, std::uint32_t size) {
+    if (index >= bins.count())
+      r.fail("binary block " + std::to_string(index) + " refers to a missing frame (" +
+             std::to_string(bins.count()) + " binary frames)");
+    auto& block = bins.owners[index];
+    if (!block.owner) block = bins.take(index);
+    if (block.size != size)
+      r.fail("binary block " + std::to_string(index) + " declares " + std::to_string(size) +
+             " bytes, its frame has " + std::to_string(block.size));
+    return ZRValue(block.data, block.size, block.owner);
+  };
+  BodyReader body(
+      frames[2].data(), frames[2].size(), [&](const std::string& what) { r.fail(what); }, binary);
   if (hasArgs(m.type)) {
-    if (body.type != msgpack::type::ARRAY) r.fail("arguments are not an array");
-    m.args.reserve(body.via.array.size);
-    for (std::uint32_t i = 0; i < body.via.array.size; ++i)
-      m.args.push_back(toValue(body.via.array.ptr[i], bins, r));
+    m.args = body.arguments();
+    body.expectEnd();
+    if (m.type == MsgType::Data && m.module.empty()) checkFanOut(m, total, r);
   } else if (m.type == MsgType::Reply) {
-    m.value = toValue(body, bins, r);
-  } else if (body.type != msgpack::type::NIL) {
+    m.value = body.value();
+    body.expectEnd();
+  } else if (!body.isNil()) {
     r.fail(std::string("a ") + msgTypeName(m.type) + " message carries no body");
   }
   for (std::size_t i = 0; i < bins.owners.size(); ++i)

@@ -119,4 +119,66 @@ TEST(Directory, HostsSeeEachOthersNamesConflictsLateJoinersLeasesAndRestarts) {
             "expects 2 strings and 1 integers");
 }
 
+// What the directory sees of a call: who asks (host id, host, endpoint) over which key.
+ZRIncomingCall directoryCall(const std::string& method, const std::string& hostId,
+                             const std::string& endpoint, const std::string& name,
+                             const std::string& key = "") {
+  ZRIncomingCall c;
+  c.module = ZRDirectoryServer::kModuleName;
+  c.method = method;
+  c.peerKey = key;
+  c.args = {ZRValue(hostId), ZRValue("host-" + hostId), ZRValue(endpoint), ZRValue(name)};
+  return c;
+}
+
+std::string listed(ZRDirectoryServer& server, const std::string& name) {
+  ZRIncomingCall sync;
+  sync.method = "sync";
+  sync.args = {ZRValue("reader"), ZRValue(""), ZRValue(0)};
+  const ZRValue reply = server.handle(sync);
+  for (const ZRValue& c : reply[3].arrayElements()) {
+    ZRDirectoryEntry e;
+    bool added = false;
+    if (readDirectoryChange(c, e, added) && e.name == name)
+      return e.host + "@" + e.endpoint + "#" + e.key;
+  }
+  return "";
+}
+
+TEST(Directory, ANameBelongsToTheIdentityThatPublishedIt) {
+  zrtest::LogCapture log("zrnet", vo::LogLevel_Warning);
+  ZRDirectoryServer server(kBeat);
+  auto refusal = [&](const ZRIncomingCall& c) {
+    return zrtest::errorOf([&] { server.handle(c); });
+  };
+  // Without CURVE the identity is the host id: another id claiming the holder's endpoint, its
+  // unpublish, or a publish of its own are refused, naming the holder.
+  server.handle(directoryCall("publish", "v1", "tcp://v:1", "X"));
+  for (const auto& [method, endpoint] : std::vector<std::pair<std::string, std::string>>{
+           {"publish", "tcp://v:1"}, {"unpublish", "tcp://v:1"}, {"publish", "tcp://e:2"}}) {
+    const ZRError e = refusal(directoryCall(method, "evil", endpoint, "X"));
+    EXPECT_EQ(e.getModuleName() + "|" + e.getMethodName() + "|" + e.getDescription(),
+              "X|" + method + "|already published by host host-v1 (tcp://v:1)");
+  }
+  EXPECT_EQ(listed(server, "X"), "host-v1@tcp://v:1#");
+  EXPECT_EQ(log.count("refused to let host host-evil (tcp://e:2) publish \"X\": it belongs to "
+                      "host host-v1 (tcp://v:1)"),
+            1);
+  EXPECT_EQ(server.handle(directoryCall("unpublish", "nobody", "tcp://n:1", "Y")), ZRValue(false));
+
+  // Under CURVE the identity is the key: even the holder's own host id over another key is
+  // refused, and the holder's key under a new host id (a restart) has the name back at once.
+  server.handle(directoryCall("publish", "k1", "tcp://k:1", "K", "KEY-A"));
+  EXPECT_EQ(refusal(directoryCall("publish", "k1", "tcp://k:1", "K", "KEY-B")).getDescription(),
+            "already published by host host-k1 (tcp://k:1)");
+  EXPECT_EQ(refusal(directoryCall("unpublish", "k1", "tcp://k:1", "K", "KEY-B")).getDescription(),
+            "already published by host host-k1 (tcp://k:1)");
+  EXPECT_EQ(server.handle(directoryCall("publish", "k2", "tcp://k:9", "K", "KEY-A")),
+            ZRValue(true));
+  EXPECT_EQ(listed(server, "K"), "host-k2@tcp://k:9#KEY-A");
+  EXPECT_EQ(server.handle(directoryCall("unpublish", "k2", "tcp://k:9", "K", "KEY-A")),
+            ZRValue(true));
+  EXPECT_EQ(listed(server, "K"), "");
+}
+
 }  // namespace

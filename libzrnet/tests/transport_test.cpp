@@ -144,8 +144,14 @@ TEST(Transport, CallsFromOneCallerToOneModuleKeepTheirOrder) {
       pool.executor());
   ZRTransport caller(options("A", ""), noCalls(), pool.executor());
   std::vector<std::future<ZRValue>> calls;
-  for (int i = 0; i < 300; ++i)
-    calls.push_back(caller.callAsync(callee.endpoint(), i % 2 ? "M1" : "M2", "record", {i}));
+  // Every 7th carries a body large enough to be decoded off the I/O thread: the calls after it
+  // wait for it all the same.
+  const ZRValue large(std::string(40000, 'x'));
+  for (int i = 0; i < 300; ++i) {
+    std::vector<ZRValue> args{i};
+    if (i % 7 == 3) args.push_back(large);
+    calls.push_back(caller.callAsync(callee.endpoint(), i % 2 ? "M1" : "M2", "record", args));
+  }
   for (auto& f : calls) ready(f);
   std::vector<int> odd, even;
   for (int i = 0; i < 300; ++i) (i % 2 ? odd : even).push_back(i);
@@ -313,9 +319,10 @@ TEST(Transport, AnotherProtocolVersionIsRefusedNamingBothVersions) {
 TEST(Transport, AMalformedCallIsAnsweredWithItsErrorAndTheHostServesOn) {
   Pool pool;
   zrtest::LogCapture log("zrnet", vo::LogLevel_Warning);
+  auto o = options("B");
+  o.maxMessageSize = 4096;
   ZRTransport callee(
-      options("B"), [](const ZRIncomingCall& c) -> ZRValue { return c.args.at(0); },
-      pool.executor());
+      o, [](const ZRIncomingCall& c) -> ZRValue { return c.args.at(0); }, pool.executor());
   zmq::context_t ctx;
   zmq::socket_t dealer(ctx, zmq::socket_type::dealer);
   dealer.set(zmq::sockopt::rcvtimeo, static_cast<int>(kHangGuard.count() * 1000));
@@ -351,6 +358,17 @@ TEST(Transport, AMalformedCallIsAnsweredWithItsErrorAndTheHostServesOn) {
   EXPECT_EQ(reply.type, MsgType::Reply);
   EXPECT_EQ(reply.id, 10u);
   EXPECT_EQ(reply.value, ZRValue(4));
+  // Over the size limit: refused with a log line, and the caller is told which call.
+  call.id = 11;
+  call.args = {ZRValue(std::string(5000, 'x'))};
+  Message tooBig = exchange(encode(call));
+  EXPECT_EQ(tooBig.type, MsgType::Error);
+  EXPECT_EQ(tooBig.id, 11u);
+  EXPECT_EQ(tooBig.module + "|" + tooBig.method + "|" + tooBig.description,
+            "M|m|message of 5045 bytes exceeds the maximum of 4096");
+  EXPECT_EQ(log.count("dropped a malformed message from raw: message of 5045 bytes exceeds the "
+                      "maximum of 4096"),
+            1);
 }
 
 TEST(Transport, ShutdownFailsPendingCallsAtBothEnds) {
@@ -404,7 +422,9 @@ TEST(Transport, BeyondLoopbackNeedsCurveOrTheInsecureFlagAndCurveAdmitsOnlyAllow
   so.curveSecretKey = serverSecret;
   so.allowedClientKeys = {goodPublic};
   ZRTransport server(
-      so, [](const ZRIncomingCall& c) { return c.args.at(0); }, pool.executor());
+      so,
+      [](const ZRIncomingCall& c) { return c.method == "key" ? ZRValue(c.peerKey) : c.args.at(0); },
+      pool.executor());
   auto client = [&](const std::string& publicKey, const std::string& secretKey) {
     auto o = options("C", "");
     o.curvePublicKey = publicKey;
@@ -415,6 +435,9 @@ TEST(Transport, BeyondLoopbackNeedsCurveOrTheInsecureFlagAndCurveAdmitsOnlyAllow
   };
   EXPECT_EQ(client(goodPublic, goodSecret)->call(server.endpoint(), "M", "echo", {ZRValue(3)}),
             ZRValue(3));
+  // The callee knows the key the caller proved it holds: what names and events are bound to.
+  EXPECT_EQ(client(goodPublic, goodSecret)->call(server.endpoint(), "M", "key", {}),
+            ZRValue(goodPublic));
   auto bad = client(badPublic, badSecret);
   EXPECT_EQ(describe(errorOf([&] { bad->call(server.endpoint(), "M", "echo", {ZRValue(3)}); })),
             "M|echo|module destroyed");

@@ -182,8 +182,9 @@ TEST(Wire, EveryMalformedMessageIsAClearError) {
       {"5a52020300|81a2696401|ce80000000", "integer 2147483648 does not fit in 32 bits", 1},
       {"5a52020300|81a2696401|d3ffffffff00000000", "integer -4294967296 does not fit in 32 bits",
        1},
-      {"5a52020300|81a2696401|80", "unsupported msgpack type 8", 1},
-      {"5a52020300|81a2696401|c4020102", "unsupported msgpack type 6", 1},
+      {"5a52020300|81a2696401|80", "a map is not a value", 1},
+      {"5a52020300|81a2696401|c4020102",
+       "msgpack bin is not a value (binary blocks travel in frames of their own)", 1},
       {"5a52020300|81a2696401|d7020000000000000000", "unknown extension type 2 of 8 bytes", 1},
       {"5a52020300|81a2696401|d60100000000", "unknown extension type 1 of 4 bytes", 1},
       {"5a52020300|81a2696401|d7010000000000000002",
@@ -193,8 +194,16 @@ TEST(Wire, EveryMalformedMessageIsAClearError) {
       {"5a52020300|81a2696401|01|0102", "binary frame 0 is not referenced", 1},
       {"5a52020300|81a2696401|0101", "trailing bytes after the body", 1},
       {"5a52020800|80|01", "a ping message carries no body", 0},
-      {"5a52020300|81a2696401|ddffffffff", "malformed body (array size overflow)", 1},
-      {"5a52020300|81a2696401|", "malformed body (insufficient bytes)", 1},
+      {"5a52020300|81a2696401|ddffffffff",
+       "an array declares 4294967295 elements with only 0 bytes left", 1},
+      // Declared sizes never filled reserve nothing: each level is checked against the bytes.
+      {"5a52020300|81a2696401|92dd0000000391dd0000ffff01",
+       "an array declares 65535 elements with only 1 bytes left", 1},
+      {"5a52020300|81a2696401|", "the body ends in the middle of a value", 1},
+      // A call of another version still tells its caller which call failed.
+      {"5a52010200|85a2696407a3736571"
+       "01a66d6f64756c65a14da66d6574686f64a16da663616c6c6572a163|90",
+       "protocol version mismatch: peer speaks version 1, this host speaks version 2", 7},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.frames);
@@ -213,6 +222,36 @@ TEST(Wire, EveryMalformedMessageIsAClearError) {
   // Nesting deeper than the decoder recurses, and a message beyond the size option.
   Frames deepFrames = fromHex("5a52020300|81a2696401|" + repeat("91", 40) + "c0");
   EXPECT_THROW(decode(deepFrames), DecodeError);
+  // More values than a message may hold, however few bytes each takes.
+  Frames many = fromHex("5a52020300|81a2696401|dd00100000" + repeat("00", 1 << 20));
+  try {
+    decode(many);
+    ADD_FAILURE() << "decoded";
+  } catch (const DecodeError& e) {
+    EXPECT_EQ(e.getDescription(), "the message holds more than 1048576 values");
+  }
+  Frames most = fromHex("5a52020300|81a2696401|dd000fffff" + repeat("00", (1 << 20) - 1));
+  EXPECT_EQ(decode(most).value.getSize(), (1 << 20) - 1);
+  // A fan-out's calls times its modules is bounded by its bytes: 40 names and 40 empty calls
+  // in 200 bytes ask 1600 calls.
+  std::string names = "dc0028", calls;
+  for (int i = 0; i < 40; ++i) names += "a1" + std::string(i < 26 ? "4" : "5") + "1";
+  const std::string fanOutEnvelope =
+      "85a673747265616da0a373657101a66d6f64756c65a0a66d6574686f64a16d"
+      "a663616c6c6572a0";
+  Frames fanOut = fromHex("5a52020600|" + fanOutEnvelope + "|dc0029" + names + repeat("90", 40));
+  try {
+    decode(fanOut);
+    ADD_FAILURE() << "decoded";
+  } catch (const DecodeError& e) {
+    EXPECT_NE(e.getDescription().find("a fan-out of 40 calls to 40 modules asks more than"),
+              std::string::npos)
+        << e.getDescription();
+  }
+  Frames fairFanOut = fromHex("5a52020600|" + fanOutEnvelope + "|93" + names + "9101" + "9102");
+  EXPECT_EQ(decode(fairFanOut).args.size(), 3u);
+  Frames bigEnvelope = fromHex("5a52020800|81daffff" + repeat("61", 65535) + "c0|c0");
+  EXPECT_THROW(decode(bigEnvelope), DecodeError);
   Frames big = fromHex("5a52020300|81a2696401|c0");
   try {
     decode(big, 10);

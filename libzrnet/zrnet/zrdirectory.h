@@ -31,6 +31,8 @@ struct ZRModuleInfo {
 struct ZRDirectoryEntry {
   std::string name, host, endpoint;
   ZRModuleInfo info;
+  /// The publisher's CURVE public key, as its connection proved it; empty without CURVE.
+  std::string key;
 };
 
 /// Reads one entry of a "sync" answer's changes (docs/protocol.md); false when it is malformed.
@@ -43,8 +45,12 @@ bool readDirectoryChange(const ZRValue& change, ZRDirectoryEntry& entry, bool& a
 /// A host's names live as long as its lease: each sync renews it, and a host silent for 3
 /// heartbeats loses all its names. Every change gets the next sequence number; a client that
 /// asks from a sequence the directory no longer has, or from another directory's life (its
-/// epoch), gets a full snapshot instead. A host that publishes from the endpoint of the holder
-/// of a name takes the name over: it is that host come back, at the same address.
+/// epoch), gets a full snapshot instead.
+///
+/// A name belongs to the identity that published it: the CURVE key of the publishing
+/// connection, or without CURVE the host id it registered with. Publish and unpublish of a name
+/// that another identity holds are refused (and logged); the same identity under a new host id
+/// (the host restarted with its key) takes its names back at once.
 ///
 /// handle() may run on any number of threads at once; it never blocks beyond its own lock.
 class ZRDirectoryServer {
@@ -60,6 +66,11 @@ class ZRDirectoryServer {
   struct Holder {
     std::string hostId, host, endpoint;
     ZRModuleInfo info;
+    std::string identity;  // to whom the name belongs (see handle())
+    ZRDirectoryEntry entry(const std::string& name) const {
+      const bool keyed = identity.rfind("key ", 0) == 0;
+      return {name, host, endpoint, info, keyed ? identity.substr(4) : std::string()};
+    }
   };
   struct Change {
     int seq;

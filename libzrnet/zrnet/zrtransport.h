@@ -52,8 +52,11 @@ struct ZRTransportOptions {
 /// A call, or a one-way message, that another host sends to one of this host's modules.
 struct ZRIncomingCall {
   std::string module, method, caller;
-  /// The calling host, as it named itself.
-  std::string peerHost;
+  /// The calling host, as it named itself, and where it said it takes calls.
+  std::string peerHost, peerEndpoint;
+  /// The calling connection's CURVE public key (Z85), vouched for by the handshake; empty
+  /// without CURVE.
+  std::string peerKey;
   std::vector<ZRValue> args;
   /// One-way messages: no result goes back. `stream` names the sender's stream (empty: none);
   /// `lossless` says the sender's data must not be dropped on the way on.

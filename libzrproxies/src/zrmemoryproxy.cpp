@@ -42,10 +42,15 @@ void ZRMemoryProxy::raiseEvent(const std::string& eventName, const ZRValue& valu
 void ZRMemoryProxy::subscribeToEvent(const std::string& eventName, const std::string& moduleName,
                                      const std::string& callbackMethod) {
   proxy_->call<void>("subscribeToEvent", eventName, moduleName, callbackMethod);
+  if (boost::shared_ptr<ZRBroker> broker = broker_.lock())
+    detail::ZRModuleAccess::noteSubscription(*broker, eventName, moduleName, callbackMethod, true);
 }
 
 void ZRMemoryProxy::unsubscribeToEvent(const std::string& eventName,
                                        const std::string& moduleName) {
+  // Forgotten first: a memory service that is gone forgot it anyway.
+  if (boost::shared_ptr<ZRBroker> broker = broker_.lock())
+    detail::ZRModuleAccess::noteSubscription(*broker, eventName, moduleName, "", false);
   proxy_->call<void>("unsubscribeToEvent", eventName, moduleName);
 }
 

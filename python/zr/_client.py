@@ -222,6 +222,13 @@ class Client:
                     raise
             self._directory.wait_syncs(1, self.heartbeat)
 
+    def _resubscribe(self, retry):
+        with self._watch_lock:
+            events = list(self._watches)
+        for event in events:
+            retry(lambda e=event: self.call(MEMORY_MODULE, "subscribeToEvent", e, self.name,
+                                            "onEvent"))
+
     def _dispatch_event(self, event, value):
         with self._watch_lock:
             callbacks = list(self._watches.get(event, ()))

@@ -270,6 +270,10 @@ class Connections:
             self._poller.register(r, zmq.POLLIN)
             self._monitor = r.get_monitor_socket(zmq.EVENT_ACCEPTED | zmq.EVENT_DISCONNECTED)
             self._poller.register(self._monitor, zmq.POLLIN)
+            # Hosts called before now know this client without an endpoint: told it again, so
+            # that they take it for the host of the modules it is about to publish.
+            for peer in self._out.values():
+                self._send(peer.sock, self._hello())
         f.set_result(self.endpoint)
 
     def _peer_for(self, endpoint):

@@ -135,7 +135,7 @@ class Directory:
             epoch, seq, snapshot, changes = f.result()
             republish = []
             with self.lock:
-                before = set(self._names)
+                before = dict(self._names)
                 if epoch != self._epoch:
                     republish = list(self._published)
                 if snapshot:
@@ -150,9 +150,10 @@ class Directory:
                 republish += [n for n in self._published
                               if n not in self._names and n not in republish]
                 republish = [n for n in republish if n not in self._publishing]
-                after = set(self._names)
-                added = sorted(after - before - self._published)
-                removed = sorted(before - after - self._published)
+                # A name listed elsewhere than before is a new module: it counts as added.
+                added = sorted(n for n, at in self._names.items()
+                               if before.get(n) != at and n not in self._published)
+                removed = sorted(set(before) - set(self._names) - self._published)
                 self.sync_count += 1
                 self.synced.notify_all()
                 again = self.sync_count < self._wanted

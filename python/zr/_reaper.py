@@ -11,7 +11,7 @@ import concurrent.futures
 import logging
 
 from ._errors import ZRError
-from ._platform import DEVICE_MODULE
+from ._platform import DEVICE_MODULE, MEMORY_MODULE
 
 log = logging.getLogger("zr.reaper")
 
@@ -50,6 +50,8 @@ class Reaper:
                 self._thread.submit(self._reap, name, modules)
             if DEVICE_MODULE in added:
                 self._thread.submit(self._device_back)
+            if MEMORY_MODULE in added:
+                self._thread.submit(self._memory_back, modules)
         except RuntimeError:  # stopped: the client closes, its modules go with it
             pass
 
@@ -72,6 +74,27 @@ class Reaper:
             except ZRError as e:
                 # Taken back meanwhile by whoever subscribed it, or the module is going away.
                 log.debug("%s: \"%s\", which is gone, is not unsubscribed: %s", m.name, name, e)
+
+    def _memory_back(self, modules):
+        """A memory service listed anew knows nothing of what was asked of an earlier one: it is
+        told what the extractors hosted here declared, then (once the producers of other hosts
+        had time to do the same) what this client watches."""
+        for m in modules:
+            for event in getattr(m.obj, "_event_list", ()):
+                self._retry(lambda e=event, n=m.name: self._client.call(
+                    MEMORY_MODULE, "declareEvent", e, n))
+        self._directory.wait_syncs(2, self._client.heartbeat * 4)
+        self._client._resubscribe(self._retry)
+
+    def _retry(self, call):
+        # The memory's host learns this client's names within heartbeats.
+        for _attempt in range(20):
+            try:
+                return call()
+            except ZRError as e:
+                last = e
+            self._directory.wait_syncs(1, self._client.heartbeat * 4)
+        log.warning("zr: cannot tell the memory service that came back: %s", last)
 
     def _device_gone(self, modules):
         for m in modules:

@@ -1,10 +1,12 @@
 #include "remote.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <regex>
@@ -109,6 +111,14 @@ int fit(char code, const ZR::ZRValue& v) {
 }  // namespace
 
 KeyPair readKeyPair(const std::string& path) {
+  // A secret anyone else on the machine can read is no secret: refused, as ssh refuses it.
+  struct stat st {};
+  if (::stat(path.c_str(), &st) == 0 && (st.st_mode & 077) != 0) {
+    char mode[8];
+    std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
+    throw std::runtime_error("the secret key file " + path + " is readable by others (mode " +
+                             mode + "); make it private with: chmod 600 " + path);
+  }
   const std::vector<std::string> keys = keyLines(path);
   if (keys.size() != 2)
     throw std::runtime_error(path +

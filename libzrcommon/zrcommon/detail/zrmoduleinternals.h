@@ -93,6 +93,15 @@ struct ZRModuleAccess {
   /// The memory service took `producer`'s declaration of `event`: published with the module.
   static void noteDeclaredEvent(ZRBroker& broker, const std::string& producer,
                                 const std::string& event);
+  /// `module` subscribed to `event` through the memory service (or no longer): told again to a
+  /// memory service that comes back.
+  static void noteSubscription(ZRBroker& broker, const std::string& event,
+                               const std::string& module, const std::string& callback,
+                               bool subscribed);
+  /// Where the directory says `name` is published, and the publisher's CURVE key (empty without
+  /// CURVE); false when the name is not published, or this broker is in no network.
+  static bool publisher(ZRBroker& broker, const std::string& name, std::string& endpoint,
+                        std::string& key);
 };
 
 /// Proxy calls running on the calling thread, nested ones included.

@@ -10,6 +10,8 @@
 #include <boost/make_shared.hpp>
 
 #include <vo/log.h>
+#include <zrcommon/detail/zrcaller.h>
+#include <zrcommon/detail/zrmoduleinternals.h>
 
 namespace ZR {
 namespace detail {
@@ -165,8 +167,32 @@ void MemoryCore::declareEvent(const std::string& event, const std::string& produ
   producerEvents_[producer].push_back(event);
 }
 
+// An event a module declared is raised from elsewhere only by that module's host: the connection
+// it comes on must be the one of the host where the directory lists the producer (its CURVE key,
+// or without CURVE the address the host gave for itself).
+void MemoryCore::checkRaiser(const std::string& event, const ZRCaller& from) {
+  std::string producer;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = events_.find(event);
+    if (it != events_.end()) producer = it->second.producer;
+  }
+  if (producer.empty()) return;  // nobody's: anyone may raise it
+  std::string endpoint, key;
+  boost::shared_ptr<ZRBroker> broker = broker_.lock();
+  const bool published = broker && ZRModuleAccess::publisher(*broker, producer, endpoint, key);
+  const bool same = published && (key.empty() ? from.endpoint == endpoint : from.key == key);
+  const bool local = session_->hasService(producer) && !session_->remoteService(producer);
+  if (same && !local) return;
+  fail("raiseEvent", "event " + quoted(event) + " belongs to " + quoted(producer) +
+                         ", which declared it; host " + from.host +
+                         (from.endpoint.empty() ? "" : " (" + from.endpoint + ")") +
+                         " may not raise it");
+}
+
 void MemoryCore::raiseEvent(const std::string& event, const ZRValue& value) {
   requireName("raiseEvent", "the event name", event);
+  if (const ZRCaller* from = ZRCaller::current()) checkRaiser(event, *from);
   std::vector<std::string> warnings;
   {
     // Queued under the lock, so that an unsubscription either sees the event queued (and

@@ -17,6 +17,7 @@
 #include <boost/weak_ptr.hpp>
 
 #include <vo/session.h>
+#include <zrcommon/detail/zrcaller.h>
 #include <zrcommon/detail/zrdeliveryline.h>
 #include <zrcommon/detail/zrstream.h>
 #include <zrcommon/zrbroker.h>
@@ -99,6 +100,7 @@ class MemoryCore : public std::enable_shared_from_this<MemoryCore> {
   using LinkKey = std::pair<std::string, std::string>;  // subscriber, producer
 
   [[noreturn]] void fail(const char* operation, const std::string& description) const;
+  void checkRaiser(const std::string& event, const ZRCaller& from);
   void warn(const char* function, const std::string& message) const;
   void requireName(const char* operation, const char* what, const std::string& value) const;
 

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include <vo/log.h>
+#include <zrcommon/detail/zrcaller.h>
 #include <zrmemory/zrmemory.h>
 #include <zrproducer.h>
 #include <zrproxies/zrmemoryproxy.h>
@@ -116,6 +117,36 @@ TEST(ZRMemory, DataAndDeclarationsWithTheirErrors) {
     EXPECT_FALSE(d.description.empty()) << d.methodName;
     for (const auto& p : d.parameters) EXPECT_FALSE(p.documentation.empty()) << d.methodName;
   }
+}
+
+// In process any module raises any event, as before; a call from another host raises a declared
+// event only when it comes from the host the directory lists for the producer (here: none).
+TEST(ZRMemory, OnlyTheProducersHostRaisesItsEventsFromAfar) {
+  Fixture f;
+  auto producer = f.make<Producer>("P");
+  auto client = f.make("Client");
+  f.proxy.subscribeToEvent("P/a", "Client", "onEvent");
+  f.proxy.declareEvent("free", "");
+  f.memory->raiseEvent("P/a", 1);
+  {
+    // As the broker runs a call from another host: through a proxy, in the caller's scope.
+    const ZR::detail::ZRCaller evil{"evil", "tcp://127.0.0.1:9", ""};
+    ZR::detail::ZRCallerScope from(evil);
+    auto memory = f.broker->getProxy("ZRMemory");
+    auto raise = [&](const std::string& event, int value) {
+      memory->call<void>("raiseEvent", event, ZR::ZRValue(value));
+    };
+    EXPECT_EQ(errorOf([&] { raise("P/a", 2); }).what(),
+              std::string("ZRMemory::raiseEvent: event \"P/a\" belongs to \"P\", which declared "
+                          "it; host evil (tcp://127.0.0.1:9) may not raise it"));
+    raise("free", 3);                // declared without a producer: anyone's
+    raise("undeclared", 4);          // nobody's either
+    f.memory->raiseEvent("P/a", 6);  // not through the caller's call: this process's own
+  }
+  f.memory->raiseEvent("P/a", 5);
+  ASSERT_TRUE(f.memory->waitForDeliveries());
+  EXPECT_EQ(client->received(), (Strings{"P/a:1", "P/a:6", "P/a:5"}));
+  EXPECT_EQ(f.proxy.getData("P/a"), 5);
 }
 
 TEST(ZRMemory, DeliveryInRaiseOrderIdleAfterTheLastAndNothingAfterUnsubscribe) {

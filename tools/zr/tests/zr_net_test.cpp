@@ -267,6 +267,21 @@ TEST(ZrNet, NoDirectoryExitsThreeAndKeysAreWritten) {
   EXPECT_EQ(st.st_mode & 0777, 0600u);
   EXPECT_EQ(zr::readKeyPair(kTemp + "k.key").publicKey, zr::readPublicKeys(kTemp + "k.pub").at(0));
   EXPECT_NE(sh(kRun + " keygen " + kTemp + "k").first, 0) << "an existing key stays";
+  // A secret key others can read is refused by name, with the fix; the host does not start.
+  for (const char* mode : {"640", "604"}) {
+    ASSERT_EQ(sh(std::string("chmod ") + mode + " " + kTemp + "k.key").first, 0);
+    try {
+      zr::readKeyPair(kTemp + "k.key");
+      ADD_FAILURE() << "mode " << mode << " accepted";
+    } catch (const std::runtime_error& e) {
+      EXPECT_NE(std::string(e.what()).find(kTemp + "k.key"), std::string::npos) << e.what();
+      EXPECT_NE(std::string(e.what()).find("chmod 600"), std::string::npos) << e.what();
+    }
+    const auto [status, out] = sh(kRun + " host --listen tcp://127.0.0.1:0 --curve-keys " + kTemp +
+                                  "k.key --allow " + kTemp + "k.pub --directory tcp://127.0.0.1:1");
+    EXPECT_NE(status, 0) << out;
+    EXPECT_NE(out.find("chmod 600 " + kTemp + "k.key"), std::string::npos) << out;
+  }
   std::remove((kTemp + "k.key").c_str());
   std::remove((kTemp + "k.pub").c_str());
 }
