@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <zraudiodevice/zraudiodevice.h>
+#include <zrcommon/zrservicenames.h>
 
 namespace {
 
@@ -40,7 +41,8 @@ struct Rig {
     broker = ZR::ZRBroker::createBroker("bench");
     options.channelCount = kChannels;
     options.samplesPerBuffer = kSamples;
-    device = ZR::ZRModule::createModule<ZR::ZRAudioDevice>(broker, "ZRAudioDevice", options);
+    device =
+        ZR::ZRModule::createModule<ZR::ZRAudioDevice>(broker, ZR::kAudioDeviceServiceName, options);
     for (int i = 0; i < subscribers; ++i) {
       sinks.push_back(ZR::ZRModule::createModule<NullSink>(broker, "Sink" + std::to_string(i)));
     }

@@ -9,6 +9,7 @@
 #include <zrcommon/zrbroker.h>
 #include <zrcommon/zrmodule.h>
 #include <zrcommon/zrproxy.h>
+#include <zrcommon/zrservicenames.h>
 #include <zrextractor/zrextractor.h>
 #include <zrmemory/zrmemory.h>
 
@@ -27,7 +28,7 @@ struct Setup {
     // Only errors would be printed, and none occur: the verbose messages cost one compare.
     vo::log::setLogLevel(vo::LogLevel_Error);
     broker = ZR::ZRBroker::createBroker("bench", 2);
-    memory = ZR::ZRModule::createModule<ZR::ZRMemory>(broker, "ZRMemory");
+    memory = ZR::ZRModule::createModule<ZR::ZRMemory>(broker, ZR::kMemoryServiceName);
     extractor = ZR::ZRModule::createModule<Idle>(broker, "Extractor");
     for (int i = 0; i < 100; ++i)
       extractor->subscribe("client" + std::to_string(i), 10 + i, 0.01f * static_cast<float>(i));

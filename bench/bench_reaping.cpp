@@ -18,6 +18,7 @@
 #include <vo/log.h>
 #include <zraudiodevice/zraudiodevice.h>
 #include <zrcommon/zrbroker.h>
+#include <zrcommon/zrservicenames.h>
 #include <zrextractors/zrextractorregistry.h>
 #include <zrmemory/zrmemory.h>
 
@@ -40,10 +41,11 @@ void BM_ReapAfterKill(benchmark::State& state) {
   o.directory = "tcp://127.0.0.1:0";
   o.serveDirectory = true;
   auto broker = ZR::ZRBroker::createBroker("bench", o);
-  auto memory = ZR::ZRModule::createModule<ZR::ZRMemory>(broker, "ZRMemory");
+  auto memory = ZR::ZRModule::createModule<ZR::ZRMemory>(broker, ZR::kMemoryServiceName);
   ZR::ZRAudioDeviceOptions d = ZR::ZRAudioDeviceOptions::fromInput("tone:440");
   d.realtime = true;
-  auto device = ZR::ZRModule::createModule<ZR::ZRAudioDevice>(broker, "ZRAudioDevice", d);
+  auto device =
+      ZR::ZRModule::createModule<ZR::ZRAudioDevice>(broker, ZR::kAudioDeviceServiceName, d);
   auto level =
       ZR::ZRExtractorRegistry::withStockExtractors().create("SoundLevel", broker, "SoundLevel");
   std::mutex m;

@@ -11,6 +11,7 @@
 #include <zrcommon/zrbroker.h>
 #include <zrcommon/zrmodule.h>
 #include <zrcommon/zrproxy.h>
+#include <zrcommon/zrservicenames.h>
 #include <zrmemory/zrmemory.h>
 #include <zrsoundextractor/zrsoundextractor.h>
 
@@ -30,7 +31,7 @@ struct Setup {
     // No device here: the extractor's warning about it is expected.
     vo::log::setLogLevel(vo::LogLevel_Error);
     broker = ZR::ZRBroker::createBroker("bench", 1);
-    ZR::ZRModule::createModule<ZR::ZRMemory>(broker, "ZRMemory");
+    ZR::ZRModule::createModule<ZR::ZRMemory>(broker, ZR::kMemoryServiceName);
     sink = ZR::ZRModule::createModule<Sink>(broker, "Sink");
     proxy = broker->getProxy("Sink", 0);
     std::vector<std::int16_t> samples(kChannels * kSamples, 1);

@@ -15,6 +15,7 @@
 
 #include <vo/log.h>
 #include <zrcommon/zrbroker.h>
+#include <zrcommon/zrservicenames.h>
 #include <zrextractors/micarray.h>
 #include <zrextractors/soundlocalization.h>
 #include <zrmemory/zrmemory.h>
@@ -53,7 +54,7 @@ std::vector<short> makeSound(const ZR::ZRMicArray& array) {
 void SoundLocalization6ch16k(benchmark::State& state) {
   vo::log::setLogLevel(vo::LogLevel_Error);  // no audio device here: its warning is expected
   auto broker = ZR::ZRBroker::createBroker("bench", 1);
-  ZR::ZRModule::createModule<ZR::ZRMemory>(broker, "ZRMemory");
+  ZR::ZRModule::createModule<ZR::ZRMemory>(broker, ZR::kMemoryServiceName);
   const ZR::ZRMicArray array = ZR::ZRMicArray::parse("circular6-r46mm");
   auto loc = ZR::ZRModule::createModule<ZR::SoundLocalization>(broker, "SoundLocalization", array);
   loc->xUpdateParameters(100, static_cast<float>(state.range(0)) / 100.0f);

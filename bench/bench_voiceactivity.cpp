@@ -14,6 +14,7 @@
 
 #include <vo/log.h>
 #include <zrcommon/zrbroker.h>
+#include <zrcommon/zrservicenames.h>
 #include <zrextractors/voiceactivity.h>
 #include <zrmemory/zrmemory.h>
 
@@ -40,7 +41,7 @@ std::vector<short> readWav(const char* path) {
 void VoiceActivityMono16k(benchmark::State& state) {
   vo::log::setLogLevel(vo::LogLevel_Error);  // no audio device here: its warning is expected
   auto broker = ZR::ZRBroker::createBroker("bench", 1);
-  ZR::ZRModule::createModule<ZR::ZRMemory>(broker, "ZRMemory");
+  ZR::ZRModule::createModule<ZR::ZRMemory>(broker, ZR::kMemoryServiceName);
   auto voice = ZR::ZRModule::createModule<ZR::VoiceActivity>(broker, "VoiceActivity");
   const std::vector<short> pcm = readWav(ZR_SAMPLE);
   constexpr int kBuffer = 1600;

@@ -18,10 +18,19 @@ function(zr_setup_sanitizers)
       # Asio's atomic_thread_fence is fine under TSan; GCC warns about it anyway.
       add_compile_options(-Wno-tsan)
     endif()
+    if("thread" IN_LIST _sans)
+      # Tests read the suppressions from the environment, which the zr processes they start
+      # inherit; appended, so that TSAN_OPTIONS given to ctest still count.
+      set(ZR_TEST_ENVIRONMENT_MODIFICATION
+          "TSAN_OPTIONS=string_append: suppressions=${PROJECT_SOURCE_DIR}/tests/support/tsan.supp"
+          CACHE INTERNAL "")
+    endif()
   endif()
 endfunction()
 
 set(ZR_PKGCONFIG_LIBS "" CACHE INTERNAL "")
+# What every test's environment gets on top of ctest's own (the sanitizers' options).
+set(ZR_TEST_ENVIRONMENT_MODIFICATION "" CACHE INTERNAL "")
 
 function(zr_warnings target)
   target_compile_options(${target} PRIVATE -Wall -Wextra -Wpedantic -Wshadow -Wconversion)
@@ -72,12 +81,14 @@ function(zr_add_test name)
   if(NOT A_PROCESSORS)
     set(A_PROCESSORS 1)
   endif()
+  set(_properties PROCESSORS ${A_PROCESSORS})
   if(A_LABELS)
-    gtest_discover_tests(${name} PROPERTIES LABELS "${A_LABELS}" PROCESSORS ${A_PROCESSORS}
-                         DISCOVERY_TIMEOUT 60)
-  else()
-    gtest_discover_tests(${name} PROPERTIES PROCESSORS ${A_PROCESSORS} DISCOVERY_TIMEOUT 60)
+    list(APPEND _properties LABELS "${A_LABELS}")
   endif()
+  if(ZR_TEST_ENVIRONMENT_MODIFICATION)
+    list(APPEND _properties ENVIRONMENT_MODIFICATION "${ZR_TEST_ENVIRONMENT_MODIFICATION}")
+  endif()
+  gtest_discover_tests(${name} PROPERTIES ${_properties} DISCOVERY_TIMEOUT 60)
 endfunction()
 
 function(zr_install_pkgconfig)

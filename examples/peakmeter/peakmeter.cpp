@@ -34,7 +34,7 @@ class PeakMeter : public ZR::ZRSoundExtractor {
     // The counts are the sender's word: check them against the samples before reading any.
     if (!ZR::samplesFit(channels, samplesPerChannel, samples)) {
       if (ignored_++ == 0)
-        vo::log::LogStream(vo::LogLevel_Warning, "", "process", "PeakMeter", 0)
+        VO_LOG(vo::LogLevel_Warning, "PeakMeter")
             << getName() << ": ignoring buffers whose counts do not fit their samples";
       return;
     }

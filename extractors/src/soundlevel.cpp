@@ -80,7 +80,7 @@ void SoundLevel::process(const int& nbOfChannels, const int& nbOfSamplesByChanne
     std::int64_t p = 1;
     while (p < n) p *= 10;
     if (p == n)
-      vo::log::LogStream(vo::LogLevel_Warning, "", "process", "zrextractors.SoundLevel", 0)
+      VO_LOG(vo::LogLevel_Warning, "zrextractors.SoundLevel")
           << getName() << ": ignored a buffer of " << nbOfChannels << " x " << nbOfSamplesByChannel
           << " samples that its data does not hold (" << n << " so far)";
     return;

@@ -141,8 +141,7 @@ void SoundLocalization::setPrecision(float precision) {
 
 void SoundLocalization::warnOnce(const std::string& text) {
   if (!warned_.insert(text).second) return;
-  vo::log::LogStream(vo::LogLevel_Warning, "", "process", kCategory, 0)
-      << getName() << ": " << text;
+  VO_LOG(vo::LogLevel_Warning, kCategory) << getName() << ": " << text;
 }
 
 void SoundLocalization::process(const int& nbOfChannels, const int& nbOfSamplesByChannel,

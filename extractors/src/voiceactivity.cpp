@@ -73,7 +73,7 @@ void VoiceActivity::warnBadBuffer(int channels, int samples) {
   if (lastWarning_ != std::chrono::steady_clock::time_point{} &&
       now - lastWarning_ < kWarningInterval)
     return;
-  vo::log::LogStream(vo::LogLevel_Warning, "", "process", "zrextractors.VoiceActivity", 0)
+  VO_LOG(vo::LogLevel_Warning, "zrextractors.VoiceActivity")
       << getName() << ": ignored " << ignoredBuffers_ << " buffer(s) whose counts do not fit "
       << "their samples (last: " << channels << " channel(s) x " << samples << " samples)";
   lastWarning_ = now;

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include <zrerror/zrdefaults.h>
 #include <zrproxies/zrmemoryproxy.h>
 #include <zrsoundextractor/zrsoundextractor.h>
 
@@ -62,7 +63,7 @@ class SoundLevel : public ZRSoundExtractor {
   boost::shared_ptr<ZRMemoryProxy> memory_;
   const int defaultPeriodMs_;
   std::atomic<int> periodMs_;
-  std::atomic<int> sampleRate_{16000};
+  std::atomic<int> sampleRate_{kDefaultSampleRate};
   std::atomic<float> thresholdDb_{-30.0f};
   std::atomic<float> hysteresisDb_{6.0f};
   std::atomic<std::int64_t> ignored_{0};

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include <zrerror/zrdefaults.h>
 #include <zrproxies/zrmemoryproxy.h>
 #include <zrsoundextractor/zrsoundextractor.h>
 
@@ -98,7 +99,7 @@ class SoundLocalization : public ZRSoundExtractor {
   std::atomic<int> periodMs_{kDefaultPeriodMs};
   std::atomic<float> precision_{kDefaultPrecision};
   std::atomic<int> maxSources_;
-  std::atomic<int> sampleRate_{16000};
+  std::atomic<int> sampleRate_{kDefaultSampleRate};
   std::atomic<std::int64_t> analysed_{0};
 
   std::mutex mutex_;

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <string>
 
+#include <zrerror/zrdefaults.h>
 #include <zrproxies/zrmemoryproxy.h>
 #include <zrsoundextractor/zrsoundextractor.h>
 
@@ -63,7 +64,7 @@ class VoiceActivity : public ZRSoundExtractor {
   void warnBadBuffer(int channels, int samples);
 
   boost::shared_ptr<ZRMemoryProxy> memory_;
-  std::atomic<int> sampleRate_{16000};
+  std::atomic<int> sampleRate_{kDefaultSampleRate};
   std::atomic<float> precision_{kDefaultPrecision};
 
   // Guarded because flush may come from another thread than deliveries.

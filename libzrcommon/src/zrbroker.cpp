@@ -127,6 +127,8 @@ void ZRBroker::registerModule(const boost::shared_ptr<ZRModuleCore>& module) {
         throw ZRError(name, "registerModule", "broker \"" + impl_->name + "\" is shut down");
       // The session refuses a name that is taken, before the broker takes any ownership.
       module->seal();
+      // What the directory will be told of it (not over a module of this host that has the name).
+      if (!impl_->session->service(name)) impl_->noteMethods(*module);
       try {
         impl_->session->registerService(name, boost::weak_ptr<vo::DynamicObject>(module));
         impl_->modules.push_back(module);
@@ -158,6 +160,7 @@ bool ZRBroker::removeModule(const std::string& moduleName) {
     impl_->modules.erase(it);
   }
   detail::ZRModuleAccess::liveness(*released)->retire();
+  impl_->forgetInfo(moduleName);
   impl_->session->unregisterService(moduleName, released.get());
   // The module may be destroyed here, outside the lock: its destructor may call the broker.
   released.reset();
@@ -165,6 +168,7 @@ bool ZRBroker::removeModule(const std::string& moduleName) {
 }
 
 void ZRBroker::unregisterModule(const std::string& moduleName, const ZRModuleCore* module) {
+  impl_->forgetInfo(moduleName);
   impl_->session->unregisterService(moduleName, module);
 }
 

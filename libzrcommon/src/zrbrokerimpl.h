@@ -70,6 +70,20 @@ struct ZRBroker::Impl {
   detail::ZRWarningLimiter fanOutWarnings;  // under streamsMutex
   // Unsubscribes modules that left the network from this broker's modules.
   std::shared_ptr<detail::ZRReaper> reaper;
+  // What each module of this host is, published with its name: its methods (taken when it
+  // registers, as the session publishes before it lists the module) and the events it declared.
+  // Its own lock: registration publishes under `mutex`.
+  std::mutex infoMutex;
+  std::map<std::string, ZRModuleInfo> infos;
+
+  void noteMethods(const ZRModuleCore& module);
+  void forgetInfo(const std::string& name) {
+    std::lock_guard<std::mutex> lock(infoMutex);
+    infos.erase(name);
+  }
+
+  /// What a module of this host is and offers, for the directory.
+  ZRModuleInfo moduleInfo(const std::string& name);
 
   /// A strand of the pool; throws ZRError once the broker is shut down.
   ZRStrand makeStrand();

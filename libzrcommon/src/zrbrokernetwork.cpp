@@ -4,6 +4,7 @@
 
 #include "zrbrokerimpl.h"
 
+#include <algorithm>
 #include <optional>
 
 #include <boost/asio/post.hpp>
@@ -11,6 +12,7 @@
 #include <zrcommon/detail/zrdeliverycontext.h>
 #include <zrcommon/detail/zrmoduleinternals.h>
 #include <zrcommon/zrproxy.h>
+#include <zrcommon/zrservicenames.h>
 
 #include "zrreaper.h"
 
@@ -136,11 +138,12 @@ class ZRRemoteProxy : public ZRProxy {
   std::shared_ptr<SendFailures> failures_ = std::make_shared<SendFailures>();
 };
 
-// Publishes the session's local names through the directory client.
+// Publishes the session's local names through the directory client, with what each module is.
 class DirectoryNetwork : public vo::SessionNetwork {
  public:
-  explicit DirectoryNetwork(ZRDirectoryClient& client) : client_(client) {}
-  void publish(const std::string& name) override { client_.publish(name); }
+  DirectoryNetwork(ZRDirectoryClient& client, std::function<ZRModuleInfo(const std::string&)> info)
+      : client_(client), info_(std::move(info)) {}
+  void publish(const std::string& name) override { client_.publish(name, info_(name)); }
   void unpublish(const std::string& name) noexcept override {
     try {
       client_.unpublish(name);
@@ -153,6 +156,7 @@ class DirectoryNetwork : public vo::SessionNetwork {
 
  private:
   ZRDirectoryClient& client_;
+  std::function<ZRModuleInfo(const std::string&)> info_;
 };
 
 // How one incoming call or message ended, given to its answer once it is over.
@@ -197,6 +201,23 @@ std::shared_ptr<detail::ZRStreamSender> ZRBroker::Impl::findStream(const std::st
   std::shared_ptr<detail::ZRStreamSender> s = it->second.lock();
   if (!s) streams.erase(it);
   return s;
+}
+
+void ZRBroker::Impl::noteMethods(const ZRModuleCore& module) {
+  std::vector<std::string> methods;
+  for (const ZRMethodDescription& d : module.getMethodDescriptions())
+    if (std::find(methods.begin(), methods.end(), d.methodName) == methods.end())
+      methods.push_back(d.methodName);
+  std::lock_guard<std::mutex> lock(infoMutex);
+  ZRModuleInfo& info = infos[module.getName()];
+  info.kind = moduleKind(module.getName(), methods);
+  info.methods = std::move(methods);
+}
+
+ZRModuleInfo ZRBroker::Impl::moduleInfo(const std::string& name) {
+  std::lock_guard<std::mutex> lock(infoMutex);
+  auto it = infos.find(name);
+  return it == infos.end() ? ZRModuleInfo{"module", {}, {}} : it->second;
 }
 
 ZRValue ZRBroker::Impl::runIncoming(const ZRIncomingCall& c) {
@@ -357,11 +378,33 @@ void ZRBroker::startNetwork(const ZRBrokerOptions& options) {
   });
   // What the client learnt before it had a listener.
   for (const ZRDirectoryEntry& e : impl->directoryClient->entries()) apply(e, true);
-  impl->session->setNetwork(std::make_shared<DirectoryNetwork>(*impl->directoryClient));
+  impl->session->setNetwork(std::make_shared<DirectoryNetwork>(
+      *impl->directoryClient, [impl](const std::string& name) { return impl->moduleInfo(name); }));
   impl->reaper = detail::ZRReaper::start(shared_from_this());
 }
 
 namespace detail {
+void ZRModuleAccess::noteDeclaredEvent(ZRBroker& broker, const std::string& producer,
+                                       const std::string& event) {
+  ZRBroker::Impl& impl = *broker.impl_;
+  {
+    std::lock_guard<std::mutex> lock(impl.infoMutex);
+    std::vector<std::string>& events = impl.infos[producer].events;
+    if (std::find(events.begin(), events.end(), event) != events.end()) return;
+    events.push_back(event);
+  }
+  // Declared once the module is published (most declare in their constructor, before): the
+  // directory learns it too.
+  if (!impl.directoryClient || !impl.session->service(producer)) return;
+  try {
+    impl.directoryClient->publish(producer, impl.moduleInfo(producer));
+  } catch (const ZRError& e) {
+    VO_LOG(vo::LogLevel_Warning, kBrokerCategory)
+        << "cannot tell the directory that \"" << producer << "\" declared \"" << event
+        << "\": " << e.what();
+  }
+}
+
 std::shared_ptr<ZRStreamSender> ZRModuleAccess::openStream(ZRBroker& broker,
                                                            const std::string& endpoint,
                                                            const std::string& label) {

@@ -4,6 +4,7 @@
 
 #include <zrcommon/detail/zrmoduleinternals.h>
 #include <zrcommon/zrmodulecore.h>
+#include <zrerror/zrerrortexts.h>
 
 namespace ZR {
 
@@ -61,7 +62,7 @@ ZRValue ZRProxy::metaCall(std::string_view method, const ZRValue* args, std::siz
   if (!object) {
     if (object_.empty() && moduleName_.empty())
       throw ZRError(moduleName_, std::string(method), "This object is null");
-    throw ZRError(moduleName_, std::string(method), "module destroyed");
+    throw ZRError(moduleName_, std::string(method), kModuleDestroyed);
   }
   try {
     return object->metaCall(method, args, count);

@@ -1,8 +1,11 @@
-// Hosts as separate processes: a directory host, two module hosts (the test host program) and
-// this process as the client. Hosts are killed with SIGKILL for real; every wait is on an event
-// with a hang guard, never a sleep.
+// Hosts as separate processes: `zr host` for the directory and two module hosts, this process as
+// the client, and `zr keygen` and `zr call` for a network with keys. Hosts are killed with SIGKILL
+// for real; every wait is on an event with a hang guard, never a sleep.
 #include <signal.h>
+#include <unistd.h>
 
+#include <cstdio>
+#include <fstream>
 #include <future>
 #include <string>
 #include <vector>
@@ -27,15 +30,31 @@ const std::string kBeat = "1000";
 const std::string kBeat = "250";
 #endif
 
-// A test host process (its output read line by line), beating at the rate above.
+// `zr host --name NAME ARGS...`, beating at the rate above, its modules from the test plugin
+// ("Alpha" and "Beta": "add", and "hold" that prints "holding NAME"). Constructed once it
+// serves; `directory` is the address it serves the directory at, when it does.
 struct Host : zrtest::HostProcess {
-  explicit Host(std::vector<std::string> args)
-      : HostProcess(ZRCOMMON_TEST_HOST, withBeat(std::move(args))) {}
-  static std::vector<std::string> withBeat(std::vector<std::string> args) {
+  Host(const std::string& name, std::vector<std::string> args)
+      : HostProcess(ZR_BINARY, command(name, std::move(args))) {
+    zrtest::hostFailure = [](const std::string& message) { ADD_FAILURE() << message; };
+    for (const std::string& line : {waitFor("zr: host "), waitFor("serving")})
+      if (line.find(" serves the directory at ") != std::string::npos)
+        directory = line.substr(line.rfind(' ') + 1);
+  }
+  static std::vector<std::string> command(const std::string& name, std::vector<std::string> args) {
+    args.insert(args.begin(), {"host", "--name", name, "--load", ZR_TEST_DOUBLES});
     args.insert(args.end(), {"--heartbeat", kBeat});
     return args;
   }
+  std::string directory;
 };
+
+// A directory host at `at`, with the memory service, which `zr host` waits for before it creates
+// the modules it is given.
+std::unique_ptr<Host> directoryHost(const std::string& at, std::vector<std::string> more = {}) {
+  more.insert(more.begin(), {"--serve-directory", "--directory", at, "--memory"});
+  return std::make_unique<Host>("dir", std::move(more));
+}
 
 bool appears(const boost::shared_ptr<ZR::ZRBroker>& broker, const std::string& name) {
   return broker->session()->waitForService(name).async().wait(static_cast<int>(
@@ -51,14 +70,12 @@ boost::shared_ptr<ZR::ZRBroker> join(const std::string& name, const std::string&
 
 TEST(Hosts, AKilledHostFailsItsCallersTheOthersGoOnAndComesBackByName) {
   signal(SIGPIPE, SIG_IGN);
-  auto directory = std::make_unique<Host>(
-      std::vector<std::string>{"dir", "--directory", "tcp://127.0.0.1:0", "--serve"});
-  const std::string at = directory->ready();
-  auto a = std::make_unique<Host>(
-      std::vector<std::string>{"hostA", "--directory", at, "--module", "Alpha"});
-  Host b({"hostB", "--directory", at, "--module", "Beta"});
-  a->ready();
-  b.ready();
+  auto directory = directoryHost("tcp://127.0.0.1:0");
+  const std::string at = directory->directory;
+  ASSERT_NE(at, "");
+  auto a =
+      std::make_unique<Host>("hostA", std::vector<std::string>{"--directory", at, "-e", "Alpha"});
+  Host b("hostB", {"--directory", at, "-e", "Beta"});
 
   auto client = join("client", at);
   ASSERT_TRUE(appears(client, "Alpha"));
@@ -96,24 +113,60 @@ TEST(Hosts, AKilledHostFailsItsCallersTheOthersGoOnAndComesBackByName) {
 
   // The directory restarts at its address: the hosts publish again by themselves.
   directory->kill9();
-  directory = std::make_unique<Host>(std::vector<std::string>{"dir", "--directory", at, "--serve"});
-  EXPECT_EQ(directory->ready(), at);
+  directory = directoryHost(at);
+  EXPECT_EQ(directory->directory, at);
   {
     auto after = join("after", at);
     ASSERT_TRUE(appears(after, "Beta"));
   }
 
   // Host A comes back under the same name: reached again by name.
-  a = std::make_unique<Host>(
-      std::vector<std::string>{"hostA", "--directory", at, "--module", "Alpha"});
-  a->ready();
+  a = std::make_unique<Host>("hostA", std::vector<std::string>{"--directory", at, "-e", "Alpha"});
   ASSERT_TRUE(appears(client, "Alpha"));
   EXPECT_EQ(client->getProxy("Alpha")->call<int>("add", 40, 2), 42);
 
   client->shutdown();
-  EXPECT_EQ(a->finish(), 0);
-  EXPECT_EQ(b.finish(), 0);
-  EXPECT_EQ(directory->finish(), 0);
+  EXPECT_EQ(a->stop(SIGTERM), 0);
+  EXPECT_EQ(b.stop(SIGTERM), 0);
+  EXPECT_EQ(directory->stop(SIGTERM), 0);
+}
+
+// The keys as the documentation sets them up: one pair for the hosts, one per client, and an
+// allow-list of the hosts' and the admitted clients' public keys.
+TEST(Hosts, WithKeysOnlyTheAdmittedClientsCall) {
+  const std::string dir = ::testing::TempDir() + "zr_hosts_" + std::to_string(getpid()) + "_";
+  const std::string zr = std::string("timeout 60 ") + ZR_BINARY;
+  for (const char* name : {"hosts", "alice", "mallory"})
+    ASSERT_EQ(zrtest::shell(zr + " keygen " + dir + name).first, 0) << name;
+  ASSERT_EQ(zrtest::shell("cat " + dir + "hosts.pub " + dir + "alice.pub > " + dir + "allow").first,
+            0);
+  const std::vector<std::string> keys{"--curve-keys", dir + "hosts.key", "--allow", dir + "allow"};
+  auto directory = directoryHost("tcp://127.0.0.1:0", keys);
+  const std::string at = directory->directory;
+  std::vector<std::string> b{"--directory", at, "-e", "Beta"};
+  b.insert(b.end(), keys.begin(), keys.end());
+  Host beta("hostB", b);
+
+  const std::string call = zr + " call Beta add 2 40 --directory " + at + " --heartbeat " + kBeat;
+  const std::string admitted =
+      " --curve-keys " + dir + "alice.key --server-key " + dir + "hosts.pub";
+  EXPECT_EQ(zrtest::shell(call + admitted, true), std::make_pair(0, std::string("42\n")));
+  // A key not on the list, or none: the directory never answers, and says whom it refused.
+  const auto refused = zrtest::shell(
+      call + " --curve-keys " + dir + "mallory.key --server-key " + dir + "hosts.pub", true);
+  EXPECT_EQ(refused.first, 3) << refused.second;
+  EXPECT_NE(refused.second.find("no directory answers"), std::string::npos) << refused.second;
+  std::ifstream malloryPub(dir + "mallory.pub");
+  std::string mallory;
+  std::getline(malloryPub, mallory);
+  EXPECT_NE(directory->waitFor("key " + mallory + " is not on the allow-list"), "");
+  EXPECT_EQ(zrtest::shell(call, true).first, 3);
+
+  EXPECT_EQ(beta.stop(SIGTERM), 0);
+  EXPECT_EQ(directory->stop(SIGTERM), 0);
+  for (const char* file :
+       {"hosts.key", "hosts.pub", "alice.key", "alice.pub", "mallory.key", "mallory.pub", "allow"})
+    std::remove((dir + file).c_str());
 }
 
 }  // namespace

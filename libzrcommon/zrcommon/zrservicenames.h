@@ -3,7 +3,10 @@
 // The names under which the platform's own services are published. Module writers and tools
 // reach the services by these names; spelling them once keeps every caller in step.
 
+#include <algorithm>
+#include <string>
 #include <string_view>
+#include <vector>
 
 namespace ZR {
 
@@ -20,6 +23,18 @@ inline int serviceShutdownRank(std::string_view moduleName) {
   if (moduleName == kAudioDeviceServiceName) return 1;
   if (moduleName == kMemoryServiceName) return 2;
   return 0;
+}
+
+/// What a module is, from its name and its remote methods: "service" (the platform's own),
+/// "soundextractor", "extractor" or "module". Published with it, so that listings need not ask.
+inline std::string moduleKind(std::string_view name, const std::vector<std::string>& methods) {
+  auto has = [&](const char* m) {
+    return std::find(methods.begin(), methods.end(), m) != methods.end();
+  };
+  if (name == kMemoryServiceName || name == kAudioDeviceServiceName) return "service";
+  if (has("getSubscribersInfo") && has("getCurrentPeriod"))
+    return has("processRemote") ? "soundextractor" : "extractor";
+  return "module";
 }
 
 }  // namespace ZR

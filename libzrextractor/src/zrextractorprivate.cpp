@@ -2,12 +2,14 @@
 
 #include <boost/make_shared.hpp>
 
+#include <zrcommon/zrservicenames.h>
+
 namespace ZR {
 
 ZRExtractorPrivate::ZRExtractorPrivate(boost::shared_ptr<ZRBroker> broker, const std::string& name)
     : extractorName(name), currentPeriod(-1), currentPrecision(-1.0f) {
   // Dropping the synchronous future at once blocks until the service exists.
-  broker->session()->waitForService("ZRMemory");
+  broker->session()->waitForService(kMemoryServiceName);
   memoryProxy = boost::make_shared<ZRMemoryProxy>(broker);
 }
 

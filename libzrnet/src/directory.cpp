@@ -29,7 +29,17 @@ ZRValue entryValue(bool added, const ZRDirectoryEntry& e) {
   v.arrayPush(e.name);
   v.arrayPush(e.host);
   v.arrayPush(e.endpoint);
+  v.arrayPush(e.info.kind);
+  v.arrayPush(ZRValue(e.info.methods));
+  v.arrayPush(ZRValue(e.info.events));
   return v;
+}
+
+bool isStringList(const ZRValue& v) {
+  if (!v.isArray()) return false;
+  for (const ZRValue& e : v.arrayElements())
+    if (!e.isString()) return false;
+  return true;
 }
 
 // The arguments of a directory call, checked: strings, then ints.
@@ -45,6 +55,18 @@ void expectArgs(const ZRIncomingCall& c, std::size_t strings, std::size_t ints) 
 
 }  // namespace
 
+bool readDirectoryChange(const ZRValue& c, ZRDirectoryEntry& e, bool& added) {
+  if (!c.isArray() || c.getSize() < 4 || !c[0].isBool() || !c[1].isString() || !c[2].isString() ||
+      !c[3].isString())
+    return false;
+  added = c[0].toBool();
+  e = ZRDirectoryEntry{c[1], c[2], c[3], {}};
+  // What the module is comes from hosts that say so; older clients list only where it is.
+  if (c.getSize() >= 7 && c[4].isString() && isStringList(c[5]) && isStringList(c[6]))
+    e.info = {c[4], c[5].toStringVector(), c[6].toStringVector()};
+  return true;
+}
+
 const char* const ZRDirectoryServer::kModuleName = "ZRDirectory";
 const char* const ZRDirectoryServer::kHeldBy = "already published by host ";
 
@@ -52,7 +74,7 @@ ZRDirectoryServer::ZRDirectoryServer(std::chrono::milliseconds heartbeat)
     : heartbeat_(heartbeat), epoch_(randomId()) {}
 
 void ZRDirectoryServer::record(bool added, const std::string& name, const Holder& h) {
-  changes_.push_back(Change{++seq_, added, ZRDirectoryEntry{name, h.host, h.endpoint}});
+  changes_.push_back(Change{++seq_, added, ZRDirectoryEntry{name, h.host, h.endpoint, h.info}});
   if (changes_.size() > 10000) changes_.pop_front();  // older clients get a snapshot
 }
 
@@ -80,33 +102,7 @@ void ZRDirectoryServer::expireLeases() {
 ZRValue ZRDirectoryServer::handle(const ZRIncomingCall& c) {
   std::lock_guard<std::mutex> lock(mutex_);
   expireLeases();
-  if (c.method == "publish" || c.method == "unpublish") {
-    // hostId, host, endpoint, name
-    expectArgs(c, 4, 0);
-    const Holder h{c.args[0].toStringRef(), c.args[1].toStringRef(), c.args[2].toStringRef()};
-    const std::string& name = c.args[3].toStringRef();
-    leases_[h.hostId] = Clock::now();
-    auto it = names_.find(name);
-    if (c.method == "unpublish") {
-      if (it == names_.end() || it->second.hostId != h.hostId) return ZRValue(false);
-      record(false, name, it->second);
-      names_.erase(it);
-      return ZRValue(true);
-    }
-    if (it != names_.end() && it->second.hostId != h.hostId && it->second.endpoint == h.endpoint) {
-      // The old holder's process is gone: another one listens at its address now.
-      record(false, name, it->second);
-      names_.erase(it);
-      it = names_.end();
-    }
-    if (it != names_.end()) {
-      if (it->second.hostId == h.hostId) return ZRValue(true);
-      throw ZRError(name, "publish", kHeldBy + it->second.host + " (" + it->second.endpoint + ")");
-    }
-    names_[name] = h;
-    record(true, name, h);
-    return ZRValue(true);
-  }
+  if (c.method == "publish" || c.method == "unpublish") return publish(c);
   if (c.method == "sync") {
     // hostId, epoch, then the last sequence number the client has
     expectArgs(c, 2, 1);
@@ -118,7 +114,7 @@ ZRValue ZRDirectoryServer::handle(const ZRIncomingCall& c) {
     list.arraySetSize(0);
     if (snapshot) {
       for (const auto& [name, h] : names_)
-        list.arrayPush(entryValue(true, ZRDirectoryEntry{name, h.host, h.endpoint}));
+        list.arrayPush(entryValue(true, ZRDirectoryEntry{name, h.host, h.endpoint, h.info}));
     } else {
       for (const Change& ch : changes_)
         if (ch.seq > from) list.arrayPush(entryValue(ch.added, ch.entry));
@@ -131,6 +127,49 @@ ZRValue ZRDirectoryServer::handle(const ZRIncomingCall& c) {
     return reply;
   }
   throw ZRError(kModuleName, c.method, "unknown method");
+}
+
+// Under the lock: publish or unpublish, with the name's holder and what it says of the module.
+ZRValue ZRDirectoryServer::publish(const ZRIncomingCall& c) {
+  // hostId, host, endpoint, name; then, optionally, kind and the lists of methods and events
+  const bool withInfo = c.method == "publish" && c.args.size() == 7;
+  if (withInfo) {
+    if (!c.args[4].isString() || !isStringList(c.args[5]) || !isStringList(c.args[6]))
+      throw ZRError(kModuleName, c.method,
+                    "expects 5 strings, then the module's methods and events as lists of strings");
+  } else {
+    expectArgs(c, 4, 0);
+  }
+  Holder h{c.args[0].toStringRef(), c.args[1].toStringRef(), c.args[2].toStringRef(), {}};
+  if (withInfo)
+    h.info = {c.args[4].toStringRef(), c.args[5].toStringVector(), c.args[6].toStringVector()};
+  const std::string& name = c.args[3].toStringRef();
+  leases_[h.hostId] = Clock::now();
+  auto it = names_.find(name);
+  if (c.method == "unpublish") {
+    if (it == names_.end() || it->second.hostId != h.hostId) return ZRValue(false);
+    record(false, name, it->second);
+    names_.erase(it);
+    return ZRValue(true);
+  }
+  if (it != names_.end() && it->second.hostId != h.hostId && it->second.endpoint == h.endpoint) {
+    // The old holder's process is gone: another one listens at its address now.
+    record(false, name, it->second);
+    names_.erase(it);
+    it = names_.end();
+  }
+  if (it != names_.end()) {
+    if (it->second.hostId != h.hostId)
+      throw ZRError(name, "publish", kHeldBy + it->second.host + " (" + it->second.endpoint + ")");
+    // A publish that says nothing of the module (an older client's) leaves what was said.
+    if (!withInfo || it->second.info == h.info) return ZRValue(true);
+    it->second.info = h.info;  // the holder tells more about its module: everyone learns it
+    record(true, name, h);
+    return ZRValue(true);
+  }
+  names_[name] = h;
+  record(true, name, h);
+  return ZRValue(true);
 }
 
 // ---- client
@@ -172,7 +211,18 @@ std::chrono::milliseconds ZRDirectoryClient::registrationTime() const {
   return std::max<std::chrono::milliseconds>(4 * heartbeat_, std::chrono::seconds(5));
 }
 
-void ZRDirectoryClient::publish(const std::string& name) {
+std::vector<ZRValue> ZRDirectoryClient::publishArgs(const std::string& name,
+                                                    const ZRModuleInfo& info) const {
+  return {hostId_,
+          host_,
+          transport_.endpoint(),
+          name,
+          info.kind,
+          ZRValue(info.methods),
+          ZRValue(info.events)};
+}
+
+void ZRDirectoryClient::publish(const std::string& name, const ZRModuleInfo& info) {
   // A connection that dies before its first answer ("module destroyed") is only a directory
   // slow to take a new host (a loaded machine, a directory starting): asked again until the
   // time is up. A refusal ends it at once.
@@ -180,7 +230,7 @@ void ZRDirectoryClient::publish(const std::string& name) {
   for (;;) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(until - Clock::now());
     try {
-      callDirectory("publish", {hostId_, host_, transport_.endpoint(), name},
+      callDirectory("publish", publishArgs(name, info),
                     std::max(left, std::chrono::milliseconds(1)));
       break;
     } catch (const ZRError& e) {
@@ -188,7 +238,7 @@ void ZRDirectoryClient::publish(const std::string& name) {
     }
   }
   std::lock_guard<std::mutex> lock(mutex_);
-  published_.insert(name);
+  published_[name] = info;
 }
 
 void ZRDirectoryClient::unpublish(const std::string& name) {
@@ -240,7 +290,7 @@ void ZRDirectoryClient::apply(const ZRDirectoryEntry& entry, bool added) {
     auto it = entries_.find(entry.name);
     if (added) {
       if (it != entries_.end() && it->second.host == entry.host &&
-          it->second.endpoint == entry.endpoint)
+          it->second.endpoint == entry.endpoint && it->second.info == entry.info)
         return;  // a snapshot repeating what we know
       entries_[entry.name] = entry;
     } else {
@@ -275,7 +325,7 @@ void ZRDirectoryClient::sync() {
   }
   const std::string newEpoch = reply[0];
   const bool restarted = !epoch.empty() && newEpoch != epoch;
-  std::set<std::string> mine;
+  std::map<std::string, ZRModuleInfo> mine;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (!reachable_ || restarted)
@@ -287,8 +337,9 @@ void ZRDirectoryClient::sync() {
   }
   std::vector<std::pair<ZRDirectoryEntry, bool>> changes;
   for (const ZRValue& c : reply[3].arrayElements()) {
-    if (!c.isArray() || c.getSize() != 4) continue;
-    changes.push_back({ZRDirectoryEntry{c[1], c[2], c[3]}, c[0].toBool()});
+    ZRDirectoryEntry e;
+    bool added = false;
+    if (readDirectoryChange(c, e, added)) changes.push_back({std::move(e), added});
   }
   if (reply[2].toBool()) {  // a snapshot: whatever it lacks is gone
     std::set<std::string> present;
@@ -299,13 +350,13 @@ void ZRDirectoryClient::sync() {
   for (const auto& [e, added] : changes) apply(e, added);
   // Names of ours the directory no longer has: it restarted, or our lease ran out while this host
   // was only slow (a loaded machine). Published again; the next sync brings them back.
-  for (const std::string& name : mine) {
+  for (const auto& [name, info] : mine) {
     if (find(name)) continue;
     if (!restarted)
       ZRDIR_LOG(vo::LogLevel_Info)
           << "\"" << name << "\" dropped by the directory, published again";
     try {
-      callDirectory("publish", {hostId_, host_, transport_.endpoint(), name}, registrationTime());
+      callDirectory("publish", publishArgs(name, info), registrationTime());
     } catch (const ZRError& e) {
       ZRDIR_LOG(vo::LogLevel_Error) << "cannot publish \"" << name << "\" again: " << e.what();
     }

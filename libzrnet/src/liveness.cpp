@@ -17,7 +17,8 @@ void ZRTransport::Impl::timers() {
   std::vector<std::string> dead;
   for (auto& [endpoint, peer] : peers) {
     // A connection still being set up (TCP, handshake, hello) gets some slack on a busy host.
-    const Clock::duration limit = peer->greeted ? deathTime() : std::max(deathTime(), kConnectTime);
+    const Clock::duration limit =
+        peer->greeted ? deathTime() : std::max<Clock::duration>(deathTime(), options.connectTime);
     if (now - peer->lastReceived > limit) {
       dead.push_back(endpoint);
       continue;

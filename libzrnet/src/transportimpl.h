@@ -32,8 +32,6 @@ using Clock = std::chrono::steady_clock;
 
 inline const char* const kModuleDestroyed = "module destroyed";
 inline const char* const kShuttingDown = "the host is shutting down";
-// How long a called host may take to answer hello before it counts as unreachable.
-inline const Clock::duration kConnectTime = std::chrono::seconds(2);
 // How long a silent caller's name is remembered, should it speak again.
 inline const Clock::duration kForgetTime = std::chrono::seconds(60);
 

@@ -17,10 +17,24 @@
 
 namespace ZR {
 
-/// Where a published module lives.
+/// What a host says of a module it publishes, so that a listing needs no call to the module.
+struct ZRModuleInfo {
+  std::string kind;  ///< "service", "extractor", "soundextractor" or "module"; empty: not said
+  std::vector<std::string> methods;  ///< its remote methods, in registration order, each once
+  std::vector<std::string> events;   ///< the events it declared to the memory service
+  bool operator==(const ZRModuleInfo& o) const {
+    return kind == o.kind && methods == o.methods && events == o.events;
+  }
+};
+
+/// Where a published module lives, and what it is.
 struct ZRDirectoryEntry {
   std::string name, host, endpoint;
+  ZRModuleInfo info;
 };
+
+/// Reads one entry of a "sync" answer's changes (docs/protocol.md); false when it is malformed.
+bool readDirectoryChange(const ZRValue& change, ZRDirectoryEntry& entry, bool& added);
 
 /// The directory of one network of hosts: which module name lives on which host. A host that
 /// serves it routes the calls to module kModuleName of its transport to handle(); every host,
@@ -45,6 +59,7 @@ class ZRDirectoryServer {
  private:
   struct Holder {
     std::string hostId, host, endpoint;
+    ZRModuleInfo info;
   };
   struct Change {
     int seq;
@@ -52,6 +67,7 @@ class ZRDirectoryServer {
     ZRDirectoryEntry entry;
   };
   void record(bool added, const std::string& name, const Holder& h);
+  ZRValue publish(const ZRIncomingCall& c);
   void expireLeases();
 
   const std::chrono::milliseconds heartbeat_;
@@ -81,8 +97,8 @@ class ZRDirectoryClient {
 
   /// Throws ZRError when another host holds the name (naming that host) or when the directory
   /// cannot be reached within 4 heartbeats, and no less than 5 s (a connection lost on the way
-  /// is tried again in that time).
-  void publish(const std::string& name);
+  /// is tried again in that time). Publishing a name again with other info updates it.
+  void publish(const std::string& name, const ZRModuleInfo& info = ZRModuleInfo());
   void unpublish(const std::string& name);
   std::optional<ZRDirectoryEntry> find(const std::string& name) const;
   std::vector<ZRDirectoryEntry> entries() const;
@@ -97,6 +113,7 @@ class ZRDirectoryClient {
   void run();
   void sync();
   void apply(const ZRDirectoryEntry& entry, bool added);
+  std::vector<ZRValue> publishArgs(const std::string& name, const ZRModuleInfo& info) const;
   /// How long publish and unpublish wait for the directory.
   std::chrono::milliseconds registrationTime() const;
   /// Deadline zero: 4 heartbeats.
@@ -110,7 +127,7 @@ class ZRDirectoryClient {
   std::condition_variable wake_;
   bool stopping_ = false;
   std::map<std::string, ZRDirectoryEntry> entries_;
-  std::set<std::string> published_;
+  std::map<std::string, ZRModuleInfo> published_;
   std::string epoch_;
   int seq_ = 0;
   bool reachable_ = true;

@@ -29,6 +29,9 @@ struct ZRTransportOptions {
   std::string advertise;
   /// Pings go out this often; a peer silent for 3 intervals is dead.
   std::chrono::milliseconds heartbeat{250};
+  /// A called host that has not answered hello within this (or 3 heartbeats, if longer) is
+  /// unreachable. The slack is for busy hosts; a tool that must not wait on a dead host lowers it.
+  std::chrono::milliseconds connectTime{2000};
   /// Larger incoming messages are refused.
   std::size_t maxMessageSize = 64u << 20;
   /// Modules whose calls are answered on the I/O thread, not on the executor. Only for handlers

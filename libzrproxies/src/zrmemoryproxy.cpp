@@ -1,10 +1,11 @@
 #include "zrproxies/zrmemoryproxy.h"
 
+#include <zrcommon/detail/zrmoduleinternals.h>
 #include <zrcommon/zrservicenames.h>
 
 namespace ZR {
 
-ZRMemoryProxy::ZRMemoryProxy(boost::shared_ptr<ZRBroker> broker) {
+ZRMemoryProxy::ZRMemoryProxy(boost::shared_ptr<ZRBroker> broker) : broker_(broker) {
   if (!broker)
     throw ZRError(kMemoryServiceName, "ZRMemoryProxy", "no broker to find the memory service on");
   proxy_ = broker->getProxy(kMemoryServiceName, 0);
@@ -28,6 +29,9 @@ void ZRMemoryProxy::removeData(const std::string& key) {
 
 void ZRMemoryProxy::declareEvent(const std::string& eventName, const std::string& producerName) {
   proxy_->call<void>("declareEvent", eventName, producerName);
+  // Listings show what a module declared without asking the memory service.
+  if (boost::shared_ptr<ZRBroker> broker = broker_.lock(); broker && !producerName.empty())
+    detail::ZRModuleAccess::noteDeclaredEvent(*broker, producerName, eventName);
 }
 
 void ZRMemoryProxy::raiseEvent(const std::string& eventName, const ZRValue& value) {

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include <boost/shared_ptr.hpp>
+#include <boost/weak_ptr.hpp>
 
 #include <zrcommon/zrbroker.h>
 #include <zrcommon/zrproxy.h>
@@ -53,6 +54,7 @@ class ZRMemoryProxy {
   const boost::shared_ptr<ZRProxy>& getGenericProxy() const { return proxy_; }
 
  private:
+  boost::weak_ptr<ZRBroker> broker_;
   boost::shared_ptr<ZRProxy> proxy_;
 };
 

@@ -139,7 +139,10 @@ def test_python_module_called_and_described_by_zr(start_host):
             "returnType": "int", "returnName": "sum", "returnDocumentation": "The sum."}
         assert described["fail"]["description"] == "Fails as a module does."
         r = zr_tool("list", "-f", "jsonl", directory=host.directory)
-        assert {"name": "PyCalc", "host": c.name, "endpoint": c.endpoint, "kind": "module"} in [
+        # What it is, as the Python client published it with its name.
+        assert {"name": "PyCalc", "host": c.name, "endpoint": c.endpoint, "kind": "module",
+                "methods": ["getMethodList", "getMethodHelp", "version", "ping", "add", "keep",
+                            "fail"], "events": []} in [
             json.loads(l) for l in r.stdout.splitlines()]
         c.unhost("PyCalc")
         r = zr_tool("call", "PyCalc", "ping", directory=host.directory)

@@ -12,9 +12,10 @@ import sys
 import threading
 
 from ._client import Client
-from ._directory import DEFAULT_DIRECTORY
 from ._errors import ZRError
 from ._extractor import Extractor
+from ._platform import (DEFAULT_DIRECTORY, DEFAULT_LISTEN, DIRECTORY_WAIT, HEARTBEAT,
+                        MEMORY_MODULE)
 from ._soundextractor import SoundExtractor
 
 USAGE, FAILURE, NO_DIRECTORY = 2, 1, 3
@@ -59,15 +60,16 @@ def _parser():
                    % DEFAULT_DIRECTORY)
     h.add_argument("--host-name", metavar="NAME", help="This host's name (default: py-, machine name, process "
                    "id).")
-    h.add_argument("--listen", default="tcp://127.0.0.1:*", metavar="ADDR",
+    h.add_argument("--listen", default=DEFAULT_LISTEN, metavar="ADDR",
                    help="Where this host takes calls (default: loopback, any port).")
     h.add_argument("--advertise", metavar="ADDR", help="What other hosts connect to (NAT, containers).")
     h.add_argument("--curve-keys", metavar="FILE", help="This host's key pair (NAME.key of zr "
                    "keygen), for the connections it makes.")
     h.add_argument("--server-key", metavar="FILE", help="Public key of the directory and the "
                    "other hosts, when they require CURVE.")
-    h.add_argument("--heartbeat", type=int, default=250, metavar="MS",
-                   help="Heartbeat interval in ms (default 250); the same for the whole network.")
+    h.add_argument("--heartbeat", type=int, default=round(HEARTBEAT * 1000), metavar="MS",
+                   help="Heartbeat interval in ms (default %d); the same for the whole network."
+                   % round(HEARTBEAT * 1000))
     h.add_argument("--log-level", default="warning", choices=list(LEVELS), metavar="LEVEL",
                    help="silent, fatal, error, warning (default), info, verbose or debug.")
     return p
@@ -140,8 +142,8 @@ def host(args):
         except ZRError as e:
             raise _Exit(NO_DIRECTORY, e.description) from None
         say("host %s joined the directory at %s" % (client.name, client.directory))
-        if client.wait_for("ZRMemory", timeout=3.0) is False:
-            say("waiting for ZRMemory (a host with --memory)")
+        if client.wait_for(MEMORY_MODULE, timeout=DIRECTORY_WAIT) is False:
+            say("waiting for %s (a host with --memory)" % MEMORY_MODULE)
         for cls, name in names.items():
             try:
                 extractor = cls(client, name)

@@ -10,11 +10,13 @@ import threading
 
 from . import _wire as w
 from ._connections import Connections, now
-from ._directory import DEFAULT_DIRECTORY, DIRECTORY_WAIT, Directory
+from ._directory import Directory
 from ._errors import ZRError
 from ._hosting import HostedModule, Hosting, method, parse_help
+from ._platform import (DEFAULT_DIRECTORY, DEFAULT_LISTEN, DIRECTORY_WAIT, HEARTBEAT,
+                        MEMORY_MODULE)
 from ._reaper import Reaper
-from ._streams import MEMORY_MODULE, Streams, raise_event
+from ._streams import Streams, raise_event
 
 log = logging.getLogger("zr")
 
@@ -44,7 +46,7 @@ class Client:
     Watch callbacks and hosted methods run on threads of their own, never on the I/O thread.
     """
 
-    def __init__(self, directory=None, *, name=None, heartbeat=0.25, listen="tcp://127.0.0.1:*",
+    def __init__(self, directory=None, *, name=None, heartbeat=HEARTBEAT, listen=DEFAULT_LISTEN,
                  advertise=None, curve_keys=None, server_key=None):
         address = directory or os.environ.get("ZR_DIRECTORY") or DEFAULT_DIRECTORY
         hostname = socket.gethostname()
@@ -168,7 +170,7 @@ class Client:
         self._conn.listen()
         self._hosting.add(module)
         try:
-            self._directory.publish(name, self.name, self.endpoint)
+            self._directory.publish(name, self.name, self.endpoint, module.info())
         except ZRError:
             self._hosting.remove(name)
             raise

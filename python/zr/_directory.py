@@ -37,6 +37,7 @@ class Directory:
         self._in_flight = False
         self._wanted = 0
         self._published = set()
+        self._info = {}  # what each published module is, published with it again
         self._publishing = set()
 
     def listing(self):
@@ -88,9 +89,12 @@ class Directory:
             target = self.sync_count + n
             return self.synced.wait_for(lambda: self.sync_count >= target, timeout)
 
-    def publish(self, name, host_name, endpoint):
-        self._call("publish", name, host_name, endpoint)
+    def publish(self, name, host_name, endpoint, info=None):
+        """`info`: (kind, method names, declared events) of the module, which listings show
+        without asking it."""
+        self._call("publish", name, host_name, endpoint, info)
         with self.lock:
+            self._info[name] = info
             self._published.add(name)
             self._names[name] = (host_name, endpoint)
 
@@ -103,8 +107,12 @@ class Directory:
         with self.lock:
             return list(self._published)
 
-    def _call(self, method_name, name, host_name, endpoint):
-        body, _ = w.encode_values([self.host_id, host_name, endpoint, name])
+    def _call(self, method_name, name, host_name, endpoint, info=None):
+        args = [self.host_id, host_name, endpoint, name]
+        if info is not None:
+            kind, methods, events = info
+            args += [kind, list(methods), list(events)]
+        body, _ = w.encode_values(args)
         self._conn.call_endpoint(self.address, DIRECTORY_MODULE, method_name, body, [],
                                  DIRECTORY_WAIT).result()
 
@@ -132,7 +140,8 @@ class Directory:
                     republish = list(self._published)
                 if snapshot:
                     self._names.clear()
-                for added, name, host, endpoint in changes:
+                # Entries say what the module is after where it lives: this client needs where.
+                for added, name, host, endpoint in (c[:4] for c in changes):
                     if added:
                         self._names[name] = (host, endpoint)
                     else:
@@ -160,7 +169,12 @@ class Directory:
 
     def _publish_async(self, name):
         self._publishing.add(name)
-        body, _ = w.encode_values([self.host_id, self._conn.name, self._conn.endpoint, name])
+        args = [self.host_id, self._conn.name, self._conn.endpoint, name]
+        with self.lock:
+            info = self._info.get(name)
+        if info is not None:
+            args += [info[0], list(info[1]), list(info[2])]
+        body, _ = w.encode_values(args)
         f = concurrent.futures.Future()
 
         def done(f):

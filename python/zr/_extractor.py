@@ -10,7 +10,8 @@ import threading
 
 from ._errors import ZRError
 from ._hosting import Method
-from ._streams import MEMORY_MODULE, raise_event
+from ._platform import MEMORY_MODULE
+from ._streams import raise_event
 
 log = logging.getLogger("zr.core.extractor")
 

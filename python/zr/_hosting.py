@@ -9,13 +9,11 @@ import logging
 import re
 
 from . import _wire as w
-from ._connections import MODULE_DESTROYED
 from ._errors import ZRError
+from ._platform import MODULE_DESTROYED, PLATFORM_VERSION
 
 log = logging.getLogger("zr")
 
-# The platform's version, as `zr --version` gives it (the tests hold the two together).
-PLATFORM_VERSION = "0.1.0"
 # Threads for the calls of modules run as C++ hosts run theirs (the extractors).
 CALL_THREADS = 16
 
@@ -177,6 +175,17 @@ class HostedModule:
             self._by_name.setdefault(m.name, []).append(m)
         self.executor = concurrent.futures.ThreadPoolExecutor(
             max_workers=1, thread_name_prefix="zr-" + name)
+
+    def info(self):
+        """(kind, method names, declared events), as C++ hosts publish them with the name."""
+        names = list(dict.fromkeys(m.name for m in self.methods))
+        if self.name in ("ZRMemory", "ZRAudioDevice"):
+            kind = "service"
+        elif "getSubscribersInfo" in names and "getCurrentPeriod" in names:
+            kind = "soundextractor" if "processRemote" in names else "extractor"
+        else:
+            kind = "module"
+        return kind, names, list(getattr(self.obj, "_event_list", []))
 
     @staticmethod
     def _introspect(obj, class_name):

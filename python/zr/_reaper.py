@@ -11,7 +11,7 @@ import concurrent.futures
 import logging
 
 from ._errors import ZRError
-from ._soundextractor import DEVICE_MODULE
+from ._platform import DEVICE_MODULE
 
 log = logging.getLogger("zr.reaper")
 

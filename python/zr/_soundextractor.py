@@ -12,11 +12,10 @@ except ImportError:  # the rest of the client works without it
 from ._errors import ZRError
 from ._extractor import Extractor
 from ._hosting import Method
-from ._streams import MEMORY_MODULE
+from ._platform import DEVICE_MODULE, MEMORY_MODULE
 
 log = logging.getLogger("zr.audio.zrsoundextractor")
 
-DEVICE_MODULE = "ZRAudioDevice"
 _CLASS = "ZRSoundExtractor"
 _DESCRIPTION = "enable/disable the printing of some debug information"
 _CHANNELS = ("nbOfChannels", "int", "Provides the number of channels of the buffer.")

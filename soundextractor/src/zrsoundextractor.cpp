@@ -2,6 +2,7 @@
 
 #include <vo/log.h>
 #include <zrcommon/zrbroker.h>
+#include <zrcommon/zrservicenames.h>
 
 namespace ZR {
 
@@ -35,7 +36,7 @@ ZRSoundExtractor::ZRSoundExtractor(boost::shared_ptr<ZRBroker> pBroker, std::str
 
   try {
     boost::shared_ptr<ZRBroker> broker = getParentBroker();
-    audioDeviceProxy = broker->getProxy("ZRAudioDevice", 0);
+    audioDeviceProxy = broker->getProxy(kAudioDeviceServiceName, 0);
   } catch (const ZRError& e) {
     // Capture is tried again at the first subscription.
     vo::log::LogStream(vo::LogLevel_Warning, "", "ZRSoundExtractor", kCategory, 0)
@@ -77,7 +78,7 @@ void ZRSoundExtractor::xStopDetection() {
 }
 
 std::vector<std::string> ZRSoundExtractor::getOutputNames() {
-  boost::shared_ptr<ZRProxy> memory = getParentBroker()->getProxy("ZRMemory", 0);
+  boost::shared_ptr<ZRProxy> memory = getParentBroker()->getProxy(kMemoryServiceName, 0);
   return memory->call<std::vector<std::string> >("getExtractorEvent", getName());
 }
 
@@ -88,7 +89,7 @@ void ZRSoundExtractor::startDetection() {
   try {
     if (!audioDeviceProxy) {
       boost::shared_ptr<ZRBroker> broker = getParentBroker();
-      audioDeviceProxy = broker->getProxy("ZRAudioDevice", 0);
+      audioDeviceProxy = broker->getProxy(kAudioDeviceServiceName, 0);
     }
     audioDeviceProxy->call<void>("subscribe", getName());
     isStarted = true;

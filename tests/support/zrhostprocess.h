@@ -108,6 +108,8 @@ class HostProcess {
     if (write(in_, s.data(), s.size()) != static_cast<ssize_t>(s.size())) hostFailure("write");
   }
   void kill9() { stop(SIGKILL); }
+  /// Sends `signal` without waiting (SIGSTOP freezes the process, SIGCONT thaws it).
+  void signal(int signal) { kill(pid_, signal); }
   // Sends it `signal` (0: closes its input instead, so that it shuts down); its exit status.
   int stop(int signal) {
     if (signal != 0) kill(pid_, signal);

@@ -105,13 +105,19 @@ class LogCapture {
     std::lock_guard<std::mutex> lock(state_->mutex);
     return std::exchange(state_->records, {});
   }
-  // take() for records logged without a source location, which it checks.
+  // take() for the product's records, logged without a source location, which it checks.
   Lines takeLines() {
     Lines lines;
     for (const auto& r : take()) {
       EXPECT_EQ(r.file + std::to_string(r.line), "0") << r.message;
       lines.emplace_back(r.level, r.function, r.message);
     }
+    return lines;
+  }
+  // take() for the platform's records, which say where they were logged (VO_LOG).
+  Lines takePlatformLines() {
+    Lines lines;
+    for (const auto& r : take()) lines.emplace_back(r.level, r.function, r.message);
     return lines;
   }
   // How many records so far have `part` in their message.

@@ -10,6 +10,7 @@
 
 #include <vo/log.h>
 #include <zrcommon/zrservicenames.h>
+#include <zrerror/zrdefaults.h>
 #include <zrextractors/zrextractorregistry.h>
 #include <zrmemory/zrmemory.h>
 
@@ -63,12 +64,7 @@ class HostCommand : public Command {
         cmd->add_option("--device", input_,
                         "Host \"ZRAudioDevice\" on INPUT: a sound file, -, mic or mic:DEVICE, "
                         "tone:HZ, noise or silence.");
-    cmd->add_option("--rate", rate_, "Sample rate in Hz (a file is resampled).")
-        ->check(CLI::Range(1000, 384000));
-    cmd->add_option("--channels", channels_, "Channel count.")->check(CLI::Range(1, 32));
-    cmd->add_option("--buffer", buffer_, "Samples per channel in each buffer.")
-        ->check(CLI::Range(1, 1 << 20));
-    cmd->add_flag("--realtime", realtime_, "Pace the input at real time.");
+    deviceFlags_.define(cmd);
     cmd->add_option("-e,--extractor", extractors_, "Extractor to host (repeatable).");
     cmd->add_option("--load", libraries_,
                     "Load extractor types from a plugin library (repeatable).");
@@ -101,10 +97,11 @@ class HostCommand : public Command {
   boost::shared_ptr<ZR::ZRBroker> start(ZR::ZRBrokerOptions o);
   void createModules(const boost::shared_ptr<ZR::ZRBroker>& broker);
 
-  std::string name_ = defaultHostName(), listen_ = "tcp://127.0.0.1:0", advertise_, input_;
+  std::string name_ = defaultHostName(), listen_ = ZR::kDefaultListen, advertise_, input_;
   std::string curveKeys_, allow_, serverKey_, directory_, logLevel_ = "warning", array_;
-  bool serve_ = false, memory_ = false, realtime_ = false, insecure_ = false;
-  int rate_ = 0, channels_ = 0, buffer_ = 0, heartbeat_ = 0;
+  bool serve_ = false, memory_ = false, insecure_ = false;
+  int heartbeat_ = 0;
+  DeviceFlags deviceFlags_;
   std::vector<std::string> extractors_, libraries_;
   CLI::Option* device_ = nullptr;
   CLI::Option* directoryOption_ = nullptr;
@@ -146,10 +143,7 @@ void HostCommand::createModules(const boost::shared_ptr<ZR::ZRBroker>& broker) {
   }
   if (device_->count() > 0) {
     ZR::ZRAudioDeviceOptions d = resolveInput(input_, true);
-    if (rate_ > 0) d.sampleRate = rate_;
-    if (channels_ > 0) d.channelCount = channels_;
-    if (buffer_ > 0) d.samplesPerBuffer = buffer_;
-    d.realtime = realtime_;
+    deviceFlags_.apply(d);
     const std::string notice = rawInputNotice(d);
     if (!notice.empty()) std::fprintf(stderr, "%s\n", notice.c_str());
     auto device =

@@ -12,6 +12,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <zrerror/zrdefaults.h>
+
 namespace zr {
 
 namespace {
@@ -57,12 +59,32 @@ ZR::ZRAudioDeviceOptions resolveInput(const std::string& input, bool given) {
   return device;
 }
 
+void DeviceFlags::define(CLI::App* cmd) {
+  cmd->add_flag("--realtime", realtime, "Pace the input at real time (drops when extractors lag).");
+  cmd->add_option("--rate", rate,
+                  "Sample rate in Hz (default: a file's own, which is resampled when this is "
+                  "given; " +
+                      std::to_string(ZR::kDefaultSampleRate) + " for other inputs).")
+      ->check(CLI::Range(1000, 384000));
+  cmd->add_option("--channels", channels, "Channel count (default: a file's own, else 1).")
+      ->check(CLI::Range(1, 32));
+  cmd->add_option("--buffer", buffer, "Samples per channel in each buffer (default: 100 ms).")
+      ->check(CLI::Range(1, 1 << 20));
+}
+
+void DeviceFlags::apply(ZR::ZRAudioDeviceOptions& device) const {
+  if (rate > 0) device.sampleRate = rate;
+  if (channels > 0) device.channelCount = channels;
+  if (buffer > 0) device.samplesPerBuffer = buffer;
+  device.realtime = realtime;
+}
+
 std::string rawInputNotice(const ZR::ZRAudioDeviceOptions& device) {
   if (device.source != ZR::ZRAudioDeviceOptions::Source::RawPcm ||
       (device.sampleRate && device.channelCount))
     return "";
   return "zr: " + device.describe() + " is read as 16-bit " +
-         std::to_string(device.sampleRate.value_or(16000)) + " Hz " +
+         std::to_string(device.sampleRate.value_or(ZR::kDefaultSampleRate)) + " Hz " +
          (device.channelCount.value_or(1) == 1
               ? std::string("mono")
               : std::to_string(*device.channelCount) + " channels") +

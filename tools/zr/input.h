@@ -5,7 +5,20 @@
 
 #include <zraudiodevice/zraudiodevice.h>
 
+namespace CLI {
+class App;
+}
+
 namespace zr {
+
+/// The device's options beyond its INPUT, as zr run and zr host take them: --rate, --channels,
+/// --buffer and --realtime (0 and false: the input's own, else the device's defaults).
+struct DeviceFlags {
+  int rate = 0, channels = 0, buffer = 0;
+  bool realtime = false;
+  void define(CLI::App* cmd);
+  void apply(ZR::ZRAudioDeviceOptions& device) const;
+};
 
 /// The device options for INPUT as given on the command line (`given` false: no INPUT, the
 /// bundled sample). Throws std::runtime_error with a line for the user for an empty INPUT, a

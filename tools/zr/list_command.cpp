@@ -44,26 +44,27 @@ class ListCommand : public Command {
 
  private:
   int runRemote() {
+    // One call to the directory: hosts publish what their modules are with their names.
     DirectoryView view(directory_);
     for (const ZR::ZRDirectoryEntry& e : view.entries()) {
-      std::string kind = "module";
+      ZR::ZRModuleInfo info;
+      info.kind = "module";
       try {
-        const ZR::ZRValue methods = view.call(e.name, "getMethodList");
-        std::vector<std::string> names;
-        for (const ZR::ZRValue& m : methods.arrayElements()) names.push_back(m.toStringRef());
-        kind = kindOf(e.name, names);
+        info = view.info(e);
       } catch (const ZR::ZRError&) {
-        // Gone since the directory answered, or no module core: listed as a plain module.
+        // A host that did not say, gone since the directory answered: a plain module.
       }
       if (format_ == "jsonl")
-        std::printf(
-            "%s\n",
-            nlohmann::ordered_json(
-                {{"name", e.name}, {"host", e.host}, {"endpoint", e.endpoint}, {"kind", kind}})
-                .dump()
-                .c_str());
+        std::printf("%s\n", nlohmann::ordered_json({{"name", e.name},
+                                                    {"host", e.host},
+                                                    {"endpoint", e.endpoint},
+                                                    {"kind", info.kind},
+                                                    {"methods", info.methods},
+                                                    {"events", info.events}})
+                                .dump()
+                                .c_str());
       else
-        std::printf("%-20s %-15s %-16s %s\n", e.name.c_str(), kind.c_str(), e.host.c_str(),
+        std::printf("%-20s %-15s %-16s %s\n", e.name.c_str(), info.kind.c_str(), e.host.c_str(),
                     e.endpoint.c_str());
     }
     return 0;

@@ -37,8 +37,7 @@ nlohmann::ordered_json toJson(const ZR::ZRValue& v) {
     case ZR::ZRValue::TypeArray: {
       if (ZR::isRecord(v) && v.getSize() > 0) {  // a record inside a record: an object too
         nlohmann::ordered_json o = nlohmann::ordered_json::object();
-        for (const ZR::ZRValue& f : v.arrayElements())
-          o[f[0].toStringRef()] = toJson(f[1]);
+        for (const ZR::ZRValue& f : v.arrayElements()) o[f[0].toStringRef()] = toJson(f[1]);
         return o;
       }
       nlohmann::ordered_json a = nlohmann::ordered_json::array();

@@ -134,7 +134,8 @@ void DirectoryOptions::define(CLI::App* cmd) {
 void defineHeartbeat(CLI::App* cmd, int& ms) {
   cmd->add_option("--heartbeat", ms,
                   "Heartbeat interval in ms (default 250); a peer silent for three is dead.")
-      ->check(CLI::Range(10, 60000));
+      ->check(CLI::Range(10, 60000))
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);  // the last one given counts
 }
 
 bool DirectoryOptions::explicitlyGiven() const {
@@ -193,6 +194,9 @@ DirectoryView::DirectoryView(const ZR::ZRBrokerOptions& o) : address_(o.director
   ZR::ZRTransportOptions t;
   t.hostName = "zr-" + std::to_string(getpid());
   t.listen.clear();  // calls out only
+  // A module of a host killed a moment ago, still listed: the tool says so within 3 heartbeats.
+  t.heartbeat = o.heartbeat;
+  t.connectTime = std::chrono::milliseconds(0);
   t.curvePublicKey = o.curvePublicKey;
   t.curveSecretKey = o.curveSecretKey;
   serverKey_ = o.directoryPublicKey;
@@ -228,13 +232,24 @@ void DirectoryView::refresh() {
   }
   entries_.clear();
   if (reply.isArray() && reply.getSize() == 4 && reply[3].isArray())
-    for (const ZR::ZRValue& c : reply[3].arrayElements())
-      if (c.isArray() && c.getSize() == 4 && c[0].isBool() && c[0].toBool())
-        entries_.push_back({c[1].toStringRef(), c[2].toStringRef(), c[3].toStringRef()});
+    for (const ZR::ZRValue& c : reply[3].arrayElements()) {
+      ZR::ZRDirectoryEntry e;
+      bool added = false;
+      if (ZR::readDirectoryChange(c, e, added) && added) entries_.push_back(std::move(e));
+    }
   std::sort(entries_.begin(), entries_.end(),
             [](const auto& a, const auto& b) { return a.name < b.name; });
   if (!serverKey_.empty())
     for (const auto& e : entries_) transport_->setServerKey(e.endpoint, serverKey_);
+}
+
+ZR::ZRModuleInfo DirectoryView::info(const ZR::ZRDirectoryEntry& e) {
+  if (!e.info.kind.empty()) return e.info;
+  ZR::ZRModuleInfo asked;
+  for (const ZR::ZRValue& m : call(e.name, "getMethodList").arrayElements())
+    if (m.isString()) asked.methods.push_back(m.toStringRef());
+  asked.kind = ZR::moduleKind(e.name, asked.methods);
+  return asked;
 }
 
 std::optional<ZR::ZRDirectoryEntry> DirectoryView::find(const std::string& name) const {
@@ -298,16 +313,6 @@ void subscribeNewModule(ZR::ZRMemoryProxy& memory, const std::string& event,
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
-}
-
-std::string kindOf(const std::string& name, const std::vector<std::string>& methods) {
-  auto has = [&](const char* m) {
-    return std::find(methods.begin(), methods.end(), m) != methods.end();
-  };
-  if (name == "ZRMemory" || name == "ZRAudioDevice") return "service";
-  if (has("getSubscribersInfo") && has("getCurrentPeriod"))
-    return has("processRemote") ? "soundextractor" : "extractor";
-  return "module";
 }
 
 std::vector<MethodInfo> parseMethodHelp(const std::string& help) {

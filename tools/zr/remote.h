@@ -12,6 +12,7 @@
 #include <CLI/CLI.hpp>
 
 #include <zrcommon/zrbroker.h>
+#include <zrcommon/zrservicenames.h>
 #include <zrnet/zrdirectory.h>
 #include <zrnet/zrtransport.h>
 #include <zrproxies/zrmemoryproxy.h>
@@ -84,6 +85,9 @@ class DirectoryView {
                    std::vector<ZR::ZRValue> args = {});
   /// Asks the directory again.
   void refresh();
+  /// What `e` is and offers: as its host published it, or, from a host that did not say (an
+  /// older or foreign client), asked of the module itself. ZRError when that fails.
+  ZR::ZRModuleInfo info(const ZR::ZRDirectoryEntry& e);
 
  private:
   std::string address_, serverKey_;
@@ -109,9 +113,6 @@ void requireDirectory(const ZR::ZRBrokerOptions& o);
 /// module is retried for up to kDirectoryWaitMs. Other errors go through.
 void subscribeNewModule(ZR::ZRMemoryProxy& memory, const std::string& event,
                         const std::string& module, const std::string& callback);
-
-/// "extractor", "soundextractor", "service" or "module", from a module's name and method list.
-std::string kindOf(const std::string& name, const std::vector<std::string>& methods);
 
 /// One overload of a method, as its help page gives it.
 struct MethodInfo {

@@ -7,15 +7,12 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <thread>
 
 #include <zrcommon/zrmodule.h>
 #include <zrcommon/zrservicenames.h>
 #include <zrproxies/zrmemoryproxy.h>
 
 namespace zr {
-
-namespace {}  // namespace
 
 RemotePipeline::RemotePipeline(const PipelineConfig& config, const DirectoryOptions& directory,
                                Sink sink)
@@ -45,6 +42,9 @@ RemotePipeline::RemotePipeline(const PipelineConfig& config, const DirectoryOpti
     memory.declareEvent(marker_, "");
     subscribeNewModule(memory, marker_, name_, "onEvent");
     subscribed_.push_back(marker_);
+    // The device says when the input ended; nobody needs to ask it again and again.
+    memory.subscribeToEvent(ZR::kEndOfStreamEvent, name_, "onEvent");
+    subscribed_.push_back(ZR::kEndOfStreamEvent);
     subscribeClient(*broker_, memory, extractors_, name_, config, subscribed_);
   } catch (...) {
     unsubscribeAll();
@@ -78,9 +78,9 @@ void RemotePipeline::unsubscribeAll() {
 
 void RemotePipeline::receive(const std::string& event, const ZR::ZRValue& value) {
   std::lock_guard<std::mutex> lock(sinkMutex_);
-  if (event == marker_) {
-    marked_ = true;
-    markerSeen_.notify_all();
+  if (event == marker_ || event == ZR::kEndOfStreamEvent) {
+    (event == marker_ ? marked_ : ended_) = true;
+    changed_.notify_all();
     return;
   }
   auto it = producerOf_.find(event);
@@ -93,31 +93,33 @@ void RemotePipeline::receive(const std::string& event, const ZR::ZRValue& value)
 }
 
 void RemotePipeline::start() {
+  // The device counts its deliveries since each subscriber first came: this run's are those
+  // from here on.
+  rate_ = device_->call<int>("getSampleRate");
+  perBuffer_ = device_->call<int>("getSamplesPerBuffer");
+  for (const std::string& e : extractors_) before_[e] = deliveredTo(e);
   device_->call<void>("release");
   held_ = false;
 }
 
 bool RemotePipeline::waitForEnd(int timeoutMs) {
-  const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-  for (;;) {
-    if (device_->call<bool>("isEndOfStream")) return true;
-    if (std::chrono::steady_clock::now() >= until) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(std::min(timeoutMs, 20)));
+  std::unique_lock<std::mutex> lock(sinkMutex_);
+  return changed_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [this] { return ended_; });
+}
+
+int RemotePipeline::deliveredTo(const std::string& extractor) {
+  try {
+    return device_->call<int>("getDeliveredBufferCount", extractor);
+  } catch (const ZR::ZRError&) {
+    return 0;  // an extractor that does not listen to the device, or not yet
   }
 }
 
 double RemotePipeline::audioSeconds(double cap) {
-  const double rate = device_->call<int>("getSampleRate");
-  const double perBuffer = device_->call<int>("getSamplesPerBuffer");
   int delivered = 0;
-  for (const std::string& e : extractors_) {
-    try {
-      delivered = std::max(delivered, device_->call<int>("getDeliveredBufferCount", e));
-    } catch (const ZR::ZRError&) {
-      // An extractor that does not listen to the device.
-    }
-  }
-  const double seconds = rate > 0 ? delivered * perBuffer / rate : 0.0;
+  for (const std::string& e : extractors_)
+    delivered = std::max(delivered, deliveredTo(e) - before_[e]);
+  const double seconds = rate_ > 0 ? static_cast<double>(delivered) * perBuffer_ / rate_ : 0.0;
   return cap > 0 ? std::min(seconds, cap) : seconds;
 }
 
@@ -129,7 +131,7 @@ void RemotePipeline::finish() {
   }
   ZR::ZRMemoryProxy(broker_).raiseEvent(marker_, ZR::ZRValue(0));
   std::unique_lock<std::mutex> lock(sinkMutex_);
-  if (!markerSeen_.wait_for(lock, std::chrono::seconds(10), [this] { return marked_; }))
+  if (!changed_.wait_for(lock, std::chrono::seconds(10), [this] { return marked_; }))
     std::fprintf(stderr, "zr: the last results did not arrive within 10 s\n");
   lock.unlock();
   unsubscribeAll();

@@ -41,6 +41,7 @@ class RemotePipeline {
  private:
   void receive(const std::string& event, const ZR::ZRValue& value);
   void unsubscribeAll();
+  int deliveredTo(const std::string& extractor);
 
   std::vector<std::string> extractors_;
   std::string name_, marker_;
@@ -51,8 +52,10 @@ class RemotePipeline {
   std::vector<std::string> subscribed_;
   bool held_ = false;
   std::mutex sinkMutex_;
-  std::condition_variable markerSeen_;
-  bool marked_ = false;
+  std::condition_variable changed_;  // the marker or the end of the input came
+  bool marked_ = false, ended_ = false;
+  int rate_ = 0, perBuffer_ = 0;
+  std::map<std::string, int> before_;  // deliveries to each extractor before this run
   Sink sink_;
 };
 

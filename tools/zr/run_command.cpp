@@ -144,10 +144,7 @@ struct RunOptions {
   std::string format = "table";
   std::string output;
   std::string plot;
-  bool realtime = false;
-  int rate = 0;
-  int channels = 0;
-  int buffer = 0;
+  DeviceFlags device;
   std::vector<std::string> libraries;
   std::string logLevel = "warning";
   std::string array;
@@ -190,13 +187,7 @@ class RunCommand : public Command {
           return plotTerminal(path).empty() ? "wants a .png or .svg file, not " + path
                                             : std::string();
         });
-    cmd->add_flag("--realtime", o.realtime,
-                  "Pace the input at real time (drops when extractors lag).");
-    cmd->add_option("--rate", o.rate, "Sample rate in Hz (a file is resampled).")
-        ->check(CLI::Range(1000, 384000));
-    cmd->add_option("--channels", o.channels, "Channel count.")->check(CLI::Range(1, 32));
-    cmd->add_option("--buffer", o.buffer, "Samples per channel in each buffer.")
-        ->check(CLI::Range(1, 1 << 20));
+    o.device.define(cmd);
     cmd->add_option("--load", o.libraries,
                     "Load extractor types from a plugin library (repeatable).");
     defineArrayOption(cmd, o.array);
@@ -353,10 +344,7 @@ int RunCommand::run() {
   if (!o.plot.empty()) checkPlotOutput(o.plot);
 
   PipelineConfig& config = base_;
-  if (o.rate > 0) config.device.sampleRate = o.rate;
-  if (o.channels > 0) config.device.channelCount = o.channels;
-  if (o.buffer > 0) config.device.samplesPerBuffer = o.buffer;
-  config.device.realtime = o.realtime;
+  o.device.apply(config.device);
   if (o.periodGiven) config.period = o.period;
   if (precision_->count() > 0) config.precision = o.precision;
   config.extractors = o.extractors;

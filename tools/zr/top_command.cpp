@@ -88,9 +88,7 @@ std::vector<Json> TopCommand::snapshot(DirectoryView& view) {
   for (const ZR::ZRDirectoryEntry& e : view.entries()) {
     hosts[e.endpoint] = e.host;
     try {
-      const std::vector<std::string> methods = strings(view.call(e.name, "getMethodList"));
-      lastSeen_[e.endpoint] = Clock::now();
-      const std::string kind = kindOf(e.name, methods);
+      const std::string kind = view.info(e).kind;
       if (kind == "extractor" || kind == "soundextractor") {
         Json subscribers = Json::array();
         const ZR::ZRValue info = view.call(e.name, "getSubscribersInfo");
@@ -113,7 +111,7 @@ std::vector<Json> TopCommand::snapshot(DirectoryView& view) {
                    : Json(rounded(view.call(e.name, "getCurrentPrecision").toFloat()))},
              {"eventsPerSecond", eventRate(view, e.name)},
              {"subscribers", subscribers}});
-      } else if (e.name == "ZRAudioDevice") {
+      } else if (e.name == ZR::kAudioDeviceServiceName) {
         Json subscribers = Json::array();
         for (const std::string& s : strings(view.call(e.name, "getSubscribers"))) {
           const int delivered = view.call(e.name, "getDeliveredBufferCount", {s}).toInt();
@@ -133,7 +131,10 @@ std::vector<Json> TopCommand::snapshot(DirectoryView& view) {
                            {"rate", view.call(e.name, "getSampleRate").toInt()},
                            {"channels", view.call(e.name, "getChannelCount").toInt()},
                            {"subscribers", subscribers}});
+      } else {
+        view.call(e.name, "ping");  // nothing else to ask: whether its host answers
       }
+      lastSeen_[e.endpoint] = Clock::now();
     } catch (const ZR::ZRError&) {
       // Its host stopped answering since the directory listed it: its last-seen time grows.
     }

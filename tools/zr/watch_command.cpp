@@ -17,6 +17,7 @@
 #include <vo/log.h>
 #include <zrcommon/zrmodule.h>
 #include <zrcommon/zrservicenames.h>
+#include <zrerror/zrdefaults.h>
 #include <zrextractors/zrrecord.h>
 #include <zrproxies/zrmemoryproxy.h>
 #include <nlohmann/json.hpp>
@@ -60,7 +61,7 @@ class WatchCommand : public Command {
 
  private:
   std::vector<std::string> events_;
-  std::string name_ = defaultName(), format_ = "jsonl", listen_ = "tcp://127.0.0.1:0", advertise_;
+  std::string name_ = defaultName(), format_ = "jsonl", listen_ = ZR::kDefaultListen, advertise_;
   long count_ = 0;  // 0: no limit
   double duration_ = 0.0;
   bool wait_ = false;

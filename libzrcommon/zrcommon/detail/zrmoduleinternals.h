@@ -90,6 +90,9 @@ struct ZRModuleAccess {
                                const ZRModuleCore* module);
   static std::shared_ptr<ZRStreamSender> openStream(ZRBroker& broker, const std::string& endpoint,
                                                     const std::string& label);
+  /// The memory service took `producer`'s declaration of `event`: published with the module.
+  static void noteDeclaredEvent(ZRBroker& broker, const std::string& producer,
+                                const std::string& event);
 };
 
 /// Proxy calls running on the calling thread, nested ones included.

@@ -29,7 +29,7 @@ void ZRAudioDevice::Core::raiseEndOfStream(float seconds) {
     if (b && b->hasModule(kMemoryServiceName))
       ZRMemoryProxy(b).raiseEvent(kEndOfStreamEvent, seconds);
   } catch (const ZRError& e) {
-    vo::log::LogStream(vo::LogLevel_Warning, "", "endOfStream", kAudioDeviceCategory, 0)
+    VO_LOG(vo::LogLevel_Warning, kAudioDeviceCategory)
         << name << ": cannot raise \"" << kEndOfStreamEvent << "\": " << e.what();
   }
   markEnded();
@@ -41,7 +41,7 @@ void ZRAudioDevice::Core::finishStream() {
   // Idle once the other hosts have answered every buffer too.
   if (!line->waitUntilIdle(std::chrono::milliseconds(-1), &stop)) return;
   const float seconds = static_cast<float>(static_cast<double>(position) / format.sampleRate);
-  vo::log::LogStream(vo::LogLevel_Info, "", "finishStream", kAudioDeviceCategory, 0)
+  VO_LOG(vo::LogLevel_Info, kAudioDeviceCategory)
       << name << ": end of " << options.describe() << " after " << seconds << " s";
   try {
     boost::shared_ptr<ZRBroker> b = broker.lock();
@@ -86,7 +86,7 @@ void ZRAudioDevice::Core::run(std::unique_ptr<ZRAudioSource> source) {
       if (!publish(buffer, frames)) break;
     }
   } catch (const std::exception& e) {
-    vo::log::LogStream(vo::LogLevel_Error, "", "run", kAudioDeviceCategory, 0)
+    VO_LOG(vo::LogLevel_Error, kAudioDeviceCategory)
         << name << ": " << options.describe() << " failed, the stream ends: " << e.what();
     finished = true;
   }

@@ -11,6 +11,7 @@
 
 #include <vo/log.h>
 #include <zrcommon/zrproxy.h>
+#include <zrerror/zrdefaults.h>
 
 #include "zraudiodevicecore.h"
 
@@ -20,10 +21,6 @@ namespace {
 
 int clampToInt(std::int64_t v) {
   return static_cast<int>(std::min<std::int64_t>(v, INT_MAX));
-}
-
-void info(const char* function, const std::string& message) {
-  vo::log::LogStream(vo::LogLevel_Info, "", function, kAudioDeviceCategory, 0) << message;
 }
 
 }  // namespace
@@ -45,7 +42,8 @@ ZRAudioDevice::ZRAudioDevice(boost::shared_ptr<ZRBroker> broker, const std::stri
     else if (options_.sampleRate && options_.channelCount)
       core_->setFormat({*options_.sampleRate, *options_.channelCount});
   } else {
-    core_->setFormat({options_.sampleRate.value_or(16000), options_.channelCount.value_or(1)});
+    core_->setFormat(
+        {options_.sampleRate.value_or(kDefaultSampleRate), options_.channelCount.value_or(1)});
   }
   if (core_->format.channels > kMaxAudioChannels)
     throw ZRError(name, kAudioDeviceClassName,
@@ -149,7 +147,7 @@ ZRAudioDevice::~ZRAudioDevice() {
   // A module still subscribed will call "unsubscribe" on a device that is gone; say so now, while
   // both names are known, before whatever the module does about it.
   for (const std::string& module : getSubscribers()) {
-    vo::log::LogStream(vo::LogLevel_Warning, "", "~ZRAudioDevice", kAudioDeviceCategory, 0)
+    VO_LOG(vo::LogLevel_Warning, kAudioDeviceCategory)
         << getName() << ": going away while \"" << module << "\" is still subscribed; its later "
         << "unsubscribe from \"" << getName() << "\" will fail";
   }
@@ -171,7 +169,7 @@ void ZRAudioDevice::subscribe(const std::string& module) {
   boost::shared_ptr<ZRProxy> proxy;
   // A module of another host that registered a moment ago may not have reached this host yet.
   if (!broker->endpoint().empty() && !broker->session()->hasService(module))
-    broker->session()->waitForService(module).async().wait(5000);
+    broker->session()->waitForService(module).async().wait(static_cast<int>(kPublishWait.count()));
   try {
     proxy = broker->getProxy(module, 0);
   } catch (const ZRError& e) {
@@ -235,7 +233,8 @@ void ZRAudioDevice::subscribe(const std::string& module) {
     core_->held = core_->held || options_.held;  // a hold() before the start stands
     core_->capturing = true;
   }
-  info("subscribe", getName() + ": starting " + options_.describe() + " for \"" + module + "\"");
+  VO_LOG(vo::LogLevel_Info, kAudioDeviceCategory)
+      << getName() << ": starting " << options_.describe() << " for \"" << module << "\"";
   core_->thread = std::thread(&Core::run, core_, std::move(source));
 }
 
@@ -245,7 +244,8 @@ void ZRAudioDevice::unsubscribe(const std::string& module) {
   if (!core_->line->remove(module) && !remote) return;
   if (core_->line->subscribers().empty() && options_.source != ZRAudioDeviceOptions::Source::Host) {
     stopCapture(control);
-    info("unsubscribe", getName() + ": stopped " + options_.describe());
+    VO_LOG(vo::LogLevel_Info, kAudioDeviceCategory)
+        << getName() << ": stopped " << options_.describe();
   }
 }
 

@@ -23,7 +23,6 @@
 
 namespace ZR {
 
-inline constexpr const char* kAudioDeviceCategory = "zraudiodevice";
 inline constexpr int kMaxAudioChannels = 32;
 /// The declaring class of the device's remote methods, and the operation its constructor names.
 inline constexpr const char* kAudioDeviceClassName = "ZRAudioDevice";

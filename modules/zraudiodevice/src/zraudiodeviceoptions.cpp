@@ -3,6 +3,7 @@
 
 #include <zraudiodevice/zraudiodevice.h>
 #include <zrcommon/zrservicenames.h>
+#include <zrerror/zrdefaults.h>
 
 #include "zraudiodevicecore.h"
 
@@ -122,7 +123,7 @@ void validateAudioDeviceOptions(const ZRAudioDeviceOptions& o, const std::string
       fail("the amplitude must be between 0 and 1, not " + std::to_string(o.amplitude));
   }
   if (o.source == S::Tone) {
-    const int rate = o.sampleRate.value_or(16000);
+    const int rate = o.sampleRate.value_or(kDefaultSampleRate);
     if (!(o.frequency > 0 && o.frequency < rate / 2.0))
       fail("the tone frequency must be above 0 and below half the sample rate (" +
            std::to_string(rate / 2) + " Hz), not " + std::to_string(o.frequency));

@@ -46,7 +46,7 @@ void ZRAudioRecorder::record(const ZRValue& buffer, std::size_t frames, const st
     if (written != static_cast<sf_count_t>(frames)) lost = sf_strerror(file_);
   }
   if (!lost.empty())
-    vo::log::LogStream(vo::LogLevel_Warning, "", "record", "zraudiodevice", 0)
+    VO_LOG(vo::LogLevel_Warning, kAudioDeviceCategory)
         << device << ": recording lost samples: " << lost;
 }
 

@@ -21,8 +21,6 @@ namespace ZR {
 
 namespace {
 
-const char* kCategory = "zraudiodevice";
-
 // Mono to any count and any count to mono; everything else is refused when the source opens.
 bool canConvertChannels(int from, int to) {
   return from == to || from == 1 || to == 1;
@@ -131,7 +129,7 @@ class FileSource : public ZRAudioSource {
     }
     if (clipped && !warnedClipping_) {
       warnedClipping_ = true;
-      vo::log::LogStream(vo::LogLevel_Warning, "", "read", kCategory, 0)
+      VO_LOG(vo::LogLevel_Warning, kAudioDeviceCategory)
           << "\"" << path_ << "\" holds samples beyond full scale: they are clipped to 16 bits, so "
           << "its loudest passages read as 0 dBFS";
     }
@@ -288,7 +286,7 @@ class RawSource : public ZRAudioSource {
     if (!endOfInput_) {
       carry_.assign(bytes + whole * frameBytes_, bytes + have);
     } else if (partial) {
-      vo::log::LogStream(vo::LogLevel_Warning, "", "read", kCategory, 0)
+      VO_LOG(vo::LogLevel_Warning, kAudioDeviceCategory)
           << "raw PCM input ended with " << partial << " byte(s) that make no whole frame of "
           << frameBytes_ / sizeof(std::int16_t) << " 16-bit sample(s); they were dropped";
     }
@@ -348,7 +346,7 @@ class AlsaSource : public ZRAudioSource {
       if (err < 0)
         throw ZRError(kAudioDeviceServiceName, "read",
                       "microphone \"" + name_ + "\" failed: " + snd_strerror(err));
-      vo::log::LogStream(vo::LogLevel_Warning, "", "read", kCategory, 0)
+      VO_LOG(vo::LogLevel_Warning, kAudioDeviceCategory)
           << "microphone \"" << name_ << "\" overran: samples were lost ("
           << snd_strerror(static_cast<int>(n)) << ")";
     }

@@ -10,6 +10,9 @@
 
 namespace ZR {
 
+/// The log category of the device and its sources.
+inline constexpr const char* kAudioDeviceCategory = "zraudiodevice";
+
 /// The output format every source delivers in.
 struct ZRAudioFormat {
   int sampleRate = 0;

@@ -18,6 +18,7 @@
 
 #include "sink.h"
 
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using zrtest::errorOf;
 using namespace std::chrono_literals;
@@ -238,9 +239,11 @@ TEST_F(AudioDeviceTest, EverySampleFormatComesInAtItsTrueLevel) {
     ASSERT_TRUE(dev->waitForEndOfStream(10000));
     EXPECT_EQ(*std::max_element(sink->data.begin(), sink->data.end()), 32767) << rate;
     EXPECT_EQ(*std::min_element(sink->data.begin(), sink->data.end()), -32768) << rate;
-    const auto lines = warnings.takeLines();
-    ASSERT_EQ(lines.size(), 1u) << rate;
-    EXPECT_THAT(std::get<2>(lines[0]), HasSubstr(loud + "\" holds samples beyond full scale"));
+    const auto records = warnings.take();
+    ASSERT_EQ(records.size(), 1u) << rate;
+    EXPECT_THAT(records[0].message, HasSubstr(loud + "\" holds samples beyond full scale"));
+    EXPECT_THAT(records[0].file, EndsWith("zraudiosource.cpp"));  // where it was logged
+    EXPECT_GT(records[0].line, 0);
     dev->unsubscribe("Sink");
     for (const char* m : {"ZRAudioDevice", "Sink"}) broker_->removeModule(m);
   }
@@ -274,7 +277,7 @@ TEST_F(AudioDeviceTest, ALiveSourceDropsTheOldestBuffersOfASlowSubscriber) {
     EXPECT_EQ(slow->seen[i].at(), static_cast<long long>(kept[i]) * 10000);
   }
   dev->unsubscribe("Slow");
-  EXPECT_EQ(warnings.takeLines(),
+  EXPECT_EQ(warnings.takePlatformLines(),
             (zrtest::Lines{{3, "publish",
                             "ZRAudioDevice: subscriber \"Slow\" does not keep up: its oldest "
                             "buffer was dropped (1 dropped so far, 0 warnings held back)"}}));
@@ -308,7 +311,7 @@ TEST_F(AudioDeviceTest, HostBuffersAreSharedAndFailingOrGoneSubscribersDoNotStop
   EXPECT_EQ(dev->getDeliveryStats("Bad").failed, 6);
   EXPECT_EQ(dev->getDeliveryStats("Bad").delivered, 0) << "a failed delivery is no delivery";
   EXPECT_EQ(dev->getSubscribers(), (Strings{"Bad", "Good"}));
-  zrtest::Lines lines = warnings.takeLines();
+  zrtest::Lines lines = warnings.takePlatformLines();
   std::sort(lines.begin(), lines.end());  // from two strands
   EXPECT_EQ(
       lines,
@@ -332,7 +335,7 @@ TEST_F(AudioDeviceTest, HostBuffersAreSharedAndFailingOrGoneSubscribersDoNotStop
       "\" is still subscribed; its later unsubscribe from \"ZRAudioDevice\" "
       "will fail";
   EXPECT_EQ(
-      warnings.takeLines(),
+      warnings.takePlatformLines(),
       (zrtest::Lines{{3, "~ZRAudioDevice", "ZRAudioDevice: going away while \"Bad" + tail},
                      {3, "~ZRAudioDevice", "ZRAudioDevice: going away while \"Good" + tail}}));
 }

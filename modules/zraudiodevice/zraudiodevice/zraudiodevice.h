@@ -35,8 +35,8 @@ struct ZRAudioDeviceOptions {
   double frequency = 440.0;
   /// Tone and noise: peak level as a fraction of full scale, 0 to 1.
   double amplitude = 0.5;
-  /// Unset: a file's own rate (resampled with libsamplerate when set and different), 16000 for
-  /// the other sources.
+  /// Unset: a file's own rate (resampled with libsamplerate when set and different),
+  /// kDefaultSampleRate (zrerror/zrdefaults.h) for the other sources.
   std::optional<int> sampleRate;
   /// Unset: a file's own channel count, 1 for the other sources. A file is converted only from
   /// mono to any count, or from any count to mono. At most 32.

@@ -29,6 +29,14 @@ namespace detail {
 /// The callbacks' queues: each holds calls `callback(event, value, subscriber)`.
 using EventLine = ZRDeliveryLine;
 
+inline bool isEvent(const ZRDelivery& call, const std::string& event) {
+  return !call.args.empty() && call.args[0].isString() && call.args[0].toStringRef() == event;
+}
+
+inline std::string quoted(const std::string& s) {
+  return "\"" + s + "\"";
+}
+
 struct Subscription {
   std::string subscriber;
   std::string callback;

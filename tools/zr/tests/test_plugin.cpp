@@ -1,8 +1,10 @@
 // Test doubles for zr: a type whose constructor throws what is no std::exception, an entry point
 // that does the same when ZR_TEST_THROW_AT_LOAD is set, an extractor that publishes the
-// precision it runs with, one that fails from 2 s of audio on, and two sinks for the device's
+// precision it runs with, one that fails from 2 s of audio on, two sinks for the device's
 // buffers ("Fast", and "Slow" which holds its first buffer until its "release" is called), each
-// printing "buffer NAME N" per buffer.
+// printing "buffer NAME N" per buffer, and plain modules "Alpha" and "Beta" for the tests of hosts
+// that come and go ("add", and "hold", which prints "holding NAME" and returns when the module
+// goes).
 
 #include <cstdio>
 #include <cstdlib>
@@ -78,6 +80,32 @@ class Sink : public ZR::ZRModule {
   int count_ = 0;
 };
 
+class Worker : public ZR::ZRModule {
+ public:
+  Worker(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name)
+      : ZRModule(broker, name), gate_(gone_.get_future().share()) {
+    functionName("add", "Worker", "Adds two numbers.", 0);
+    addParam("a", "First term.");
+    addParam("b", "Second term.");
+    setReturn("sum", "The sum.");
+    bindMethod(&Worker::add);
+    functionName("hold", "Worker", "Returns when the module goes.", 0);
+    bindMethod(&Worker::hold);
+  }
+  ~Worker() override { gone_.set_value(); }
+  int add(const int& a, const int& b) { return a + b; }
+  bool hold() {
+    std::printf("holding %s\n", getName().c_str());
+    std::fflush(stdout);
+    gate_.wait();
+    return true;
+  }
+
+ private:
+  std::promise<void> gone_;
+  std::shared_future<void> gate_;
+};
+
 ZR_EXTRACTOR_PLUGIN(registry) {
   if (std::getenv("ZR_TEST_THROW_AT_LOAD")) throw 42;
   registry.add("Thrower", [](auto, auto) -> boost::shared_ptr<ZR::ZRModuleCore> { throw 42; });
@@ -87,5 +115,9 @@ ZR_EXTRACTOR_PLUGIN(registry) {
     registry.add(slow ? "Slow" : "Fast", [slow](auto broker, const std::string& name) {
       return boost::shared_ptr<ZR::ZRModuleCore>(
           ZR::ZRModule::createModule<Sink>(broker, name, slow));
+    });
+  for (const char* worker : {"Alpha", "Beta"})
+    registry.add(worker, [](auto broker, const std::string& name) {
+      return boost::shared_ptr<ZR::ZRModuleCore>(ZR::ZRModule::createModule<Worker>(broker, name));
     });
 }

@@ -359,23 +359,23 @@ TEST(ZrRun, RawInputSaysWhatItAssumesAndListSpeaksJson) {
     EXPECT_NE(std::find(names.begin(), names.end(), name), names.end()) << name;
 }
 
-TEST(ZrDocs, TheReadmeDocumentsEveryEventAndMethodOfTheStockExtractors) {
-  const std::string readme = readFile(ZR_README);
-  ASSERT_FALSE(readme.empty());
+TEST(ZrDocs, TheExtractorsPageDocumentsEveryEventAndMethodOfTheStockExtractors) {
+  const std::string doc = readFile(ZR_EXTRACTORS_DOC);
+  ASSERT_FALSE(doc.empty());
   std::set<std::string> events;
   for (const std::string& line : lines(shell(kZr + " run " + kSample + " -f jsonl").second)) {
     const auto o = nlohmann::json::parse(line);
     events.insert(o["extractor"].get<std::string>() + "/" + o["event"].get<std::string>());
   }
   EXPECT_EQ(events.size(), 4u);
-  for (const std::string& e : events) EXPECT_NE(readme.find("`" + e + "`"), std::string::npos) << e;
+  for (const std::string& e : events) EXPECT_NE(doc.find("`" + e + "`"), std::string::npos) << e;
   // The remote methods each extractor adds to those of its base classes.
   for (const std::string name : {"SoundLevel", "VoiceActivity"})
     for (const std::string& line : lines(shell(kZr + " describe " + name).second))
       if (line.size() > name.size() + 3 &&
           line.substr(line.size() - name.size() - 2) == "[" + name + "]") {
         const std::string method = line.substr(0, line.find('('));
-        EXPECT_NE(readme.find("`" + method + "("), std::string::npos) << name << " " << method;
+        EXPECT_NE(doc.find("`" + method + "("), std::string::npos) << name << " " << method;
       }
 }
 

@@ -200,6 +200,10 @@ TEST(ZrNet, RunAndWatchAcrossProcesses) {
     return lines;
   };
   EXPECT_EQ(byExtractor(remote.second), byExtractor(local.second));
+  // A second run on the same hosts: the same results, and its own seconds of audio only.
+  const auto again = sh(kRun + " run -f jsonl" + host.dir);
+  EXPECT_EQ(byExtractor(again.second), byExtractor(local.second));
+  EXPECT_NE(again.second.find("zr: 10.20 s of audio in "), std::string::npos) << again.second;
 
   // Its first subscription starts the file, which runs at full speed: a second extractor
   // subscribed a moment later could find it over, so one event is watched.
@@ -214,6 +218,38 @@ TEST(ZrNet, RunAndWatchAcrossProcesses) {
   ASSERT_NE(orphan.waitFor("watching"), "");
   host.kill9();
   orphan.waitFor("ZRMemory left");
+}
+
+TEST(ZrNet, ListingAsksOnlyTheDirectory) {
+  // Leases of 3 heartbeats of 2 s: the frozen host stays listed while the test looks.
+  const std::string slow = " --heartbeat 2000";
+  Host host("--memory --heartbeat 2000");
+  const std::string dir = host.dir + slow;
+  Host frozen("-e SoundLevel" + slow, "frozen", dir);
+  frozen.signal(SIGSTOP);
+  // What SoundLevel is and declared comes with its name, not from its host, which cannot answer.
+  const auto list = sh(kRun + " list -f jsonl" + dir);
+  frozen.signal(SIGCONT);
+  ASSERT_EQ(list.first, 0) << list.second;
+  std::map<std::string, nlohmann::json> byName;
+  std::istringstream in(list.second);
+  for (std::string line; std::getline(in, line);)
+    if (line.rfind("{", 0) == 0) {
+      const nlohmann::json j = nlohmann::json::parse(line);
+      byName[j["name"]] = j;
+    }
+  ASSERT_TRUE(byName.count("SoundLevel")) << list.second;
+  EXPECT_EQ(byName["SoundLevel"]["kind"], "soundextractor");
+  EXPECT_EQ(byName["SoundLevel"]["events"],
+            nlohmann::json::array({"SoundLevel/Levels", "SoundLevel/ThresholdCrossed"}));
+  EXPECT_EQ(byName["ZRMemory"]["kind"], "service");
+  EXPECT_EQ(byName["ZRMemory"]["methods"][0], "getMethodList");
+  // A module whose host never answers: refused within the tool's own connection time.
+  frozen.signal(SIGSTOP);
+  const auto described = sh(kRun + " describe SoundLevel" + dir);
+  frozen.signal(SIGCONT);
+  EXPECT_NE(described.first, 0);
+  EXPECT_NE(described.second.find("module destroyed"), std::string::npos) << described.second;
 }
 
 TEST(ZrNet, NoDirectoryExitsThreeAndKeysAreWritten) {
@@ -248,7 +284,7 @@ TEST(ZrNet, TheDocumentedStepsWorkAsPasted) {
   EXPECT_NE(table.second.find("idle           -         -"), std::string::npos) << table.second;
   EXPECT_EQ(table.second.find("-1"), std::string::npos) << table.second;
 
-  // Negative numbers after --, as the README writes them; options go before it.
+  // Negative numbers after --, as docs/command-line.md writes them; options go before it.
   EXPECT_EQ(sh(kRun + " call" + d + " SoundLevel setThreshold -- -40 3").first, 0);
   EXPECT_EQ(sh(kRun + " call" + d + " ZRMemory insertData -- k -x").first, 0);
   EXPECT_EQ(sh(kRun + " call" + d + " ZRMemory getData k").second, "\"-x\"\n");
@@ -272,10 +308,11 @@ TEST(ZrNet, TheDocumentedStepsWorkAsPasted) {
   EXPECT_EQ(waiting.first, 0) << waiting.second;
   EXPECT_NE(waiting.second.find("no module declares Later/Event yet"), std::string::npos);
 
-  for (const std::string& bad : {"garbage", "tcp://127.0.0.1", "tcp://host:99999"}) {
+  for (const char* bad : {"garbage", "tcp://127.0.0.1", "tcp://host:99999"}) {
     const auto [status, out] = sh(kRun + " list --directory " + bad);
     EXPECT_EQ(status, 2) << bad;
-    EXPECT_NE(out.find("the address \"" + bad + "\" is malformed"), std::string::npos) << out;
+    EXPECT_NE(out.find("the address \"" + std::string(bad) + "\" is malformed"), std::string::npos)
+        << out;
   }
   EXPECT_EQ(sh("ZR_DIRECTORY=nowhere " + kRun + " top --once").first, 2);
 }
