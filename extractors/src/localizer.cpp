@@ -12,7 +12,6 @@
 #include <cstring>
 
 #include "extractorutil.h"
-#include "devknobs.h"
 
 namespace ZR {
 
@@ -35,22 +34,23 @@ constexpr float kNearFloor = 2.0f;
 constexpr double kFloorSteps = 2.0;
 // A bin counts for localisation by how far it stands above that floor, judged with its
 // neighbours on either side.
-static const float kOverSubtraction = static_cast<float>(knob("K_OVER", 3.0));
+constexpr float kOverSubtraction = 3.0f;
 constexpr int kSmoothBins = 2;
 // Per 16 ms, what reverberation keeps of the power before (about 0.8 s of RT60).
-static const double kTailDecay = knob("K_TAIL", 0.75);
-static const float kTailOver = static_cast<float>(knob("K_TAILK", 1.5));
+constexpr double kTailDecay = 0.75;
+// The tail counts this many times over against the frame: an onset must clear it well.
+constexpr float kTailOver = 1.5f;
 // Reverberation is a diffuse field: coherent between near mics at low frequencies, it pulls
 // every direction towards zero delay (broadside, for a line). Its share of a bin (what the tail
 // accounts for, counted this many times over) times the diffuse field's coherence between the
 // pair's mics is taken out of the pair's cross-spectrum.
-static const float kDiffuseOver = static_cast<float>(knob("K_DIFF", 1.0));
+constexpr float kDiffuseOver = 0.5f;
 // A bin goes to the candidate its phases fit best when they fit it at least this well (the
 // mean phase agreement of its pairs once aligned on the candidate, -1/(M-1) to 1); otherwise it
 // stays free for new sources.
-static const float kAssignFit = static_cast<float>(knob("K_ASSIGN", 0.8));
+constexpr float kAssignFit = 0.8f;
 // A candidate's direction is looked for this far (degrees) from where it was.
-static const double kCandidateReach = knob("K_REACH", 20.0);
+constexpr double kCandidateReach = 20.0;
 
 }  // namespace
 
@@ -190,7 +190,8 @@ void Localizer::setCandidates(const std::vector<Point>& directions) {
       // recurrence over the bins.
       const Point& m = array_.mics()[i];
       const Point& u = candidates_[c];
-      const double d = -(m[0] * u[0] + m[1] * u[1] + m[2] * u[2]) * rate_ / ZRMicArray::kSpeedOfSound;
+      const double d =
+          -(m[0] * u[0] + m[1] * u[1] + m[2] * u[2]) * rate_ / ZRMicArray::kSpeedOfSound;
       const double step = 2.0 * kPi * d / n;
       double zr = std::cos(step * firstBin_), zi = std::sin(step * firstBin_);
       const double rr = std::cos(step), ri = std::sin(step);
@@ -320,7 +321,6 @@ void Localizer::weighBins(const float* power, int active) {
     if (p > 0.0f) w *= std::clamp(1.0f - kTailOver * tail / p, 0.0f, 1.0f);
     // (the noise's own share is taken out with its cross-spectrum below)
     reverb_[k] = p > 0.0f ? kDiffuseOver * std::clamp((tail - floor) / p, 0.0f, 1.0f) : 0.0f;
-    if (knob("K_DNORM", 0) > 0) w /= std::max(static_cast<float>(knob("K_DNMIN", 0.3)), 1.0f - reverb_[k]);
     w_[k] = w;
     noiseLike_[k] = !noiseStarted_ ? 1.0f : nearFloor ? kNoiseSmoothing : 0.0f;
     speech += std::max(0.0f, p - floor);
@@ -356,7 +356,8 @@ void Localizer::assignBins(int active) {
         }
       }
       for (int k = 0; k < count; ++k) {
-        const float fit = (sumRe[k] * sumRe[k] + sumIm[k] * sumIm[k] - static_cast<float>(active)) * norm;
+        const float fit =
+            (sumRe[k] * sumRe[k] + sumIm[k] * sumIm[k] - static_cast<float>(active)) * norm;
         if (fit > best[k0 + k]) best[k0 + k] = fit, owner_[k0 + k] = static_cast<int>(c) + 1;
       }
     }
@@ -380,7 +381,8 @@ LocalizedPeriod Localizer::analyse(int maxNew) {
   std::vector<double> slotTotal(slots_, 0.0);
   double total = 0.0;
   for (int s = 0; s < slots_; ++s) {
-    for (int k = 0; k < bins_; ++k) slotTotal[s] += slotWeight_[static_cast<std::size_t>(s) * bins_ + k];
+    for (int k = 0; k < bins_; ++k)
+      slotTotal[s] += slotWeight_[static_cast<std::size_t>(s) * bins_ + k];
     total += slotTotal[s];
   }
   out.tracked.resize(candidates_.size());

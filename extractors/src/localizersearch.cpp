@@ -170,8 +170,8 @@ LocalizedPeak Localizer::strongest(const float* corr, const Point* near, double 
   auto inside = [&](const Direction& d) {
     if (!near) return true;
     if (kind == ZRMicArray::Kind::Volumetric) return dot(d.u, *near) >= cone;
-    const double off = kind == ZRMicArray::Kind::Linear ? d.a - centre
-                                                        : std::remainder(d.a - centre, 360.0);
+    const double off =
+        kind == ZRMicArray::Kind::Linear ? d.a - centre : std::remainder(d.a - centre, 360.0);
     return std::fabs(off) <= reach;
   };
   std::size_t best = grid_.size();

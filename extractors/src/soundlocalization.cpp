@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 
 #include <boost/make_shared.hpp>
 
@@ -12,7 +11,6 @@
 #include <zrcommon/zrsamples.h>
 
 #include "channelcheck.h"
-#include "devknobs.h"
 #include "extractorutil.h"
 #include "localizer.h"
 #include "sourcetracker.h"
@@ -25,8 +23,8 @@ namespace {
 constexpr const char* kCategory = "zrextractors.SoundLocalization";
 // A block with a smaller share of its bins above the noise (and not reverberation) holds no
 // sound worth a look; one with this share or more is clear.
-static const float kMinWeight = static_cast<float>(knob("K_MINW", 0.005));
-static const float kClearWeight = static_cast<float>(knob("K_CLEARW", 0.1));
+constexpr float kMinWeight = 0.005f;
+constexpr float kClearWeight = 0.1f;
 constexpr int kMaxSources = 8;
 // Longest stretch analysed at once (the default period).
 constexpr double kBlockMs = 100.0;
@@ -173,15 +171,6 @@ void SoundLocalization::process(const int& nbOfChannels, const int& nbOfSamplesB
     if (!tracker_)  // a line along x reports the angle from its axis, which does not wrap
       tracker_ = std::make_unique<SourceTracker>(array_->kind() == ZRMicArray::Kind::Linear &&
                                                  array_->axis()[0] > 0.999);
-    tracker_->birthCoherence = static_cast<float>(knob("K_BIRTH", tracker_->birthCoherence));
-    tracker_->confirmScore = static_cast<float>(knob("K_CONF", tracker_->confirmScore));
-    tracker_->missPenalty = static_cast<float>(knob("K_MISS", tracker_->missPenalty));
-    tracker_->tentativeHold = knob("K_THOLD", tracker_->tentativeHold);
-    tracker_->keepPurity = static_cast<float>(knob("K_KPUR", tracker_->keepPurity));
-    tracker_->keepCoherence = static_cast<float>(knob("K_KCOH", tracker_->keepCoherence));
-    tracker_->gate = knob("K_GATE", tracker_->gate);
-    tracker_->reportHold = knob("K_RHOLD", tracker_->reportHold);
-    tracker_->keepHold = knob("K_KHOLD", tracker_->keepHold);
     localizer_->setCandidates(tracker_->candidates(candidateCount()));
     if (!check_) check_ = std::make_unique<ChannelCheck>(*array_);
     for (int c : check_->deadChannels()) localizer_->excludeChannel(c);
@@ -240,19 +229,15 @@ void SoundLocalization::analyseBlock() {
     const float reliability = std::min(1.0f, period.weight / kClearWeight);
     auto observe = [&](const LocalizedPeak& p) {
       if (p.coherence <= 0.0f) return;
-      SourceObservation o{p.direction, p.azimuth, p.elevation, p.coherence, p.purity,
-                          period.speechDb + 10.0f * std::log10(std::max(p.coherence, 1e-6f)),
-                          reliability, p.candidate};
+      SourceObservation o{
+          p.direction, p.azimuth,
+          p.elevation, p.coherence,
+          p.purity,    period.speechDb + 10.0f * std::log10(std::max(p.coherence, 1e-6f)),
+          reliability, p.candidate};
       observations.push_back(o);
     };
     for (const LocalizedPeak& p : period.tracked) observe(p);
     for (const LocalizedPeak& p : period.peaks) observe(p);
-  }
-  if (knob("ZR_DEBUG", 0) > 0) {
-    std::fprintf(stderr, "P %.1f w=%.3f db=%.1f :", periodStart_, period.weight, period.speechDb);
-    for (const LocalizedPeak& p : period.tracked) std::fprintf(stderr, " T%d %.1f/%.3f/%.2f", p.candidate, p.azimuth, p.coherence, p.purity);
-    for (const LocalizedPeak& p : period.peaks) std::fprintf(stderr, " N %.1f/%.3f", p.azimuth, p.coherence);
-    std::fprintf(stderr, "\n");
   }
   const double seconds = static_cast<double>(blockFilled_) / builtRate_;
   blockFilled_ = 0;

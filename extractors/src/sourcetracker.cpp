@@ -9,8 +9,6 @@
 #include <algorithm>
 #include <cmath>
 
-#include "devknobs.h"
-
 namespace ZR {
 
 namespace {
@@ -19,12 +17,15 @@ constexpr double kPi = 3.14159265358979323846;
 constexpr double kDeg = kPi / 180.0;
 // The filter: talkers turn and walk (white acceleration of this density, deg^2/s^3), up to this
 // speed; an observation's spread, for one as clear as they come, in degrees.
-static const double kAcceleration = knob("K_ACC", 400.0);
+constexpr double kAcceleration = 400.0;
 constexpr double kMaxSpeed = 120.0;  // degrees per second
 constexpr double kInitialSpeed = 20.0;
-static const double kSpread = knob("K_SPREAD", 3.0);
+constexpr double kSpread = 3.0;
 // Two tracks this close are one source seen twice.
-static const double kMergeDistance = knob("K_MERGE", 10.0);
+constexpr double kMergeDistance = 10.0;
+// An observation explaining half of the period's phase agreement in a clear period is as clear
+// as they come.
+constexpr double kQualityScale = 2.0;
 
 }  // namespace
 
@@ -63,7 +64,7 @@ void SourceTracker::predict(Track& t, double dt) const {
 void SourceTracker::correct(Track& t, const SourceObservation& o) {
   // A period with little sound above the noise, or a source that explains little of it, is a
   // less certain observation.
-  const double quality = std::clamp(std::pow(static_cast<double>(o.coherence), knob("K_QA", 1.0)) * knob("K_QC", 2.0) * std::pow(o.reliability, knob("K_QR", 1.0)), 0.05, 1.0);
+  const double quality = std::clamp(kQualityScale * o.coherence * o.reliability, 0.05, 1.0);
   const double r = (kSpread / quality) * (kSpread / quality);
   const double s = t.p00 + r;
   const double k0 = t.p00 / s, k1 = t.p01 / s;
@@ -109,7 +110,7 @@ std::vector<TrackedSource> SourceTracker::update(const std::vector<SourceObserva
   for (const SourceObservation& o : observations) {
     if (o.track < 0 || o.track >= static_cast<int>(tracks_.size())) continue;
     Track& t = tracks_[o.track];
-    if (o.purity < keepPurity || o.coherence < keepCoherence || o.coherence * o.reliability < knob("K_KSTR", 0.0)) continue;
+    if (o.purity < keepPurity || o.coherence < keepCoherence) continue;
     if (std::fabs(difference(o.azimuth, t.azimuth)) > gate + 10.0) continue;
     correct(t, o);
   }
@@ -131,9 +132,10 @@ std::vector<TrackedSource> SourceTracker::update(const std::vector<SourceObserva
     }
     if (best >= 0) {
       correct(tracks_[best], o);
-    } else if (!duplicate && o.coherence >= birthCoherence && o.coherence * o.reliability >= knob("K_BSTR", 0.0)) {
+    } else if (!duplicate && o.coherence >= birthCoherence) {
       bool near = false;
-      for (const Track& b : births) near = near || std::fabs(difference(o.azimuth, b.azimuth)) < gate;
+      for (const Track& b : births)
+        near = near || std::fabs(difference(o.azimuth, b.azimuth)) < gate;
       if (!near) births.push_back(born(o));
     }
   }

@@ -49,10 +49,10 @@ class SourceTracker {
   /// Coherence a new direction needs to start a tentative track; the coherence a tentative track
   /// must gather to be confirmed (at once, from one direction this clear), and what it loses
   /// per period unheard; how long it may stay unheard.
-  float birthCoherence = 0.3f;
-  float confirmScore = 0.6f;
+  float birthCoherence = 0.2f;
+  float confirmScore = 0.45f;
   float missPenalty = 0.3f;
-  double tentativeHold = 0.05;
+  double tentativeHold = 0.15;
   /// What a track's own bins need to show to count as hearing it: their phase agreement, and
   /// the share of the period's phase agreement they explain.
   float keepPurity = 0.3f;
@@ -61,7 +61,7 @@ class SourceTracker {
   double gate = 20.0;
   /// Seconds a track is still reported, and kept, after its last observation.
   double reportHold = 0.6;
-  double keepHold = 1.0;
+  double keepHold = 2.0;
 
  private:
   struct Track {
@@ -72,7 +72,7 @@ class SourceTracker {
     double silence = 0.0;  // seconds since the last observation
     int hits = 0, age = 0;
     float score = 0.0f;  // coherence gathered, less what was missed
-    bool seen = false;  // observed in this period
+    bool seen = false;   // observed in this period
   };
   double difference(double a, double b) const;
   double wrap(double a) const;
