@@ -50,7 +50,7 @@ constexpr float kDiffuseOver = 0.5f;
 // stays free for new sources.
 constexpr float kAssignFit = 0.8f;
 // A candidate's direction is looked for this far (degrees) from where it was.
-constexpr double kCandidateReach = 20.0;
+constexpr double kCandidateReach = 12.0;
 
 }  // namespace
 
@@ -120,6 +120,7 @@ Localizer::Localizer(const ZRMicArray& array, int sampleRate, const LocalizerSet
   unitRe_.assign(perChannel, 0.0f);
   unitIm_.assign(perChannel, 0.0f);
   inverse_.assign(perChannel, 0.0f);
+  magnitude_.assign(perChannel, 0.0f);
   noiseRe_.assign(pairs_.size() * bins_, 0.0f);
   diffuse_.resize(pairs_.size() * bins_);
   for (std::size_t p = 0; p < pairs_.size(); ++p) {
@@ -233,15 +234,18 @@ void Localizer::analyseFrame() {
     float* ur = &unitRe_[static_cast<std::size_t>(c) * bins_];
     float* ui = &unitIm_[static_cast<std::size_t>(c) * bins_];
     float* inv = &inverse_[static_cast<std::size_t>(c) * bins_];
+    float* mag = &magnitude_[static_cast<std::size_t>(c) * bins_];
     const fftwf_complex* x = fft_->out + firstBin_;
     double channelSum = 0.0;
     for (int k = 0; k < bins_; ++k) {
       const float p = x[k][0] * x[k][0] + x[k][1] * x[k][1];
       channelSum += p;
-      const float r = p > 1e-20f ? 1.0f / std::sqrt(p) : 0.0f;
+      const float m = p > 1e-20f ? std::sqrt(p) : 0.0f;
+      const float r = p > 1e-20f ? 1.0f / m : 0.0f;
       ur[k] = x[k][0] * r;
       ui[k] = x[k][1] * r;
       inv[k] = r;
+      mag[k] = m;
     }
     channelPower_[c] += channelSum;
     if (excluded_[c]) continue;
@@ -253,6 +257,8 @@ void Localizer::analyseFrame() {
   assignBins(active);
 
   const std::size_t cross = pairs_.size() * bins_;
+  float* dr = power_.data();  // free once the weights are made
+  float* di = smooth_.data();
   for (std::size_t p = 0; p < pairs_.size(); ++p) {
     const int i = pairs_[p][0], j = pairs_[p][1];
     if (excluded_[i] || excluded_[j]) continue;
@@ -262,6 +268,8 @@ void Localizer::analyseFrame() {
     const float* bi = &unitIm_[static_cast<std::size_t>(j) * bins_];
     const float* ia = &inverse_[static_cast<std::size_t>(i) * bins_];
     const float* ib = &inverse_[static_cast<std::size_t>(j) * bins_];
+    const float* ma = &magnitude_[static_cast<std::size_t>(i) * bins_];
+    const float* mb = &magnitude_[static_cast<std::size_t>(j) * bins_];
     float* nr = &noiseRe_[p * bins_];
     float* ni = &noiseIm_[p * bins_];
     const float* diffuse = &diffuse_[p * bins_];
@@ -272,13 +280,22 @@ void Localizer::analyseFrame() {
       const float cr = ar[k] * br[k] + ai[k] * bi[k];
       const float ci = ai[k] * br[k] - ar[k] * bi[k];
       const float scale = ia[k] * ib[k];
-      const float mag = scale > 0.0f ? 1.0f / scale : 0.0f;
+      const float mag = ma[k] * mb[k];
       nr[k] += noiseLike_[k] * (cr * mag - nr[k]);
       ni[k] += noiseLike_[k] * (ci * mag - ni[k]);
-      if (w_[k] <= 0.0f) continue;
-      const std::size_t at = owner_[k] * cross + p * bins_ + k;
-      re_[at] += w_[k] * (cr - nr[k] * scale - reverb_[k] * diffuse[k]);
-      im_[at] += w_[k] * (ci - ni[k] * scale);
+      dr[k] = w_[k] * (cr - nr[k] * scale - reverb_[k] * diffuse[k]);
+      di[k] = w_[k] * (ci - ni[k] * scale);
+    }
+    // Into each bin's slot (apart from the loop above, which then runs on vectors).
+    float* re = &re_[p * bins_];
+    float* im = &im_[p * bins_];
+    if (candidates_.empty()) {
+      for (int k = 0; k < bins_; ++k) re[k] += dr[k], im[k] += di[k];
+      continue;
+    }
+    for (int k = 0; k < bins_; ++k) {
+      re[owner_[k] * cross + k] += dr[k];
+      im[owner_[k] * cross + k] += di[k];
     }
   }
   double weights = 0.0;

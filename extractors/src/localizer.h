@@ -131,10 +131,10 @@ class Localizer {
   std::vector<float> noise_, tail_, previous_, w_, power_, smooth_, noiseLike_, reverb_;
   bool noiseStarted_ = false;
   float rise_ = 1.0f, tailDecay_ = 1.0f;
-  std::vector<float> inverse_;            // [channel][bin]: 1 / magnitude
-  std::vector<float> unitRe_, unitIm_;    // [channel][bin]
-  std::vector<float> noiseRe_, noiseIm_;  // [pair][bin]: the noise's cross-spectra
-  std::vector<float> diffuse_;            // [pair][bin]: a diffuse field's coherence
+  std::vector<float> inverse_, magnitude_;  // [channel][bin]: 1 / magnitude, magnitude
+  std::vector<float> unitRe_, unitIm_;      // [channel][bin]
+  std::vector<float> noiseRe_, noiseIm_;    // [pair][bin]: the noise's cross-spectra
+  std::vector<float> diffuse_;              // [pair][bin]: a diffuse field's coherence
   // Per slot (a candidate's, then the free bins'), the period's weighted PHAT cross-spectra less
   // the noise's, [slot][pair][bin], and the weight each bin brought, [slot][bin].
   std::vector<float> re_, im_, slotWeight_;

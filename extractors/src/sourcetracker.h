@@ -51,11 +51,11 @@ class SourceTracker {
   /// per period unheard; how long it may stay unheard.
   float birthCoherence = 0.2f;
   float confirmScore = 0.45f;
-  float missPenalty = 0.3f;
+  float missPenalty = 0.5f;
   double tentativeHold = 0.15;
   /// What a track's own bins need to show to count as hearing it: their phase agreement, and
   /// the share of the period's phase agreement they explain.
-  float keepPurity = 0.3f;
+  float keepPurity = 0.2f;
   float keepCoherence = 0.02f;
   /// Degrees a new direction may lie from a track's predicted direction to belong to it.
   double gate = 20.0;
