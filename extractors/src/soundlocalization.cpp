@@ -24,7 +24,7 @@ constexpr const char* kCategory = "zrextractors.SoundLocalization";
 // A block with a smaller share of its bins above the noise (and not reverberation) holds no
 // sound worth a look; one with this share or more is clear.
 constexpr float kMinWeight = 0.005f;
-constexpr float kClearWeight = 0.1f;
+constexpr float kClearWeight = 0.07f;
 constexpr int kMaxSources = 8;
 // Longest stretch analysed at once (the default period).
 constexpr double kBlockMs = 100.0;

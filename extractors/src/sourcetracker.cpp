@@ -22,7 +22,7 @@ constexpr double kMaxSpeed = 120.0;  // degrees per second
 constexpr double kInitialSpeed = 20.0;
 constexpr double kSpread = 4.0;
 // Two tracks this close are one source seen twice.
-constexpr double kMergeDistance = 15.0;
+constexpr double kMergeDistance = 20.0;
 // An observation explaining half of the period's phase agreement in a clear period is as clear
 // as they come.
 constexpr double kQualityScale = 2.0;
