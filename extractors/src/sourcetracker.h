@@ -60,7 +60,7 @@ class SourceTracker {
   /// Degrees a new direction may lie from a track's predicted direction to belong to it.
   double gate = 20.0;
   /// Seconds a track is still reported, and kept, after its last observation.
-  double reportHold = 0.6;
+  double reportHold = 0.5;
   double keepHold = 2.0;
 
  private:
