@@ -286,7 +286,7 @@ void Localizer::analyseFrame() {
       dr[k] = w_[k] * (cr - nr[k] * scale - reverb_[k] * diffuse[k]);
       di[k] = w_[k] * (ci - ni[k] * scale);
     }
-    // Into each bin's slot (apart from the loop above, which then runs on vectors).
+    // Into each bin's slot, apart from the loop above, which so has no indirection.
     float* re = &re_[p * bins_];
     float* im = &im_[p * bins_];
     if (candidates_.empty()) {
