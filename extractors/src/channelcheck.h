@@ -19,6 +19,8 @@ class ChannelCheck {
   /// Looks at one analysed period (and the localizer's pair peaks for it); returns the warnings
   /// it has to give now, each given once in the check's life.
   std::vector<std::string> update(const LocalizedPeriod& period, const Localizer& localizer);
+  /// Whether it still needs the localizer's pair peaks (until it has judged the delays).
+  bool judging() const { return !delaysJudged_; }
   /// Channels found dead so far.
   const std::vector<int>& deadChannels() const { return dead_; }
 

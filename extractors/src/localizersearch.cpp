@@ -97,7 +97,42 @@ inline float interpolate(const float* c, int width, double x) {
 
 }  // namespace
 
-float Localizer::responseAt(const Direction& /*d*/, std::size_t index) const {
+void Localizer::correlate(int slot, float total, float* corr) const {
+  // Each pair's correlation over its lags: the real part of the cross-spectrum steered by every
+  // lag, split in its even and odd parts so that one table of cosines and one of sines do.
+  const int width = 2 * lags_ + 1;
+  const float norm = 1.0f / total;
+  const std::size_t cross = pairs_.size() * bins_;
+  const float* weight = &slotWeight_[static_cast<std::size_t>(slot) * bins_];
+  std::vector<float> even(lags_ + 1), odd(lags_ + 1);
+  for (std::size_t p = 0; p < pairs_.size(); ++p) {
+    float* c = corr + p * width;
+    if (excluded_[pairs_[p][0]] || excluded_[pairs_[p][1]]) {
+      std::fill(c, c + width, 0.0f);
+      continue;
+    }
+    std::fill(even.begin(), even.end(), 0.0f);
+    std::fill(odd.begin(), odd.end(), 0.0f);
+    const float* re = &re_[slot * cross + p * bins_];
+    const float* im = &im_[slot * cross + p * bins_];
+    for (int k = 0; k < bins_; ++k) {
+      if (weight[k] <= 0.0f) continue;  // nothing of this slot in the bin
+      const float gr = re[k], gi = im[k];
+      const float* ct = &cosTable_[static_cast<std::size_t>(k) * width];
+      const float* st = &sinTable_[static_cast<std::size_t>(k) * (lags_ + 1)];
+      for (int l = 0; l <= lags_; ++l) {
+        even[l] += gr * ct[l];
+        odd[l] += gi * st[l];
+      }
+    }
+    for (int l = 0; l <= lags_; ++l) {
+      c[lags_ + l] = (even[l] - odd[l]) * norm;
+      c[lags_ - l] = (even[l] + odd[l]) * norm;
+    }
+  }
+}
+
+float Localizer::gridResponse(const float* corr, std::size_t index) const {
   // The coarse search only has to land on the right lobe: straight lines between lags do.
   const int width = 2 * lags_ + 1;
   const float* lag = &gridLag_[index * pairs_.size()];
@@ -105,18 +140,49 @@ float Localizer::responseAt(const Direction& /*d*/, std::size_t index) const {
   for (std::size_t p = 0; p < pairs_.size(); ++p) {
     const float x = lag[p];
     const int i = std::min(static_cast<int>(x), width - 2);
-    const float* c = &corr_[p * width + i];
+    const float* c = &corr[p * width + i];
     sum += c[0] + (x - static_cast<float>(i)) * (c[1] - c[0]);
   }
   return sum;
 }
 
-float Localizer::response(const Point& u) const {
+float Localizer::response(const float* corr, const Point& u) const {
   const int width = 2 * lags_ + 1;
   float sum = 0.0f;
   for (std::size_t p = 0; p < pairs_.size(); ++p)
-    sum += interpolate(&corr_[p * width], width, dot(baselines_[p], u) / settings_.lagStep + lags_);
+    sum += interpolate(&corr[p * width], width, dot(baselines_[p], u) / settings_.lagStep + lags_);
   return sum;
+}
+
+LocalizedPeak Localizer::strongest(const float* corr, const Point* near, double cone) const {
+  // Near a candidate, the cone is on the angle the array tells best: the azimuth in a plane's
+  // own frame, the angle from a line's axis; a volume's directions by their angle in space.
+  Point e1, e2, n;
+  frame(e1, e2, n);
+  const ZRMicArray::Kind kind = array_.kind();
+  double centre = 0.0, reach = 180.0;
+  if (near) {
+    reach = std::acos(std::clamp(cone, -1.0, 1.0)) / kDeg;
+    centre = kind == ZRMicArray::Kind::Linear
+                 ? std::acos(std::clamp(dot(*near, e1), -1.0, 1.0)) / kDeg
+                 : std::atan2(dot(*near, e2), dot(*near, e1)) / kDeg;
+  }
+  auto inside = [&](const Direction& d) {
+    if (!near) return true;
+    if (kind == ZRMicArray::Kind::Volumetric) return dot(d.u, *near) >= cone;
+    const double off =
+        kind == ZRMicArray::Kind::Linear ? d.a - centre : std::remainder(d.a - centre, 360.0);
+    return std::fabs(off) <= reach;
+  };
+  std::size_t best = grid_.size();
+  float bestValue = -1e30f;
+  for (std::size_t d = 0; d < grid_.size(); ++d) {
+    if (!inside(grid_[d])) continue;
+    const float r = gridResponse(corr, d);
+    if (r > bestValue) bestValue = r, best = d;
+  }
+  if (best == grid_.size()) return refine(corr, Direction{*near, 0.0, 0.0}, 0.5);
+  return refine(corr, grid_[best], 1.0);
 }
 
 void Localizer::frame(Point& e1, Point& e2, Point& n) const {
@@ -137,7 +203,7 @@ void Localizer::frame(Point& e1, Point& e2, Point& n) const {
   }
 }
 
-LocalizedPeak Localizer::refine(const Direction& start, double span) const {
+LocalizedPeak Localizer::refine(const float* corr, const Direction& start, double span) const {
   // Pattern search around the coarse peak in coordinates in which every delay is linear: the
   // direction's projection on the line, or on the plane, of the array (a volume's: the vector
   // itself, normalised). The azimuth then does not hang on a poorly known elevation.
@@ -162,7 +228,7 @@ LocalizedPeak Localizer::refine(const Direction& start, double span) const {
   };
   double q[3] = {dot(start.u, e1), dot(start.u, e2), dot(start.u, n)};
   if (dims == 3) q[0] = start.u[0], q[1] = start.u[1], q[2] = start.u[2];
-  float best = response(toDirection(q));
+  float best = response(corr, toDirection(q));
   double h = span * settings_.coarseStep * kDeg;
   const double stop = 0.25 * settings_.fineStep * kDeg;
   for (int guard = 0; h > stop && guard < 200; ++guard) {
@@ -179,7 +245,7 @@ LocalizedPeak Localizer::refine(const Direction& start, double span) const {
         t[d / 2] += d % 2 ? -h : h;
       }
       clampInside(t);
-      const float r = response(toDirection(t));
+      const float r = response(corr, toDirection(t));
       if (r > best) best = r, moved = true, bestQ[0] = t[0], bestQ[1] = t[1], bestQ[2] = t[2];
     }
     if (moved)
@@ -194,11 +260,11 @@ LocalizedPeak Localizer::refine(const Direction& start, double span) const {
   return peak;
 }
 
-void Localizer::removePeak(const LocalizedPeak& peak, float amount) {
+void Localizer::removePeak(float* corr, const LocalizedPeak& peak, float amount) const {
   const int width = 2 * lags_ + 1;
   for (std::size_t p = 0; p < pairs_.size(); ++p) {
     const double centre = dot(baselines_[p], peak.direction) / settings_.lagStep;
-    float* c = &corr_[p * width];
+    float* c = &corr[p * width];
     for (int l = 0; l < width; ++l) {
       const double x = std::min(std::fabs(l - lags_ - centre), 2.0 * lags_ - 1.0);
       const int i = static_cast<int>(x);

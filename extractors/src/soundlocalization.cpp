@@ -24,7 +24,7 @@ constexpr const char* kCategory = "zrextractors.SoundLocalization";
 // A block with a smaller share of its bins above the noise (and not reverberation) holds no
 // sound worth a look; one with this share or more is clear.
 constexpr float kMinWeight = 0.005f;
-constexpr float kClearWeight = 0.1f;
+constexpr float kClearWeight = 0.07f;
 constexpr int kMaxSources = 8;
 // Longest stretch analysed at once (the default period).
 constexpr double kBlockMs = 100.0;
@@ -168,8 +168,10 @@ void SoundLocalization::process(const int& nbOfChannels, const int& nbOfSamplesB
     }
     localizer_ = std::make_unique<Localizer>(*array_, rate,
                                              LocalizerSettings::forPrecision(precision, rate));
-    if (!tracker_)
-      tracker_ = std::make_unique<SourceTracker>(array_->kind() == ZRMicArray::Kind::Linear);
+    if (!tracker_)  // a line along x reports the angle from its axis, which does not wrap
+      tracker_ = std::make_unique<SourceTracker>(array_->kind() == ZRMicArray::Kind::Linear &&
+                                                 array_->axis()[0] > 0.999);
+    localizer_->setCandidates(tracker_->candidates(candidateCount()));
     if (!check_) check_ = std::make_unique<ChannelCheck>(*array_);
     for (int c : check_->deadChannels()) localizer_->excludeChannel(c);
     builtPrecision_ = precision;
@@ -210,27 +212,37 @@ void SoundLocalization::flush() {
   }
 }
 
+int SoundLocalization::candidateCount() const {
+  // The tracks that may be reported, and one tentative or held track more.
+  return std::min(maxSources_.load() + 1, Localizer::kMaxCandidates);
+}
+
 void SoundLocalization::analyseBlock() {
   const int maxSources = maxSources_.load();
-  // One candidate more than is reported: the tracker picks.
-  const LocalizedPeriod period = localizer_->analyse(maxSources + 1, tracker_->hints());
+  localizer_->measurePairPeaks(check_->judging());
+  const LocalizedPeriod period = localizer_->analyse(maxSources);
   for (const std::string& w : check_->update(period, *localizer_)) warnOnce(w);
   for (int c : check_->deadChannels()) localizer_->excludeChannel(c);
 
   std::vector<SourceObservation> observations;
   if (period.weight >= kMinWeight) {
-    float total = 0.0f;
-    for (const LocalizedPeak& p : period.peaks) total += std::max(0.0f, p.coherence);
-    for (const LocalizedPeak& p : period.peaks) {
-      const float share = total > 0.0f ? std::max(p.coherence, 1e-6f) / total : 1.0f;
-      observations.push_back({p.direction, p.azimuth, p.elevation, p.coherence,
-                              period.speechDb + 10.0f * std::log10(share),
-                              std::min(1.0f, period.weight / kClearWeight)});
-    }
+    const float reliability = std::min(1.0f, period.weight / kClearWeight);
+    auto observe = [&](const LocalizedPeak& p) {
+      if (p.coherence <= 0.0f) return;
+      SourceObservation o{
+          p.direction, p.azimuth,
+          p.elevation, p.coherence,
+          p.purity,    period.speechDb + 10.0f * std::log10(std::max(p.coherence, 1e-6f)),
+          reliability, p.candidate};
+      observations.push_back(o);
+    };
+    for (const LocalizedPeak& p : period.tracked) observe(p);
+    for (const LocalizedPeak& p : period.peaks) observe(p);
   }
   const double seconds = static_cast<double>(blockFilled_) / builtRate_;
   blockFilled_ = 0;
   sources_ = tracker_->update(observations, seconds, maxSources);
+  localizer_->setCandidates(tracker_->candidates(candidateCount()));
 }
 
 void SoundLocalization::publish() {

@@ -91,6 +91,7 @@ class SoundLocalization : public ZRSoundExtractor {
  private:
   void setPrecision(float precision);
   void analyseBlock();
+  int candidateCount() const;
   void publish();
   void warnOnce(const std::string& text);
 
