@@ -11,6 +11,8 @@
 #include <cmath>
 #include <cstring>
 #include <random>
+#include <utility>
+#include <algorithm>
 #include <vector>
 
 #include <vo/log.h>
@@ -309,7 +311,9 @@ class AlsaSource : public ZRAudioSource {
  public:
   AlsaSource(const ZRAudioDeviceOptions& options, const ZRAudioFormat& format,
              const std::string& module, const std::string& method)
-      : name_(options.path.empty() ? "default" : options.path), channels_(format.channels) {
+      : name_(options.path.empty() ? "default" : options.path),
+        channels_(format.channels),
+        rate_(format.sampleRate) {
     static const bool quiet = (snd_lib_error_set_handler(quietAlsaErrors), true);
     (void)quiet;
     int err = snd_pcm_open(&pcm_, name_.c_str(), SND_PCM_STREAM_CAPTURE, 0);
@@ -342,24 +346,138 @@ class AlsaSource : public ZRAudioSource {
         continue;
       }
       if (n == -EAGAIN) continue;
+      const std::int64_t lost = n == -EPIPE ? overrunFrames() : 0;
       const int err = snd_pcm_recover(pcm_, static_cast<int>(n), 1);
       if (err < 0)
         throw ZRError(kAudioDeviceServiceName, "read",
                       "microphone \"" + name_ + "\" failed: " + snd_strerror(err));
       VO_LOG(vo::LogLevel_Warning, kAudioDeviceCategory)
-          << "microphone \"" << name_ << "\" overran: samples were lost ("
+          << "microphone \"" << name_ << "\" overran: about " << lost << " samples were lost ("
           << snd_strerror(static_cast<int>(n)) << ")";
+      // What came before the overrun goes out on its own: a buffer's samples are contiguous.
+      pendingLoss_ += lost;
+      if (done > 0) break;
+      loss_ += std::exchange(pendingLoss_, 0);
     }
     return done;
   }
 
+  Loss takeLoss() override {
+    Loss l{loss_, "overrun"};
+    loss_ = std::exchange(pendingLoss_, 0);
+    return l;
+  }
+
  private:
+  // ALSA does not count what an overrun loses: the full ring it discards, plus the time from
+  // the overrun to the restart, at the nominal rate.
+  std::int64_t overrunFrames() {
+    snd_pcm_uframes_t ring = 0, period = 0;
+    snd_pcm_get_params(pcm_, &ring, &period);
+    snd_pcm_status_t* status = nullptr;
+    snd_pcm_status_alloca(&status);
+    std::int64_t frames = static_cast<std::int64_t>(ring);
+    if (snd_pcm_status(pcm_, status) == 0) {
+      snd_htimestamp_t since{}, now{};
+      snd_pcm_status_get_trigger_htstamp(status, &since);
+      snd_pcm_status_get_htstamp(status, &now);
+      const double seconds =
+          static_cast<double>(now.tv_sec - since.tv_sec) + static_cast<double>(now.tv_nsec - since.tv_nsec) * 1e-9;
+      if (since.tv_sec > 0 && seconds > 0 && seconds < 3600)
+        frames += std::llround(seconds * rate_);
+    }
+    return frames;
+  }
+
   std::string name_;
   int channels_;
+  int rate_;
   snd_pcm_t* pcm_ = nullptr;
+  std::int64_t loss_ = 0, pendingLoss_ = 0;
+};
+
+// Reads its inner source, throwing away the gaps at their positions.
+class GapInjector : public ZRAudioSource {
+ public:
+  GapInjector(std::unique_ptr<ZRAudioSource> inner,
+              std::vector<ZRAudioDeviceOptions::InjectedGap> gaps, int channels)
+      : inner_(std::move(inner)), gaps_(std::move(gaps)), channels_(channels) {
+    std::sort(gaps_.begin(), gaps_.end(),
+              [](const auto& a, const auto& b) { return a.at < b.at; });
+  }
+  bool isHardware() const override { return inner_->isHardware(); }
+
+  std::size_t read(std::int16_t* out, std::size_t frames, const std::atomic<bool>& stop) override {
+    std::size_t got = 0;
+    while (got == 0 && !stop.load(std::memory_order_relaxed)) {
+      while (next_ < gaps_.size() && gaps_[next_].at <= position_) {
+        if (!drop(gaps_[next_].samples, stop)) return 0;
+        ++next_;
+      }
+      std::size_t want = frames;
+      if (next_ < gaps_.size())
+        want = static_cast<std::size_t>(
+            std::min<std::int64_t>(static_cast<std::int64_t>(frames), gaps_[next_].at - position_));
+      got = inner_->read(out, want, stop);
+      absorb();
+      position_ += static_cast<std::int64_t>(got);
+      if (got == 0) break;  // the end of the inner source
+    }
+    return got;
+  }
+
+  Loss takeLoss() override {
+    Loss l = std::move(loss_);
+    loss_ = Loss();
+    return l;
+  }
+
+ private:
+  // Reads `samples` frames into the void; false when the source ended first.
+  bool drop(std::int64_t samples, const std::atomic<bool>& stop) {
+    scratch_.resize(4096 * static_cast<std::size_t>(channels_));
+    while (samples > 0 && !stop.load(std::memory_order_relaxed)) {
+      const std::size_t n =
+          inner_->read(scratch_.data(), static_cast<std::size_t>(std::min<std::int64_t>(4096, samples)), stop);
+      absorb();
+      if (n == 0) return false;
+      samples -= static_cast<std::int64_t>(n);
+      position_ += static_cast<std::int64_t>(n);
+      add(static_cast<std::int64_t>(n), "injected");
+    }
+    return true;
+  }
+  void absorb() {
+    Loss inner = inner_->takeLoss();
+    if (inner.frames == 0) return;
+    position_ += inner.frames;
+    add(inner.frames, inner.reason);
+  }
+  void add(std::int64_t frames, const std::string& reason) {
+    loss_.frames += frames;
+    if (loss_.reason.empty())
+      loss_.reason = reason;
+    else if (loss_.reason.find(reason) == std::string::npos)
+      loss_.reason += ", " + reason;
+  }
+
+  std::unique_ptr<ZRAudioSource> inner_;
+  std::vector<ZRAudioDeviceOptions::InjectedGap> gaps_;
+  int channels_;
+  std::size_t next_ = 0;
+  std::int64_t position_ = 0;
+  Loss loss_;
+  std::vector<std::int16_t> scratch_;
 };
 
 }  // namespace
+
+std::unique_ptr<ZRAudioSource> withInjectedGaps(std::unique_ptr<ZRAudioSource> source,
+                                                const ZRAudioDeviceOptions& options,
+                                                const ZRAudioFormat& format) {
+  if (!source || options.injectedGaps.empty()) return source;
+  return std::make_unique<GapInjector>(std::move(source), options.injectedGaps, format.channels);
+}
 
 bool probeFileFormat(const ZRAudioDeviceOptions& options, ZRAudioFormat& format) {
   SF_INFO info{};
