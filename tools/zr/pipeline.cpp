@@ -1,6 +1,7 @@
 #include "pipeline.h"
 
 #include "eventclient.h"
+#include "gaps.h"
 
 #include <algorithm>
 #include <chrono>
@@ -48,7 +49,8 @@ RunPipeline::RunPipeline(const PipelineConfig& config, const ZR::ZRExtractorRegi
         auto it = producerOf_.find(event);
         const std::string extractor =
             it == producerOf_.end() ? event.substr(0, event.find('/')) : it->second;
-        const Result r{extractor, shortEventName(event, extractor), value};
+        Result r{extractor, shortEventName(event, extractor), value};
+        r.sampleRate = device_->getSampleRate();
         std::lock_guard<std::mutex> lock(sinkMutex_);
         if (sink_) sink_(r);
       });
@@ -87,6 +89,7 @@ void subscribeClient(ZR::ZRBroker& broker, ZR::ZRMemoryProxy& memory,
     if (config.period) extractor->call<void>("updatePeriod", client, *config.period);
     if (config.precision) extractor->call<void>("updatePrecision", client, *config.precision);
   }
+  subscribeToGaps(memory, client, subscribed);
 }
 
 RunPipeline::~RunPipeline() {

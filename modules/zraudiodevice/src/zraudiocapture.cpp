@@ -137,13 +137,14 @@ void ZRAudioDevice::Core::announceGap(std::int64_t start, std::int64_t samples,
   if (cause == "capture") {
     lostAtCapture += samples;
     std::int64_t heldBack = 0;
-    bool warn = false;
+    bool say = false;
     {
       std::lock_guard<std::mutex> lock(gapMutex);
-      warn = gapWarnings.allow(heldBack);
+      say = gapWarnings.allow(heldBack);
     }
-    if (warn)
-      VO_LOG(vo::LogLevel_Warning, kAudioDeviceCategory)
+    // The event is the warning (a microphone's overrun warns by itself): this is for logs.
+    if (say)
+      VO_LOG(vo::LogLevel_Info, kAudioDeviceCategory)
           << name << ": " << samples << " samples lost at capture at " << seconds << " s ("
           << reason << "; " << heldBack << " warnings held back)";
   }

@@ -77,7 +77,7 @@ struct ZRAudioDevice::Core : std::enable_shared_from_this<ZRAudioDevice::Core> {
   // Gap events leave in the order the gaps happened; warnings about capture gaps are limited.
   ZRStrand gapStrand;
   std::mutex gapMutex;
-  detail::ZRWarningLimiter gapWarnings;
+  detail::ZRWarningLimiter gapWarnings;  // of the log lines about capture gaps
 
   void setFormat(const ZRAudioFormat& f);
 
