@@ -99,8 +99,9 @@ ZR_EXTRACTOR_PLUGIN(registry) {
                        ZR::ZRModule::createModule<HookProbe>(broker, name, bounded));
                  });
   registry.add<ZR::ZRSoundExtractor>("PlainSound");
-  registry.add("TimestampEcho", [](boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name) {
-    return boost::shared_ptr<ZR::ZRModuleCore>(
-        ZR::ZRModule::createModule<TimestampEcho>(broker, name));
-  });
+  registry.add("TimestampEcho",
+               [](boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name) {
+                 return boost::shared_ptr<ZR::ZRModuleCore>(
+                     ZR::ZRModule::createModule<TimestampEcho>(broker, name));
+               });
 }

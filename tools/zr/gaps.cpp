@@ -44,8 +44,8 @@ void GapWarnings::add(const Result& gap) {
     more = "; " + std::to_string(heldGaps_) + " more gap(s) of " + std::to_string(heldSamples_) +
            " samples before it";
   const std::string who = cause && cause->isString() ? cause->toStringRef() : "?";
-  std::fprintf(out_, "zr: warning: %d samples lost at sample %lld (%.3f s), %s%s%s%s\n",
-               n->toInt(), static_cast<long long>(start),
+  std::fprintf(out_, "zr: warning: %d samples lost at sample %lld (%.3f s), %s%s%s%s\n", n->toInt(),
+               static_cast<long long>(start),
                time && time->isFloat() ? static_cast<double>(time->toFloat()) : 0.0,
                who == "capture" ? "at capture" : ("for " + who).c_str(),
                reason && reason->isString() ? (": " + reason->toStringRef()).c_str() : "",

@@ -45,9 +45,9 @@ void PlotData::add(const Result& r) {
     const ZR::ZRValue* at = ZR::recordField(r.value, "time");
     const ZR::ZRValue* samples = ZR::recordField(r.value, "samples");
     if (at && at->isFloat() && samples && samples->isInt())
-      gaps_.emplace_back(at->toFloat(),
-                         r.sampleRate > 0 ? static_cast<double>(samples->toInt()) / r.sampleRate
-                                          : 0.0);
+      gaps_.emplace_back(at->toFloat(), r.sampleRate > 0
+                                            ? static_cast<double>(samples->toInt()) / r.sampleRate
+                                            : 0.0);
     return;
   }
   const ZR::ZRValue* rms = ZR::recordField(r.value, "rms");
@@ -178,7 +178,8 @@ void PlotData::render(const std::string& path, const std::string& title) const {
              "noborder\n";
       ++n;
     }
-    if (!gaps_.empty()) g << "set label \"lost sound\" at graph 1.02, graph 0.02 tc rgb \"#d62728\"\n";
+    if (!gaps_.empty())
+      g << "set label \"lost sound\" at graph 1.02, graph 0.02 tc rgb \"#d62728\"\n";
     if (!withLevels) {
     } else if (channels == 0) {
       g << "set xrange [0:1]\nset yrange [-120:0]\nplot NaN title \"no levels\"\n";

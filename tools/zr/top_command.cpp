@@ -134,9 +134,9 @@ std::vector<Json> TopCommand::snapshot(DirectoryView& view) {
           Json sub = {{"name", s},
                       {"delivered", delivered},
                       {"dropped", dropped},
-                      {"dropRate", delivered + dropped > 0
-                                       ? rounded(static_cast<double>(dropped) / (delivered + dropped))
-                                       : 0.0},
+                      {"dropRate", delivered + dropped > 0 ? rounded(static_cast<double>(dropped) /
+                                                                     (delivered + dropped))
+                                                           : 0.0},
                       {"latency_p50_ms", p50},
                       {"latency_p99_ms", p99}};
           subscribers.push_back(sub);
@@ -148,17 +148,17 @@ std::vector<Json> TopCommand::snapshot(DirectoryView& view) {
         }
         const ZR::ZRValue drift = view.call(e.name, "getDrift");
         const bool knowsDrift = drift.isArray() && drift.getSize() >= 2;
-        modules.push_back({{"type", "device"},
-                           {"module", e.name},
-                           {"host", e.host},
-                           {"source", view.call(e.name, "getSourceDescription").toStringRef()},
-                           {"rate", view.call(e.name, "getSampleRate").toInt()},
-                           {"channels", view.call(e.name, "getChannelCount").toInt()},
-                           {"drift_ppm", knowsDrift ? Json(rounded(drift[0].toFloat())) : Json()},
-                           {"drift_uncertainty_ppm",
-                            knowsDrift ? Json(rounded(drift[1].toFloat())) : Json()},
-                           {"lost_samples", view.call(e.name, "getLostSampleCount").toInt()},
-                           {"subscribers", subscribers}});
+        modules.push_back(
+            {{"type", "device"},
+             {"module", e.name},
+             {"host", e.host},
+             {"source", view.call(e.name, "getSourceDescription").toStringRef()},
+             {"rate", view.call(e.name, "getSampleRate").toInt()},
+             {"channels", view.call(e.name, "getChannelCount").toInt()},
+             {"drift_ppm", knowsDrift ? Json(rounded(drift[0].toFloat())) : Json()},
+             {"drift_uncertainty_ppm", knowsDrift ? Json(rounded(drift[1].toFloat())) : Json()},
+             {"lost_samples", view.call(e.name, "getLostSampleCount").toInt()},
+             {"subscribers", subscribers}});
         modules.insert(modules.end(), subscriberRows.begin(), subscriberRows.end());
       } else {
         view.call(e.name, "ping");  // nothing else to ask: whether its host answers

@@ -87,8 +87,9 @@ void ZRAudioDevice::Core::run(std::unique_ptr<ZRAudioSource> source) {
         break;
       }
       if (paced) {
-        const auto due = clockStart + std::chrono::nanoseconds(std::llround(
-                                          static_cast<double>(position + frames) * 1e9 / pacedRate));
+        const auto due =
+            clockStart + std::chrono::nanoseconds(std::llround(
+                             static_cast<double>(position + frames) * 1e9 / pacedRate));
         std::unique_lock<std::mutex> lock(mutex);
         if (changed.wait_until(lock, due, [&] { return stop.load(); })) break;
       }

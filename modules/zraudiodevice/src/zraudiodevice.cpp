@@ -479,8 +479,9 @@ void ZRAudioDevice::deliver(const ZRValue& buffer, int samplesPerChannel) {
                       "a binary value of " +
                       std::to_string(bytes) + " bytes, not " + buffer.toString());
   std::lock_guard<std::mutex> producer(core_->producerMutex);
-  core_->publish(buffer, static_cast<std::size_t>(samplesPerChannel),
-                 core_->captureTimeOf(static_cast<std::size_t>(samplesPerChannel), zrMonotonicNs()));
+  core_->publish(
+      buffer, static_cast<std::size_t>(samplesPerChannel),
+      core_->captureTimeOf(static_cast<std::size_t>(samplesPerChannel), zrMonotonicNs()));
 }
 
 void ZRAudioDevice::endStream() {

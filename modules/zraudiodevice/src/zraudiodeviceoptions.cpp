@@ -126,8 +126,9 @@ void validateAudioDeviceOptions(const ZRAudioDeviceOptions& o, const std::string
   if (!(std::fabs(o.clockSkewPpm) <= 100000))
     fail("the clock skew must be within +-100000 ppm, not " + std::to_string(o.clockSkewPpm));
   if (o.clockSkewPpm != 0 && !(o.realtime && o.source != S::Microphone))
-    fail("a clock skew needs a source the device paces at real time (not a microphone, which "
-         "has a clock of its own)");
+    fail(
+        "a clock skew needs a source the device paces at real time (not a microphone, which "
+        "has a clock of its own)");
   if (o.source == S::Tone || o.source == S::Noise) {
     if (!(o.amplitude >= 0 && o.amplitude <= 1))
       fail("the amplitude must be between 0 and 1, not " + std::to_string(o.amplitude));

@@ -7,12 +7,12 @@
 #include <sndfile.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
 #include <random>
 #include <utility>
-#include <algorithm>
 #include <vector>
 
 #include <vo/log.h>
@@ -381,8 +381,8 @@ class AlsaSource : public ZRAudioSource {
       snd_htimestamp_t since{}, now{};
       snd_pcm_status_get_trigger_htstamp(status, &since);
       snd_pcm_status_get_htstamp(status, &now);
-      const double seconds =
-          static_cast<double>(now.tv_sec - since.tv_sec) + static_cast<double>(now.tv_nsec - since.tv_nsec) * 1e-9;
+      const double seconds = static_cast<double>(now.tv_sec - since.tv_sec) +
+                             static_cast<double>(now.tv_nsec - since.tv_nsec) * 1e-9;
       if (since.tv_sec > 0 && seconds > 0 && seconds < 3600)
         frames += std::llround(seconds * rate_);
     }
@@ -402,8 +402,7 @@ class GapInjector : public ZRAudioSource {
   GapInjector(std::unique_ptr<ZRAudioSource> inner,
               std::vector<ZRAudioDeviceOptions::InjectedGap> gaps, int channels)
       : inner_(std::move(inner)), gaps_(std::move(gaps)), channels_(channels) {
-    std::sort(gaps_.begin(), gaps_.end(),
-              [](const auto& a, const auto& b) { return a.at < b.at; });
+    std::sort(gaps_.begin(), gaps_.end(), [](const auto& a, const auto& b) { return a.at < b.at; });
   }
   bool isHardware() const override { return inner_->isHardware(); }
 
@@ -437,8 +436,8 @@ class GapInjector : public ZRAudioSource {
   bool drop(std::int64_t samples, const std::atomic<bool>& stop) {
     scratch_.resize(4096 * static_cast<std::size_t>(channels_));
     while (samples > 0 && !stop.load(std::memory_order_relaxed)) {
-      const std::size_t n =
-          inner_->read(scratch_.data(), static_cast<std::size_t>(std::min<std::int64_t>(4096, samples)), stop);
+      const std::size_t n = inner_->read(
+          scratch_.data(), static_cast<std::size_t>(std::min<std::int64_t>(4096, samples)), stop);
       absorb();
       if (n == 0) return false;
       samples -= static_cast<std::int64_t>(n);
