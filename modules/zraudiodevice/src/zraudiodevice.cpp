@@ -248,6 +248,8 @@ void ZRAudioDevice::subscribe(const std::string& module) {
           bool full = false;
           if (call.args.size() == 4 && ZRAudioTimestamp::read(call.args[2], t, &full) && full)
             latency->add(zrMonotonicNs() - t.monotonicNs);
+          // What the subscriber raises from this buffer is timed from its capture too.
+          const detail::ZRCaptureScope capture(t.monotonicNs);
           proxy->metaCall(call.method, call.args.data(), call.args.size());
         },
         // In a network, a gone subscriber stays until the broker's reaper unsubscribes it, so

@@ -9,48 +9,10 @@
 
 namespace ZR {
 
-std::int64_t zrMonotonicNs() {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(
-             std::chrono::steady_clock::now().time_since_epoch())
-      .count();
-}
-
 std::int64_t zrRealtimeNs() {
   timespec ts{};
   clock_gettime(CLOCK_REALTIME, &ts);
   return static_cast<std::int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
-}
-
-void ZRLatencyWindow::add(std::int64_t ns) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  if (ring_.size() < kWindow) {
-    ring_.push_back(ns);
-  } else {
-    ring_[next_] = ns;
-    next_ = (next_ + 1) % kWindow;
-  }
-  ++count_;
-}
-
-ZRAudioLatency ZRLatencyWindow::figures() const {
-  std::vector<std::int64_t> v;
-  ZRAudioLatency out;
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    v = ring_;
-    out.count = count_;
-  }
-  if (v.empty()) return out;
-  // Nearest rank: the smallest delay that at least p of the window did not exceed.
-  auto rank = [&](double p) {
-    const auto k = static_cast<std::size_t>(std::ceil(p * static_cast<double>(v.size()))) - 1;
-    std::nth_element(v.begin(), v.begin() + static_cast<std::ptrdiff_t>(k), v.end());
-    return static_cast<double>(v[k]) / 1e6;
-  };
-  out.p50Ms = rank(0.50);
-  out.p99Ms = rank(0.99);
-  out.maxMs = static_cast<double>(*std::max_element(v.begin(), v.end())) / 1e6;
-  return out;
 }
 
 std::shared_ptr<ZRLatencyWindow> ZRLatencyTable::of(const std::string& subscriber) {
@@ -68,7 +30,8 @@ bool ZRLatencyTable::figures(const std::string& subscriber, ZRAudioLatency& out)
     if (it == windows_.end()) return false;
     w = it->second;
   }
-  out = w->figures();
+  const detail::ZRLatencyFigures f = w->figures();
+  out = {f.p50Ms, f.p99Ms, f.maxMs, f.count};
   return true;
 }
 

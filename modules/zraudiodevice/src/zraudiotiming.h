@@ -12,27 +12,14 @@
 #include <vector>
 
 #include <zraudiodevice/zraudiodevice.h>
+#include <zrcommon/detail/zrlatencywindow.h>
 
 namespace ZR {
 
-/// Nanoseconds on the host's monotonic and real-time clocks, as timestamps carry them.
-std::int64_t zrMonotonicNs();
+/// Nanoseconds on the host's real-time clock, as timestamps carry them.
 std::int64_t zrRealtimeNs();
-
-/// The delays of one subscriber's last deliveries, from capture to the start of its
-/// "processRemote". Thread-safe; add is a lock and a store.
-class ZRLatencyWindow {
- public:
-  static constexpr std::size_t kWindow = 1000;
-  void add(std::int64_t ns);
-  ZRAudioLatency figures() const;
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<std::int64_t> ring_;
-  std::size_t next_ = 0;
-  std::int64_t count_ = 0;
-};
+using detail::ZRLatencyWindow;
+using detail::zrMonotonicNs;
 
 /// Latency windows by subscriber, kept after it leaves as its counts are.
 class ZRLatencyTable {

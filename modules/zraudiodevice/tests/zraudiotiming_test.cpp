@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <map>
 #include <mutex>
@@ -65,6 +66,24 @@ class GapWatcher : public ZR::ZRModule {
   std::mutex mutex;
   std::vector<Gap> gaps;
   zrtest::Signal heard;
+};
+
+// Raises an event from every buffer, as a sound extractor raises its results.
+class Raiser : public ZR::ZRModule {
+ public:
+  Raiser(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name)
+      : ZRModule(broker, name), memory_(broker) {
+    functionName("processRemote", "Raiser", "Raises an event per buffer.", 0);
+    for (const char* p : {"nbOfChannels", "nbOfSamplesByChannel", "timestamp", "buffer"})
+      addParam(p, "");
+    bindMethod(&Raiser::processRemote);
+  }
+  void processRemote(const int&, const int& samples, const ZR::ZRValue&, const ZR::ZRValue&) {
+    memory_.raiseEvent("Raiser/Done", samples);
+  }
+
+ private:
+  ZR::ZRMemoryProxy memory_;
 };
 
 class TimingTest : public ::testing::Test {
@@ -176,6 +195,8 @@ TEST_F(TimingTest, AStalledSubscriberOfALiveSourceHasEachDroppedBufferAnnouncedA
   auto fast = sink("Fast");
   auto stalled = sink("Stalled");
   stalled->shut = true;  // its first delivery waits until it is opened
+  ZR::ZRModule::createModule<Raiser>(broker_, "Raiser");
+  dev->subscribe("Raiser");
   dev->subscribe("Fast");
   dev->subscribe("Stalled");
   dev->release();
@@ -183,14 +204,20 @@ TEST_F(TimingTest, AStalledSubscriberOfALiveSourceHasEachDroppedBufferAnnouncedA
   stalled->open();
   ASSERT_TRUE(dev->waitForEndOfStream(20000));
 
+  // Whoever else fell behind on a loaded machine has its own gaps, under its own name.
   const auto dropped = dev->getDeliveryStats("Stalled").dropped;
-  ASSERT_TRUE(watcher_->heard.waitFor(static_cast<int>(dropped)));
-  const std::vector<Gap> gaps = watcher_->all();
+  std::int64_t allDropped = 0;
+  for (const char* m : {"Fast", "Stalled", "Raiser"})
+    allDropped += dev->getDeliveryStats(m).dropped;
+  ASSERT_TRUE(watcher_->heard.waitFor(static_cast<int>(allDropped)));
+  std::vector<Gap> gaps = watcher_->all();
+  ASSERT_EQ(static_cast<std::int64_t>(gaps.size()), allDropped);
+  gaps.erase(
+      std::remove_if(gaps.begin(), gaps.end(), [](const Gap& g) { return g.cause != "Stalled"; }),
+      gaps.end());
   ASSERT_EQ(static_cast<std::int64_t>(gaps.size()), dropped);
-  EXPECT_EQ(dev->getDeliveryStats("Fast").dropped, 0);
   std::map<std::int64_t, int> announced;  // start -> samples
   for (const Gap& g : gaps) {
-    EXPECT_EQ(g.cause, "Stalled");
     EXPECT_EQ(g.reason, "queue full");
     EXPECT_TRUE(announced.emplace(g.start, g.samples).second) << "announced twice: " << g.start;
   }
@@ -216,7 +243,7 @@ TEST_F(TimingTest, AStalledSubscriberOfALiveSourceHasEachDroppedBufferAnnouncedA
 
   ZR::ZRAudioLatency l;
   ASSERT_TRUE(dev->getLatencyFigures("Fast", l));
-  EXPECT_EQ(l.count, 100);
+  EXPECT_EQ(l.count, dev->getDeliveryStats("Fast").delivered);
   EXPECT_LE(0.0, l.p50Ms);
   EXPECT_LE(l.p50Ms, l.p99Ms);
   EXPECT_LE(l.p99Ms, l.maxMs);
@@ -226,6 +253,15 @@ TEST_F(TimingTest, AStalledSubscriberOfALiveSourceHasEachDroppedBufferAnnouncedA
                                  ->call<ZR::ZRValue>("getLatency", std::string("Stalled"));
   ASSERT_EQ(remote.getSize(), 4);
   EXPECT_FLOAT_EQ(remote[2].toFloat(), static_cast<float>(l.maxMs));
+  // A result is raised after its delivery started: each is at least as late as its delivery.
+  ZR::ZRAudioLatency delivered;
+  ASSERT_TRUE(dev->getLatencyFigures("Raiser", delivered));
+  const ZR::ZRValue raised = memory_->getEventLatency("Raiser/Done");
+  ASSERT_EQ(raised.getSize(), 4);
+  EXPECT_EQ(raised[3].toInt(), delivered.count);
+  EXPECT_GE(raised[0].toFloat(), static_cast<float>(delivered.p50Ms) * 0.999f);
+  EXPECT_GE(raised[2].toFloat(), static_cast<float>(delivered.maxMs) * 0.999f);
+  EXPECT_EQ(memory_->getEventLatency(ZR::kGapEvent).getSize(), 0);  // raised from no delivery
   EXPECT_THAT(errorOf([&] { dev->getLatency("Nobody"); }).getDescription(),
               ::testing::HasSubstr("never subscribed"));
 }

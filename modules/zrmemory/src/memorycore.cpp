@@ -165,6 +165,18 @@ void MemoryCore::declareEvent(const std::string& event, const std::string& produ
   producerEvents_[producer].push_back(event);
 }
 
+bool MemoryCore::eventLatency(const std::string& event, detail::ZRLatencyFigures& out) {
+  std::shared_ptr<detail::ZRLatencyWindow> window;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = events_.find(event);
+    if (it == events_.end() || !it->second.latency) return false;
+    window = it->second.latency;
+  }
+  out = window->figures();
+  return true;
+}
+
 void MemoryCore::raiseEvent(const std::string& event, const ZRValue& value) {
   requireName("raiseEvent", "the event name", event);
   std::vector<std::string> warnings;
@@ -175,6 +187,10 @@ void MemoryCore::raiseEvent(const std::string& event, const ZRValue& value) {
     data_[event] = value;
     EventRecord& record = events_[event];
     ++record.raised;
+    if (const std::int64_t captured = detail::zrCurrentCaptureNs()) {
+      if (!record.latency) record.latency = std::make_shared<detail::ZRLatencyWindow>();
+      record.latency->add(detail::zrMonotonicNs() - captured);
+    }
     for (const Subscription& s : record.subscriptions)
       line_->push(s.subscriber,
                   ZRDelivery{s.callback, {ZRValue(event), value, ZRValue(s.subscriber)}}, nullptr,

@@ -18,6 +18,7 @@
 
 #include <vo/session.h>
 #include <zrcommon/detail/zrdeliveryline.h>
+#include <zrcommon/detail/zrlatencywindow.h>
 #include <zrcommon/detail/zrstream.h>
 #include <zrcommon/zrbroker.h>
 #include <zrcommon/zrproxy.h>
@@ -49,6 +50,8 @@ struct EventRecord {
   std::string producer;
   std::vector<Subscription> subscriptions;
   std::int64_t raised = 0;  // since the service started
+  // From the capture of the sound it was raised from, when raised during a delivery of it.
+  std::shared_ptr<detail::ZRLatencyWindow> latency;
 };
 
 /// Whether one subscriber is subscribed to one producer. `serial` is held across the call to
@@ -83,6 +86,8 @@ class MemoryCore : public std::enable_shared_from_this<MemoryCore> {
   std::vector<std::string> getSubscribers(const std::string& event);
   int getDroppedEventCount(const std::string& module);
   int getRaisedEventCount(const std::string& event);
+  /// False when `event` was never raised from a buffer of sound delivered in this process.
+  bool eventLatency(const std::string& event, detail::ZRLatencyFigures& out);
 
   int queueCapacity() const { return capacity_; }
   bool waitForDeliveries(std::chrono::milliseconds timeout);
