@@ -78,6 +78,8 @@ class MemoryCore : public std::enable_shared_from_this<MemoryCore> {
 
   void declareEvent(const std::string& event, const std::string& producer);
   void raiseEvent(const std::string& event, const ZRValue& value);
+  /// Raises kEventDroppedEvent for each event dropped since the last call.
+  void announceDrops();
   void subscribeToEvent(const std::string& event, const std::string& module,
                         const std::string& callbackMethod);
   void unsubscribeToEvent(const std::string& event, const std::string& module);
@@ -161,6 +163,12 @@ class MemoryCore : public std::enable_shared_from_this<MemoryCore> {
   // Serialises those restarts on the pool, away from the thread that registers the producer.
   ZRStrand restarts_;
   // The callbacks' queues; its lock nests inside mutex_.
+  // Events the line dropped, announced once the core's mutex is free.
+  struct Dropped {
+    std::mutex mutex;
+    std::vector<std::pair<std::string, std::string>> pending;  // subscriber, event
+  };
+  const std::shared_ptr<Dropped> dropped_ = std::make_shared<Dropped>();
   const std::shared_ptr<EventLine> line_;
 };
 
