@@ -38,6 +38,7 @@ std::shared_ptr<EventLine> makeEventLine(const std::string& name, int capacity,
     if (call.args.empty() || !call.args[0].isString()) return;
     std::lock_guard<std::mutex> lock(dropped->mutex);
     dropped->pending.emplace_back(sub, call.args[0].toStringRef());
+    dropped->any = true;
   };
   o.policy = ZRDeliveryPolicy::DropOldest;  // raiseEvent never waits for a subscriber
   o.capacity = static_cast<std::size_t>(capacity);
@@ -210,10 +211,12 @@ void MemoryCore::raiseEvent(const std::string& event, const ZRValue& value) {
 }
 
 void MemoryCore::announceDrops() {
+  if (!dropped_->any.load()) return;
   std::vector<std::pair<std::string, std::string>> drops;
   {
     std::lock_guard<std::mutex> lock(dropped_->mutex);
     drops.swap(dropped_->pending);
+    dropped_->any = false;
   }
   for (const auto& [subscriber, event] : drops) {
     // An announcement that was dropped itself is counted, not announced: no cascade.

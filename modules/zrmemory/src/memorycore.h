@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -165,6 +166,7 @@ class MemoryCore : public std::enable_shared_from_this<MemoryCore> {
   // The callbacks' queues; its lock nests inside mutex_.
   // Events the line dropped, announced once the core's mutex is free.
   struct Dropped {
+    std::atomic<bool> any{false};  // raises look here before they take the lock
     std::mutex mutex;
     std::vector<std::pair<std::string, std::string>> pending;  // subscriber, event
   };
