@@ -6,6 +6,7 @@
 #include <boost/make_shared.hpp>
 
 #include <vo/log.h>
+#include <zrcommon/zraudiotimestamp.h>
 #include <zrcommon/zrbroker.h>
 #include <zrcommon/zrsamples.h>
 #include <zrproxies/zrmemoryproxy.h>
@@ -88,6 +89,12 @@ void SoundLevel::process(const int& nbOfChannels, const int& nbOfSamplesByChanne
   std::lock_guard<std::mutex> lock(mutex_);
   const int rate = sampleRate_.load();
   const double bufferTime = timestampSeconds(timestamp);
+  // Where the buffer sits; from its time for a timestamp that does not say.
+  ZRAudioTimestamp at;
+  bool positioned = false;
+  ZRAudioTimestamp::read(timestamp, at, &positioned);
+  const std::int64_t bufferSample =
+      positioned ? at.sample : std::llround(bufferTime * static_cast<double>(rate));
   if (nbOfChannels != channels_) {
     // A new channel layout starts afresh: levels of different layouts don't mix.
     channels_ = nbOfChannels;
@@ -99,6 +106,7 @@ void SoundLevel::process(const int& nbOfChannels, const int& nbOfSamplesByChanne
   for (int i = 0; i < nbOfSamplesByChannel; ++i) {
     if (filled_ == 0) {
       windowStart_ = bufferTime + static_cast<double>(i) / rate;
+      windowStartSample_ = bufferSample + i;
       // A new period takes effect at the next window.
       windowSamples_ = std::max<long long>(
           1, std::llround(static_cast<double>(rate) * periodMs_.load() / 1000.0));
@@ -126,6 +134,7 @@ void SoundLevel::emitWindow() {
     peak[c] = toDb(peak_[c] / 32768.0);
   }
   const ZRValue record = makeRecord({{"time", ZRValue(static_cast<float>(windowStart_))},
+                                     {"sample", zrSampleValue(windowStartSample_)},
                                      {"rms", floatArray(rms.data(), channels_)},
                                      {"peak", floatArray(peak.data(), channels_)}});
   std::vector<ZRValue> crossings;
@@ -138,6 +147,7 @@ void SoundLevel::emitWindow() {
       loud_[c] = false;
     if (loud_[c] != wasLoud) {
       crossings.push_back(makeRecord({{"time", ZRValue(static_cast<float>(windowStart_))},
+                                      {"sample", zrSampleValue(windowStartSample_)},
                                       {"channel", ZRValue(c)},
                                       {"state", ZRValue(loud_[c] ? "loud" : "quiet")},
                                       {"rms", ZRValue(rms[c])}}));

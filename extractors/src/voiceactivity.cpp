@@ -6,6 +6,7 @@
 #include <boost/make_shared.hpp>
 
 #include <vo/log.h>
+#include <zrcommon/zraudiotimestamp.h>
 #include <zrcommon/zrsamples.h>
 
 #include "extractorutil.h"
@@ -90,13 +91,20 @@ void VoiceActivity::process(const int& nbOfChannels, const int& nbOfSamplesByCha
   const int rate = sampleRate_.load();
   if (!detector_ || detector_->sampleRate() != rate) {
     detector_ = std::make_unique<SpeechDetector>(rate);
-    detector_->onChange = [this](bool speech, double time) {
-      memory_->raiseEvent(speechEvent(), makeRecord({{"time", ZRValue(static_cast<float>(time))},
-                                                     {"speech", ZRValue(speech)}}));
+    // Times come from the buffers' positions (lost samples included), so a time in double
+    // precision is the position to the sample.
+    auto position = [rate](double time) {
+      return zrSampleValue(std::llround(time * static_cast<double>(rate)));
     };
-    detector_->onSegment = [this](double start, double end) {
+    detector_->onChange = [this, position](bool speech, double time) {
+      memory_->raiseEvent(speechEvent(), makeRecord({{"time", ZRValue(static_cast<float>(time))},
+                                                     {"speech", ZRValue(speech)},
+                                                     {"sample", position(time)}}));
+    };
+    detector_->onSegment = [this, position](double start, double end) {
       memory_->raiseEvent(segmentEvent(), makeRecord({{"start", ZRValue(static_cast<float>(start))},
-                                                      {"end", ZRValue(static_cast<float>(end))}}));
+                                                      {"end", ZRValue(static_cast<float>(end))},
+                                                      {"sample", position(start)}}));
     };
   }
   detector_->setSensitivity(precision_.load());

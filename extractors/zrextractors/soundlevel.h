@@ -74,6 +74,7 @@ class SoundLevel : public ZRSoundExtractor {
   long long windowSamples_ = 0;
   long long filled_ = 0;
   double windowStart_ = 0.0;
+  std::int64_t windowStartSample_ = 0;  // its position in the stream
   std::vector<double> sumSquares_;
   std::vector<int> peak_;
   std::vector<bool> loud_;

@@ -139,6 +139,7 @@ bool ZRDeliveryLine::publish(ZRDelivery call, const std::atomic<bool>* stop,
   Entry proto{std::move(call), currentDeliveryIsLossless(), holdFor()};
   bool anyone = false;
   std::vector<Entry> dead;
+  std::vector<std::pair<std::string, ZRDelivery>> drops;
   {
     std::unique_lock<std::mutex> lock(mutex_);
     if (!proto.keep && !waitForRoomLocked(lock, nullptr, stop)) return false;
@@ -151,9 +152,11 @@ bool ZRDeliveryLine::publish(ZRDelivery call, const std::atomic<bool>* stop,
                   toPump);
     anyone = !subscribers_.empty();
     dead.swap(graveyard_);
+    drops.swap(drops_);
   }
   for (auto& sub : toPump) pump(sub);
   if (!warnings) emit(own);
+  reportDrops(drops);
   return anyone;
 }
 
@@ -165,6 +168,7 @@ bool ZRDeliveryLine::push(const std::string& name, ZRDelivery call, const std::a
   Entry entry{std::move(call), currentDeliveryIsLossless(), holdFor()};
   bool queued = false;
   std::vector<Entry> dead;
+  std::vector<std::pair<std::string, ZRDelivery>> drops;
   {
     std::unique_lock<std::mutex> lock(mutex_);
     if (!entry.keep && !waitForRoomLocked(lock, &name, stop)) return false;
@@ -175,9 +179,11 @@ bool ZRDeliveryLine::push(const std::string& name, ZRDelivery call, const std::a
       queued = true;
     }
     dead.swap(graveyard_);
+    drops.swap(drops_);
   }
   for (auto& sub : toPump) pump(sub);
   if (!warnings) emit(own);
+  reportDrops(drops);
   return queued;
 }
 
@@ -283,6 +289,7 @@ void ZRDeliveryLine::queueLocked(const SubscriberPtr& sub, Entry entry,
     auto oldest =
         std::find_if(sub->queue.begin(), sub->queue.end(), [](const Entry& e) { return !e.keep; });
     if (oldest != sub->queue.end()) {
+      if (options_.onDrop) drops_.emplace_back(sub->name, std::move(oldest->call));
       sub->queue.erase(oldest);
       const std::int64_t dropped = ++sub->counts->dropped;
       std::int64_t heldBack = 0;
@@ -333,6 +340,11 @@ void ZRDeliveryLine::retireLocked(SubscriberMap::iterator it) {
   it->second->active = false;
   bury(it->second->queue);
   subscribers_.erase(it);
+}
+
+void ZRDeliveryLine::reportDrops(std::vector<std::pair<std::string, ZRDelivery>>& drops) const {
+  for (const auto& [name, call] : drops) options_.onDrop(name, call);
+  drops.clear();
 }
 
 void ZRDeliveryLine::bury(std::deque<Entry>& queue) {

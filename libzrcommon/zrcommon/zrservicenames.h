@@ -14,6 +14,14 @@ inline constexpr const char* kMemoryServiceName = "ZRMemory";
 inline constexpr const char* kAudioDeviceServiceName = "ZRAudioDevice";
 /// Raised through the memory service when a finite source has delivered its last buffer.
 inline constexpr const char* kEndOfStreamEvent = "ZRAudioDevice/EndOfStream";
+/// Raised through the memory service for every run of samples lost on the way: at capture (an
+/// overrun) or for one subscriber (its queue was full). Declared without a producer, so that
+/// subscribing to it subscribes nobody to the device.
+inline constexpr const char* kGapEvent = "ZRAudioDevice/Gap";
+/// Raised by the memory service for every event it dropped for a subscriber that did not keep
+/// up: [["subscriber", name], ["event", name], ["dropped", that subscriber's total so far]].
+/// Listed once first raised; a subscription may come before.
+inline constexpr const char* kEventDroppedEvent = "ZRMemory/EventDropped";
 
 /// When the broker's shutdown destroys a module: ordinary modules (rank 0) first, then the
 /// services, each after every module of a lower rank, since lower ranks use higher ones. The audio

@@ -5,5 +5,7 @@ from ._client import Client, Proxy, connect, method
 from ._errors import ZRError
 from ._extractor import Extractor
 from ._soundextractor import SoundExtractor
+from ._timestamp import Timestamp, decode_sample, decode_timestamp
 
-__all__ = ["Client", "Extractor", "Proxy", "SoundExtractor", "ZRError", "connect", "method"]
+__all__ = ["Client", "Extractor", "Proxy", "SoundExtractor", "Timestamp", "ZRError", "connect",
+           "decode_sample", "decode_timestamp", "method"]

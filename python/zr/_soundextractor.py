@@ -13,6 +13,7 @@ from ._errors import ZRError
 from ._extractor import Extractor
 from ._hosting import Method
 from ._platform import DEVICE_MODULE, MEMORY_MODULE
+from ._timestamp import decode_timestamp
 
 log = logging.getLogger("zr.audio.zrsoundextractor")
 
@@ -32,8 +33,9 @@ class SoundExtractor(Extractor):
     samples: a read-only numpy int16 array of shape (frames, channels), viewing the bytes as they
     arrived (no copy; valid after the call only as long as you keep a reference, and never
     writable: copy it to change it). None when the buffer held no binary data.
-    timestamp: seconds from the first sample of the stream to the buffer's first sample (the
-    device's [seconds, microseconds] as a float); any other shape is passed on as it came.
+    timestamp: a zr.Timestamp, the float of seconds from the first sample of the stream to the
+    buffer's first sample, with the buffer's sample index, sequence number and capture times as
+    named fields; any other shape is passed on as it came.
 
     Buffers of one device run one at a time, in order, on a thread of their own, concurrently
     with the remote calls and hooks; share state between them under a lock of your own."""
@@ -128,9 +130,7 @@ class SoundExtractor(Extractor):
                                                           nbOfSamplesByChannel))
             samples = numpy.frombuffer(buffer, _INT16, count).reshape(
                 nbOfSamplesByChannel, nbOfChannels)
-        if (type(timestamp) is list and len(timestamp) == 2 and type(timestamp[0]) is int
-                and type(timestamp[1]) is int):
-            timestamp = timestamp[0] + timestamp[1] * 1e-6
+        timestamp = decode_timestamp(timestamp)
         self.process(samples, timestamp)
         self.processSoundRemote(nbOfChannels, nbOfSamplesByChannel, samples is not None)
 

@@ -70,13 +70,44 @@ void DeviceFlags::define(CLI::App* cmd) {
       ->check(CLI::Range(1, 32));
   cmd->add_option("--buffer", buffer, "Samples per channel in each buffer (default: 100 ms).")
       ->check(CLI::Range(1, 1 << 20));
+  cmd->add_option("--inject-gap", gaps,
+                  "AT:N drops N samples at sample AT of the input, as a capture overrun would "
+                  "(repeatable; for drills of loss handling).")
+      ->check([](const std::string& text) {
+        ZR::ZRAudioDeviceOptions::InjectedGap g;
+        return parseGap(text, g) ? std::string()
+                                 : "wants AT:N, a sample position and a count > 0, not " + text;
+      });
+  cmd->add_option("--clock-skew", clockSkewPpm,
+                  "Run the input's clock PPM parts per million fast (or slow, negative), as a "
+                  "sound card's would; implies --realtime.")
+      ->check(CLI::Range(-100000.0, 100000.0));
+}
+
+bool DeviceFlags::parseGap(const std::string& text, ZR::ZRAudioDeviceOptions::InjectedGap& gap) {
+  const std::size_t colon = text.find(':');
+  if (colon == std::string::npos) return false;
+  try {
+    std::size_t a = 0, b = 0;
+    gap.at = std::stoll(text.substr(0, colon), &a);
+    gap.samples = std::stoll(text.substr(colon + 1), &b);
+    return a == colon && b == text.size() - colon - 1 && gap.at >= 0 && gap.samples > 0;
+  } catch (const std::exception&) {
+    return false;
+  }
 }
 
 void DeviceFlags::apply(ZR::ZRAudioDeviceOptions& device) const {
   if (rate > 0) device.sampleRate = rate;
   if (channels > 0) device.channelCount = channels;
   if (buffer > 0) device.samplesPerBuffer = buffer;
-  device.realtime = realtime;
+  device.realtime = realtime || clockSkewPpm != 0;
+  device.clockSkewPpm = clockSkewPpm;
+  device.injectedGaps.clear();
+  for (const std::string& text : gaps) {
+    ZR::ZRAudioDeviceOptions::InjectedGap g;
+    if (parseGap(text, g)) device.injectedGaps.push_back(g);
+  }
 }
 
 std::string rawInputNotice(const ZR::ZRAudioDeviceOptions& device) {

@@ -12,12 +12,17 @@ class App;
 namespace zr {
 
 /// The device's options beyond its INPUT, as zr run and zr host take them: --rate, --channels,
-/// --buffer and --realtime (0 and false: the input's own, else the device's defaults).
+/// --buffer and --realtime (0 and false: the input's own, else the device's defaults), and the
+/// drills --inject-gap AT:N and --clock-skew PPM.
 struct DeviceFlags {
   int rate = 0, channels = 0, buffer = 0;
   bool realtime = false;
+  std::vector<std::string> gaps;
+  double clockSkewPpm = 0.0;
   void define(CLI::App* cmd);
   void apply(ZR::ZRAudioDeviceOptions& device) const;
+  /// "AT:N" with AT >= 0 and N > 0.
+  static bool parseGap(const std::string& text, ZR::ZRAudioDeviceOptions::InjectedGap& gap);
 };
 
 /// The device options for INPUT as given on the command line (`given` false: no INPUT, the

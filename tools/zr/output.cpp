@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include <zrcommon/zraudiotimestamp.h>
+#include <zrcommon/zrservicenames.h>
 #include <zrextractors/zrrecord.h>
 #include <nlohmann/json.hpp>
 
@@ -49,9 +51,27 @@ nlohmann::ordered_json toJson(const ZR::ZRValue& v) {
   }
 }
 
+// A stream position, whether an int or [high, low] past 32 bits.
+nlohmann::ordered_json sampleJson(const ZR::ZRValue& v) {
+  std::int64_t sample = 0;
+  return ZR::zrReadSample(v, sample) ? nlohmann::ordered_json(sample) : toJson(v);
+}
+
+// {"event": "Gap", "start", "samples", "cause", then the rest}: what scripts read lost sound by.
+nlohmann::ordered_json gapObject(const Result& r) {
+  nlohmann::ordered_json o;
+  o["event"] = "Gap";
+  for (const char* key : {"start", "samples", "cause", "reason", "time"})
+    if (const ZR::ZRValue* v = ZR::recordField(r.value, key))
+      o[key] = std::string(key) == "start" ? sampleJson(*v) : toJson(*v);
+  if (!r.file.empty()) o["file"] = r.file;
+  return o;
+}
+
 /// The result as one flat object: the input file (when a run has several), extractor, event,
-/// then the record's fields (or "value").
+/// then the record's fields (or "value"), and "sample", where its window starts in the stream.
 nlohmann::ordered_json toObject(const Result& r) {
+  if (isGap(r)) return gapObject(r);
   nlohmann::ordered_json o;
   if (!r.file.empty()) o["file"] = r.file;
   o["extractor"] = r.extractor;
@@ -60,11 +80,19 @@ nlohmann::ordered_json toObject(const Result& r) {
     for (const ZR::ZRValue& f : r.value.arrayElements()) {
       const std::string& name = f[0].toStringRef();
       if (name == "file" || name == "extractor" || name == "event") continue;
-      o[name] = toJson(f[1]);
+      o[name] = name == "sample" ? sampleJson(f[1]) : toJson(f[1]);
     }
   } else {
     o["value"] = toJson(r.value);
   }
+  // Without its own, a result's position is that of its window's start time: exact while the
+  // time is (a float holds it to the sample for the first few minutes).
+  if (!o.contains("sample") && r.sampleRate > 0)
+    for (const char* key : {"start", "time"})
+      if (o.contains(key) && o[key].is_number()) {
+        o["sample"] = std::llround(o[key].get<double>() * r.sampleRate);
+        break;
+      }
   return o;
 }
 
@@ -131,8 +159,15 @@ class CsvWriter : public ResultWriter {
       }
       return;
     }
+    if (isGap(r)) {  // a position in samples is no "start" in seconds
+      nlohmann::ordered_json gap = o;
+      for (const char* k : {"file", "event", "time"}) gap.erase(k);
+      std::fprintf(out_, "%s,,,,,%s\n", head.c_str(), quote(gap.dump()).c_str());
+      return;
+    }
     nlohmann::ordered_json rest = o;
-    for (const char* k : {"file", "extractor", "event", "time", "channel", "rms", "start", "end"})
+    for (const char* k :
+         {"file", "extractor", "event", "time", "sample", "channel", "rms", "start", "end"})
       rest.erase(k);
     std::string value;
     if (o.contains("sources") && o["sources"].is_array()) {
@@ -195,7 +230,7 @@ class TableWriter : public ResultWriter {
       }
     } else {
       nlohmann::ordered_json rest = o;
-      for (const char* k : {"file", "extractor", "event", "time"}) rest.erase(k);
+      for (const char* k : {"file", "extractor", "event", "time", "sample"}) rest.erase(k);
       for (auto it = rest.begin(); it != rest.end(); ++it) {
         if (!text.empty()) text += "  ";
         text += it.key() + " " + forPeople(*it);
@@ -211,6 +246,10 @@ class TableWriter : public ResultWriter {
 };
 
 }  // namespace
+
+bool isGap(const Result& r) {
+  return r.extractor == ZR::kAudioDeviceServiceName && r.event == "Gap";
+}
 
 bool ResultWriter::check() {
   if (!error_ && std::ferror(out_)) error_ = errno ? errno : EIO;

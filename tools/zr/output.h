@@ -15,7 +15,11 @@ struct Result {
   std::string event;      // event name without the extractor's prefix
   ZR::ZRValue value;
   std::string file{};  // the input it came from, when a run has several; else empty
+  int sampleRate = 0;  // of the device, when known: gives a result without "sample" its position
 };
+
+/// True for the device's announcement of lost samples ("ZRAudioDevice/Gap").
+bool isGap(const Result& r);
 
 /// The audio time a result stands at: its "end" (a finished segment), else its "time"; none for
 /// a result that carries neither.

@@ -1,6 +1,7 @@
 #include "pipeline.h"
 
 #include "eventclient.h"
+#include "gaps.h"
 
 #include <unistd.h>
 
@@ -76,6 +77,10 @@ Pipeline::Pipeline(const PipelineConfig& config, PipelineSite site, Sink sink)
     // Subscribing to their events subscribes the tool to each extractor, which starts it (with
     // its default period and precision); the device is held until all of them listen.
     subscribeClient(*site_.broker, memory, extractors_, client, config, subscribed_);
+    // Known once the extractors listen (a device opens its input at its first subscriber), and
+    // before any result comes.
+    rate_ = device_->getSampleRate();
+    perBuffer_ = device_->getSamplesPerBuffer();
   } catch (...) {
     unsubscribeAll();
     if (held_) device_->release();
@@ -115,6 +120,7 @@ void subscribeClient(ZR::ZRBroker& broker, ZR::ZRMemoryProxy& memory,
     if (config.period) extractor->call<void>("updatePeriod", client, *config.period);
     if (config.precision) extractor->call<void>("updatePrecision", client, *config.precision);
   }
+  subscribeToGaps(memory, client, subscribed);
 }
 
 Pipeline::~Pipeline() {
@@ -130,13 +136,19 @@ Pipeline::~Pipeline() {
 }
 
 void Pipeline::unsubscribeAll() {
-  ZR::ZRMemoryProxy memory(site_.broker);
-  for (const std::string& ev : subscribed_) {
-    try {
-      memory.unsubscribeToEvent(ev, site_.client);
-    } catch (const ZR::ZRError& e) {
-      std::fprintf(stderr, "zr: %s\n", e.what());
+  if (subscribed_.empty()) return;
+  try {
+    ZR::ZRMemoryProxy memory(site_.broker);
+    for (const std::string& ev : subscribed_) {
+      try {
+        memory.unsubscribeToEvent(ev, site_.client);
+      } catch (const ZR::ZRError& e) {
+        std::fprintf(stderr, "zr: %s\n", e.what());
+      }
     }
+  } catch (const ZR::ZRError& e) {
+    // The memory service is gone (its host was stopped first): nothing is left to undo there.
+    std::fprintf(stderr, "zr: %s\n", e.what());
   }
   subscribed_.clear();
 }
@@ -154,14 +166,14 @@ void Pipeline::receive(const std::string& event, const ZR::ZRValue& value) {
   const std::string prefix = extractor + "/";
   const std::string shortName =
       event.compare(0, prefix.size(), prefix) == 0 ? event.substr(prefix.size()) : event;
-  if (sink_) sink_(Result{extractor, shortName, value});
+  Result r{extractor, shortName, value};
+  r.sampleRate = rate_;
+  if (sink_) sink_(r);
 }
 
 void Pipeline::start() {
   // A published device counts its deliveries since each subscriber first came: this run's are
   // those from here on.
-  rate_ = device_->getSampleRate();
-  perBuffer_ = device_->getSamplesPerBuffer();
   for (const std::string& e : extractors_) before_[e] = deliveredTo(e);
   device_->release();
   held_ = false;

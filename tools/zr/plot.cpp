@@ -41,6 +41,15 @@ std::string gnuplotQuoted(const std::string& text) {
 }
 
 void PlotData::add(const Result& r) {
+  if (isGap(r)) {  // lost sound: where it starts, and for how long when the rate is known
+    const ZR::ZRValue* at = ZR::recordField(r.value, "time");
+    const ZR::ZRValue* samples = ZR::recordField(r.value, "samples");
+    if (at && at->isFloat() && samples && samples->isInt())
+      gaps_.emplace_back(at->toFloat(), r.sampleRate > 0
+                                            ? static_cast<double>(samples->toInt()) / r.sampleRate
+                                            : 0.0);
+    return;
+  }
   const ZR::ZRValue* rms = ZR::recordField(r.value, "rms");
   const ZR::ZRValue* time = ZR::recordField(r.value, "time");
   const ZR::ZRValue* start = ZR::recordField(r.value, "start");
@@ -160,6 +169,17 @@ void PlotData::render(const std::string& path, const std::string& title) const {
     for (const auto& [s, e] : segments_)
       g << "set object " << n++ << " rect from " << s << ", graph 0 to " << e
         << ", graph 1 behind fillcolor rgb \"#cce5ff\" fillstyle solid 0.6 noborder\n";
+    for (const auto& [at, length] : gaps_) {
+      g << "set arrow " << n << " from " << at << ", graph 0 to " << at
+        << ", graph 1 nohead front linecolor rgb \"#d62728\" linewidth 1.5\n";
+      if (length > 0)
+        g << "set object " << n << " rect from " << at << ", graph 0 to " << at + length
+          << ", graph 1 front fillcolor rgb \"#d62728\" fillstyle transparent solid 0.3 "
+             "noborder\n";
+      ++n;
+    }
+    if (!gaps_.empty())
+      g << "set label \"lost sound\" at graph 1.02, graph 0.02 tc rgb \"#d62728\"\n";
     if (!withLevels) {
     } else if (channels == 0) {
       g << "set xrange [0:1]\nset yrange [-120:0]\nplot NaN title \"no levels\"\n";

@@ -30,7 +30,9 @@ class PlotData {
   /// Blocks until gnuplot is done; throws std::runtime_error on failure, and then leaves `path`
   /// as it was.
   void render(const std::string& path, const std::string& title) const;
-  bool empty() const { return levels_.empty() && segments_.empty() && directions_.empty(); }
+  bool empty() const {
+    return levels_.empty() && segments_.empty() && directions_.empty() && gaps_.empty();
+  }
 
  private:
   struct Level {
@@ -39,6 +41,7 @@ class PlotData {
   };
   std::vector<Level> levels_;
   std::vector<std::pair<double, double>> segments_;
+  std::vector<std::pair<double, double>> gaps_;  // lost sound: start and length in seconds
   struct Direction {
     double time;
     int id;

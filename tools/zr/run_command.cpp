@@ -21,6 +21,7 @@
 
 #include "arrayoption.h"
 #include "command.h"
+#include "gaps.h"
 #include "input.h"
 #include "pipeline.h"
 #include "plot.h"
@@ -234,6 +235,8 @@ InputOutcome RunCommand::runInput(const std::string& input, bool given, const st
       config.device.channelCount = base_.device.channelCount;
       config.device.samplesPerBuffer = base_.device.samplesPerBuffer;
       config.device.realtime = base_.device.realtime;
+      config.device.injectedGaps = base_.device.injectedGaps;
+      config.device.clockSkewPpm = base_.device.clockSkewPpm;
       const std::string notice = rawInputNotice(config.device);
       if (!notice.empty()) std::fprintf(stderr, "%s\n", notice.c_str());
     }
@@ -314,7 +317,8 @@ int RunCommand::run() {
   // Across processes the device is the published one: its input is its host's business.
   remote_ = directory_.directoryOption->count() > 0;
   if (remote_)
-    for (const char* device : {"INPUT", "--rate", "--channels", "--buffer", "--realtime"})
+    for (const char* device : {"INPUT", "--rate", "--channels", "--buffer", "--realtime",
+                               "--inject-gap", "--clock-skew"})
       if (cmdOption(device)->count() > 0)
         throw CLI::ValidationError(
             device,
@@ -377,7 +381,9 @@ int RunCommand::run() {
     std::unique_ptr<ResultWriter> writer = ResultWriter::create(o.format, out, several);
     PlotData plot;
     RunLog log(level);
+    GapWarnings gapWarnings(stderr);
     const auto emit = [&](const Result& r) {
+      if (isGap(r) && level >= vo::LogLevel_Warning) gapWarnings.add(r);
       if (outputFailed_) return;
       writer->write(r);
       if (!writer->check()) outputFailed_ = true;  // nothing more can be shown: every input stops
@@ -409,6 +415,7 @@ int RunCommand::run() {
       }
     }
     writer->end();
+    gapWarnings.finish();
     if (!writer->flush() || !closeOutput()) {
       const int error = writer->error() ? writer->error() : errno;
       writeFailure = "cannot write " + outputName + ": " + std::strerror(error);

@@ -8,7 +8,11 @@ TimeOrder::TimeOrder(const std::vector<std::string>& extractors, Sink sink)
 }
 
 void TimeOrder::add(const Result& r) {
-  Stream& s = streams_[r.extractor];
+  // A stream not named at the start (the device's gaps) is ordered but holds nobody back: it
+  // may never speak again.
+  const auto [it, fresh] = streams_.try_emplace(r.extractor);
+  Stream& s = it->second;
+  if (fresh) s.holdsBack = false;
   const std::optional<double> time = resultTime(r);
   if (!time) {
     s.untimedOnly = !s.timed;
@@ -42,7 +46,8 @@ void TimeOrder::release(bool all, double before) {
     if (all && time >= before) return;
     if (!all)
       for (const auto& [name, s] : streams_)
-        if (&s != first && s.waiting.empty() && !s.untimedOnly && (!s.timed || s.latest < time))
+        if (&s != first && s.holdsBack && s.waiting.empty() && !s.untimedOnly &&
+            (!s.timed || s.latest < time))
           return;  // it may still send something earlier
     const Result r = std::move(first->waiting.front().second);
     first->waiting.pop_front();

@@ -41,6 +41,7 @@ class TimeOrder {
     double latest = 0.0;                            // time of its latest timed result
     bool timed = false;                             // it has sent a timed result
     bool untimedOnly = false;                       // it has sent only results without a time
+    bool holdsBack = true;                          // others wait for it
   };
   /// Passes on the earliest waiting result while nobody can still send an earlier one (with
   /// `all`: every one from before `before`, dropping the rest).

@@ -59,6 +59,37 @@ class TopCommand : public Command {
   // Events an extractor raised, summed over its events, when last read.
   std::map<std::string, std::pair<long, Clock::time_point>> raised_;
 
+  // A subscriber's delivery latency p50 and p99 in ms; null for one on another host (its
+  // deliveries start there) or before its first.
+  static std::pair<Json, Json> latency(DirectoryView& view, const std::string& device,
+                                       const std::string& subscriber) {
+    try {
+      const ZR::ZRValue l = view.call(device, "getLatency", {subscriber});
+      if (l.isArray() && l.getSize() >= 4 && l[3].toInt() > 0)
+        return {rounded(l[0].toFloat()), rounded(l[1].toFloat())};
+    } catch (const ZR::ZRError&) {
+    }
+    return {nullptr, nullptr};
+  }
+
+  // How late its results are, p50 and p99 in ms: those of its slowest event (by p99); null
+  // unless it runs in the memory service's process, where the raise can be timed.
+  static std::pair<Json, Json> eventLatency(DirectoryView& view, const std::string& extractor) {
+    std::pair<Json, Json> worst{nullptr, nullptr};
+    try {
+      for (const std::string& ev :
+           strings(view.call(ZR::kMemoryServiceName, "getExtractorEvent", {extractor}))) {
+        const ZR::ZRValue l = view.call(ZR::kMemoryServiceName, "getEventLatency", {ev});
+        if (l.isArray() && l.getSize() >= 4 &&
+            (worst.second.is_null() || l[1].toFloat() > worst.second.get<double>()))
+          worst = {rounded(l[0].toFloat()), rounded(l[1].toFloat())};
+      }
+    } catch (const ZR::ZRError&) {
+      // A memory service without the figure, or none: nothing to show.
+    }
+    return worst;
+  }
+
   // Its events per second since the previous reading; null on the first one, or without a
   // memory service to ask.
   Json eventRate(DirectoryView& view, const std::string& extractor) {
@@ -99,6 +130,7 @@ std::vector<Json> TopCommand::snapshot(DirectoryView& view) {
                                    {"precision", rounded(s[2].toFloat())}});
         // Without subscribers an extractor has no current values (its registry says -1).
         const bool idle = subscribers.empty();
+        const std::pair<Json, Json> late = eventLatency(view, e.name);
         modules.push_back(
             {{"type", "extractor"},
              {"module", e.name},
@@ -110,27 +142,45 @@ std::vector<Json> TopCommand::snapshot(DirectoryView& view) {
               idle ? Json(nullptr)
                    : Json(rounded(view.call(e.name, "getCurrentPrecision").toFloat()))},
              {"eventsPerSecond", eventRate(view, e.name)},
+             {"latency_p50_ms", late.first},
+             {"latency_p99_ms", late.second},
              {"subscribers", subscribers}});
       } else if (e.name == ZR::kAudioDeviceServiceName) {
         Json subscribers = Json::array();
+        std::vector<Json> subscriberRows;
         for (const std::string& s : strings(view.call(e.name, "getSubscribers"))) {
           const int delivered = view.call(e.name, "getDeliveredBufferCount", {s}).toInt();
           const int dropped = view.call(e.name, "getDroppedBufferCount", {s}).toInt();
-          subscribers.push_back(
-              {{"name", s},
-               {"delivered", delivered},
-               {"dropped", dropped},
-               {"dropRate", delivered + dropped > 0
-                                ? rounded(static_cast<double>(dropped) / (delivered + dropped))
-                                : 0.0}});
+          const auto [p50, p99] = latency(view, e.name, s);
+          Json sub = {{"name", s},
+                      {"delivered", delivered},
+                      {"dropped", dropped},
+                      {"dropRate", delivered + dropped > 0 ? rounded(static_cast<double>(dropped) /
+                                                                     (delivered + dropped))
+                                                           : 0.0},
+                      {"latency_p50_ms", p50},
+                      {"latency_p99_ms", p99}};
+          subscribers.push_back(sub);
+          // Also a row of its own, for scripts that read one kind of row at a time.
+          Json row = {{"type", "subscriber"}, {"module", s}, {"device", e.name}, {"host", e.host}};
+          for (const char* k : {"delivered", "dropped", "latency_p50_ms", "latency_p99_ms"})
+            row[k] = sub[k];
+          subscriberRows.push_back(std::move(row));
         }
-        modules.push_back({{"type", "device"},
-                           {"module", e.name},
-                           {"host", e.host},
-                           {"source", view.call(e.name, "getSourceDescription").toStringRef()},
-                           {"rate", view.call(e.name, "getSampleRate").toInt()},
-                           {"channels", view.call(e.name, "getChannelCount").toInt()},
-                           {"subscribers", subscribers}});
+        const ZR::ZRValue drift = view.call(e.name, "getDrift");
+        const bool knowsDrift = drift.isArray() && drift.getSize() >= 2;
+        modules.push_back(
+            {{"type", "device"},
+             {"module", e.name},
+             {"host", e.host},
+             {"source", view.call(e.name, "getSourceDescription").toStringRef()},
+             {"rate", view.call(e.name, "getSampleRate").toInt()},
+             {"channels", view.call(e.name, "getChannelCount").toInt()},
+             {"drift_ppm", knowsDrift ? Json(rounded(drift[0].toFloat())) : Json()},
+             {"drift_uncertainty_ppm", knowsDrift ? Json(rounded(drift[1].toFloat())) : Json()},
+             {"lost_samples", view.call(e.name, "getLostSampleCount").toInt()},
+             {"subscribers", subscribers}});
+        modules.insert(modules.end(), subscriberRows.begin(), subscriberRows.end());
       } else {
         view.call(e.name, "ping");  // nothing else to ask: whether its host answers
       }
@@ -171,8 +221,14 @@ void TopCommand::print(const std::vector<Json>& rows, bool inPlace) {
           r["lastSeenSeconds"].is_null()
               ? "lost"
               : (std::to_string(r["lastSeenSeconds"].get<double>()).substr(0, 4) + "s").c_str());
-  std::printf("\n%-16s %-16s %-8s %7s %9s  %s\n", "EXTRACTOR", "HOST", "STATE", "PERIOD",
-              "PRECISION", "SUBSCRIBERS (asked period/precision)");
+  auto figure = [](const Json& v, const char* unit) {
+    if (v.is_null()) return std::string("-");
+    char text[32];
+    std::snprintf(text, sizeof text, "%.2f%s", v.get<double>(), unit);
+    return std::string(text);
+  };
+  std::printf("\n%-16s %-16s %-8s %7s %9s %11s  %s\n", "EXTRACTOR", "HOST", "STATE", "PERIOD",
+              "PRECISION", "LATE P99", "SUBSCRIBERS (asked period/precision)");
   for (const Json& r : rows) {
     if (r["type"] != "extractor") continue;
     std::string subs;
@@ -180,23 +236,33 @@ void TopCommand::print(const std::vector<Json>& rows, bool inPlace) {
       subs += (subs.empty() ? "" : ", ") + s["name"].get<std::string>() + " " +
               std::to_string(s["period"].get<int>()) + "ms/" + s["precision"].dump();
     const bool idle = r["currentPeriod"].is_null();
-    std::printf("%-16s %-16s %-8s %7s %9s  %s\n", r["module"].get<std::string>().c_str(),
+    std::printf("%-16s %-16s %-8s %7s %9s %11s  %s\n", r["module"].get<std::string>().c_str(),
                 r["host"].get<std::string>().c_str(), r["state"].get<std::string>().c_str(),
                 idle ? "-" : (std::to_string(r["currentPeriod"].get<int>()) + "ms").c_str(),
-                idle ? "-" : r["currentPrecision"].dump().c_str(), subs.c_str());
+                idle ? "-" : r["currentPrecision"].dump().c_str(),
+                figure(r["latency_p99_ms"], " ms").c_str(), subs.c_str());
   }
-  std::printf("\n%-16s %-16s %-24s %6s %3s  %s\n", "DEVICE", "HOST", "SOURCE", "RATE", "CH",
-              "SUBSCRIBERS (delivered/dropped, drop rate)");
+  std::printf("\n%-16s %-16s %-24s %6s %3s %12s %8s\n", "DEVICE", "HOST", "SOURCE", "RATE", "CH",
+              "DRIFT", "LOST");
   for (const Json& r : rows) {
     if (r["type"] != "device") continue;
-    std::string subs;
-    for (const Json& s : r["subscribers"])
-      subs += (subs.empty() ? "" : ", ") + s["name"].get<std::string>() + " " +
-              std::to_string(s["delivered"].get<int>()) + "/" +
-              std::to_string(s["dropped"].get<int>()) + " " + s["dropRate"].dump();
-    std::printf("%-16s %-16s %-24s %6d %3d  %s\n", r["module"].get<std::string>().c_str(),
+    std::string drift = figure(r["drift_ppm"], "");
+    if (!r["drift_ppm"].is_null()) drift += "±" + figure(r["drift_uncertainty_ppm"], "ppm");
+    std::printf("%-16s %-16s %-24s %6d %3d %12s %8d\n", r["module"].get<std::string>().c_str(),
                 r["host"].get<std::string>().c_str(), r["source"].get<std::string>().c_str(),
-                r["rate"].get<int>(), r["channels"].get<int>(), subs.c_str());
+                r["rate"].get<int>(), r["channels"].get<int>(), drift.c_str(),
+                r["lost_samples"].get<int>());
+  }
+  std::printf("\n%-16s %-16s %10s %8s %8s %11s %11s\n", "SUBSCRIBER", "DEVICE", "DELIVERED",
+              "DROPPED", "DROP", "LAT P50", "LAT P99");
+  for (const Json& r : rows) {
+    if (r["type"] != "device") continue;
+    for (const Json& s : r["subscribers"])
+      std::printf("%-16s %-16s %10d %8d %8s %11s %11s\n", s["name"].get<std::string>().c_str(),
+                  r["module"].get<std::string>().c_str(), s["delivered"].get<int>(),
+                  s["dropped"].get<int>(), s["dropRate"].dump().c_str(),
+                  figure(s["latency_p50_ms"], " ms").c_str(),
+                  figure(s["latency_p99_ms"], " ms").c_str());
   }
   std::fflush(stdout);
 }

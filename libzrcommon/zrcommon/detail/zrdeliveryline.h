@@ -136,6 +136,8 @@ class ZRDeliveryLine : public std::enable_shared_from_this<ZRDeliveryLine> {
     std::string publishFunction = "publish";  ///< function named by overflow/refusal warnings
     std::string deliverFunction = "deliver";  ///< function named by failure warnings
     Texts texts;
+    /// Told of each call dropped from a full queue, on the producer's thread, outside the lock.
+    std::function<void(const std::string& subscriber, const ZRDelivery& call)> onDrop;
     ZRWarningLimiter::Clock clock;  ///< empty: the steady clock
   };
 
@@ -219,6 +221,8 @@ class ZRDeliveryLine : public std::enable_shared_from_this<ZRDeliveryLine> {
   /// Calls leaving a queue may hold other deliveries, whose ends run code: they are released
   /// after the lock, by whoever swaps the graveyard out.
   void bury(std::deque<Entry>& queue);
+  /// Tells onDrop of the drops taken out of drops_ under the lock.
+  void reportDrops(std::vector<std::pair<std::string, ZRDelivery>>& drops) const;
   bool idleLocked() const;
   void drain(const SubscriberPtr& sub);
   void runLocal(const SubscriberPtr& sub, Entry& entry, std::list<Current>::iterator current);
@@ -239,6 +243,7 @@ class ZRDeliveryLine : public std::enable_shared_from_this<ZRDeliveryLine> {
   std::map<std::string, ZRDeliveryCounts> counts_;  // every subscriber that ever was
   std::list<Current> current_;                      // calls running here or unanswered there
   std::vector<Entry> graveyard_;
+  std::vector<std::pair<std::string, ZRDelivery>> drops_;  // for onDrop, after the lock
 };
 
 }  // namespace detail

@@ -32,7 +32,7 @@ ZRAudioDevice::ZRAudioDevice(boost::shared_ptr<ZRBroker> broker, const std::stri
   core_->name = name;
   core_->broker = broker;
   core_->options = options_;
-  core_->line = makeAudioLine(name, options_);
+  core_->line = makeAudioLine(name, options_, core_);
   core_->remote = std::make_shared<ZRAudioRemoteSubscribers>(name, options_.isLive());
   if (options_.source == ZRAudioDeviceOptions::Source::File) {
     // Known now when the file is there; otherwise when a subscribe first opens it.
@@ -52,6 +52,7 @@ ZRAudioDevice::ZRAudioDevice(boost::shared_ptr<ZRBroker> broker, const std::stri
   setModuleDescription("Audio device: delivers the sound of " + options_.describe() +
                        " to its subscribers' \"processRemote\".");
   registerMethods();
+  core_->declareGapEvent();
 }
 
 void ZRAudioDevice::registerMethods() {
@@ -129,6 +130,31 @@ void ZRAudioDevice::registerMethods() {
   functionName("getSourceDescription", kAudioDeviceClassName, "Describes the device's source.", 0);
   setReturn("description", "For example: tone 440 Hz, paced at real time.");
   bindMethod(&ZRAudioDevice::getSourceDescription);
+
+  functionName("getLatency", kAudioDeviceClassName,
+               "Gives a module's delivery latency, from the capture of a buffer's first sample to "
+               "the start of its \"processRemote\", over its last 1000 deliveries.",
+               0);
+  addParam("module", "Name of a module of this host that has subscribed at least once.");
+  setReturn("latency",
+            "[p50, p99, max] in milliseconds (floats), then the deliveries measured (int).");
+  bindMethod(&ZRAudioDevice::getLatency);
+
+  functionName("getDrift", kAudioDeviceClassName,
+               "Gives how far a live source's real sample rate is off its nominal rate, measured "
+               "against the host's monotonic clock since the source started.",
+               0);
+  setReturn("drift",
+            "[ppm, uncertainty in ppm] (floats) and the buffers it rests on (int); empty while "
+            "unknown (a source that is not live, or too few buffers yet).");
+  bindMethod(&ZRAudioDevice::getDrift);
+
+  functionName("getLostSampleCount", kAudioDeviceClassName,
+               "Gives how many samples per channel were lost at capture (overruns, injected "
+               "gaps); each loss is also raised as \"ZRAudioDevice/Gap\".",
+               0);
+  setReturn("samples", "Samples lost since the device was created.");
+  bindMethod(&ZRAudioDevice::getLostSampleCount);
 
   functionName("startRecording", kAudioDeviceClassName,
                "Writes every buffer delivered from now on to a 16-bit WAV file.", 0);
@@ -214,9 +240,16 @@ void ZRAudioDevice::subscribe(const std::string& module) {
     core_->remote->add(core_->line, *broker, module, where->address);
   } else {
     ZRStrand strand = broker->makeStrand();
+    std::shared_ptr<ZRLatencyWindow> latency = core_->latency.of(module);
     core_->line->add(
         module, [strand](std::function<void()> work) { strand.post(std::move(work)); },
-        [proxy](detail::ZRDelivery& call) {
+        [proxy, latency](detail::ZRDelivery& call) {
+          ZRAudioTimestamp t;
+          bool full = false;
+          if (call.args.size() == 4 && ZRAudioTimestamp::read(call.args[2], t, &full) && full)
+            latency->add(zrMonotonicNs() - t.monotonicNs);
+          // What the subscriber raises from this buffer is timed from its capture too.
+          const detail::ZRCaptureScope capture(t.monotonicNs);
           proxy->metaCall(call.method, call.args.data(), call.args.size());
         },
         // In a network, a gone subscriber stays until the broker's reaper unsubscribes it, so
@@ -226,6 +259,8 @@ void ZRAudioDevice::subscribe(const std::string& module) {
         });
   }
   if (!source) return;
+  source = withInjectedGaps(std::move(source), options_, core_->format);
+  core_->declareGapEvent();  // the memory service may have come after the device
   {
     std::lock_guard<std::mutex> lock(core_->mutex);
     core_->stop = false;
@@ -297,6 +332,50 @@ bool ZRAudioDevice::isEndOfStream() {
 
 std::string ZRAudioDevice::getSourceDescription() {
   return options_.describe();
+}
+
+bool ZRAudioDevice::getLatencyFigures(const std::string& module, ZRAudioLatency& out) {
+  return core_->latency.figures(module, out);
+}
+
+ZRValue ZRAudioDevice::getLatency(const std::string& module) {
+  ZRAudioLatency l;
+  if (!getLatencyFigures(module, l)) {
+    getDeliveryStats(module);  // ZRError for a module that never subscribed
+    throw ZRError(getName(), "getLatency",
+                  "module \"" + module + "\" is on another host: its deliveries start there");
+  }
+  ZRValue v;
+  v.arraySetSize(4);
+  v[0] = static_cast<float>(l.p50Ms);
+  v[1] = static_cast<float>(l.p99Ms);
+  v[2] = static_cast<float>(l.maxMs);
+  v[3] = clampToInt(l.count);
+  return v;
+}
+
+ZRAudioDrift ZRAudioDevice::getDriftEstimate() {
+  return core_->drift.estimate();
+}
+
+ZRValue ZRAudioDevice::getDrift() {
+  const ZRAudioDrift d = getDriftEstimate();
+  ZRValue v;
+  v.arraySetSize(d.known ? 3 : 0);
+  if (d.known) {
+    v[0] = static_cast<float>(d.ppm);
+    v[1] = static_cast<float>(d.uncertaintyPpm);
+    v[2] = clampToInt(d.points);
+  }
+  return v;
+}
+
+std::int64_t ZRAudioDevice::lostSamples() {
+  return core_->lostAtCapture.load();
+}
+
+int ZRAudioDevice::getLostSampleCount() {
+  return clampToInt(lostSamples());
 }
 
 bool ZRAudioDevice::isCapturing() {
@@ -402,7 +481,9 @@ void ZRAudioDevice::deliver(const ZRValue& buffer, int samplesPerChannel) {
                       "a binary value of " +
                       std::to_string(bytes) + " bytes, not " + buffer.toString());
   std::lock_guard<std::mutex> producer(core_->producerMutex);
-  core_->publish(buffer, static_cast<std::size_t>(samplesPerChannel));
+  core_->publish(
+      buffer, static_cast<std::size_t>(samplesPerChannel),
+      core_->captureTimeOf(static_cast<std::size_t>(samplesPerChannel), zrMonotonicNs()));
 }
 
 void ZRAudioDevice::endStream() {

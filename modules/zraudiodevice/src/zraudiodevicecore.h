@@ -15,11 +15,14 @@
 
 #include <zraudiodevice/zraudiodevice.h>
 #include <zrcommon/detail/zrdeliveryline.h>
+#include <zrcommon/zraudiotimestamp.h>
+#include <zrcommon/zrbroker.h>
 
 #include "zraudioblockpool.h"
 #include "zraudiorecorder.h"
 #include "zraudioremote.h"
 #include "zraudiosource.h"
+#include "zraudiotiming.h"
 
 namespace ZR {
 
@@ -36,8 +39,10 @@ void validateAudioDeviceOptions(const ZRAudioDeviceOptions& options, const std::
 
 /// The fan-out of buffers to the subscribers: a live source drops the oldest buffer of a
 /// subscriber that does not keep up, any other waits for the slowest and loses nothing.
+/// Its drops are announced as gaps by `core`.
 std::shared_ptr<ZRAudioLine> makeAudioLine(const std::string& deviceName,
-                                           const ZRAudioDeviceOptions& options);
+                                           const ZRAudioDeviceOptions& options,
+                                           const std::weak_ptr<ZRAudioDevice::Core>& core);
 
 struct ZRAudioDevice::Core : std::enable_shared_from_this<ZRAudioDevice::Core> {
   std::string name;
@@ -58,20 +63,35 @@ struct ZRAudioDevice::Core : std::enable_shared_from_this<ZRAudioDevice::Core> {
   std::atomic<bool> stop{false};
   std::thread thread;  // touched only under the device's control mutex
 
-  // The one producer (capture thread, or a host under producerMutex) owns the position.
+  // The one producer (capture thread, or a host under producerMutex) owns the position (lost
+  // samples included) and the sequence.
   std::mutex producerMutex;
   std::int64_t position = 0;
+  std::int64_t sequence = 0;
   ZRAudioBlockPool blocks;
   ZRAudioRecorder recorder;
 
-  void setFormat(const ZRAudioFormat& f);
-  /// [seconds, microseconds] of sample `index`, from the cumulative index so that rounding never
-  /// accumulates.
-  ZRValue timestampOf(std::int64_t index) const;
+  std::atomic<std::int64_t> lostAtCapture{0};
+  ZRLatencyTable latency;
+  ZRDriftEstimator drift;
+  // Gap events leave in the order the gaps happened; warnings about capture gaps are limited.
+  ZRStrand gapStrand;
+  std::mutex gapMutex;
+  detail::ZRWarningLimiter gapWarnings;  // of the log lines about capture gaps
 
-  /// Records and queues one buffer for every subscriber. False when nobody is subscribed any
-  /// more or the device is stopping.
-  bool publish(const ZRValue& buffer, std::size_t frames);
+  void setFormat(const ZRAudioFormat& f);
+
+  /// Records and queues one buffer for every subscriber, its first sample captured at
+  /// `captureNs` on the monotonic clock. False when nobody is subscribed any more or the device
+  /// is stopping.
+  bool publish(const ZRValue& buffer, std::size_t frames, std::int64_t captureNs);
+  /// The host clocks' time when the first of `frames` samples that are there now was captured.
+  std::int64_t captureTimeOf(std::size_t frames, std::int64_t nowNs) const;
+  /// Counts and announces `samples` lost at stream position `start`.
+  void announceGap(std::int64_t start, std::int64_t samples, const std::string& cause,
+                   const std::string& reason);
+  /// Declares "ZRAudioDevice/Gap" to the memory service, when there is one.
+  void declareGapEvent();
   /// The capture thread: reads the source until it ends or the device stops.
   void run(std::unique_ptr<ZRAudioSource> source);
   /// Once every buffer is processed, raises the end of the stream from the broker's pool.

@@ -100,6 +100,7 @@ std::string ZRAudioDeviceOptions::describe() const {
       break;
   }
   if (realtime) out << ", paced at real time";
+  if (clockSkewPpm != 0) out << " " << (clockSkewPpm > 0 ? "+" : "") << clockSkewPpm << " ppm";
   return out.str();
 }
 
@@ -118,6 +119,16 @@ void validateAudioDeviceOptions(const ZRAudioDeviceOptions& o, const std::string
   if (o.durationSeconds && !(*o.durationSeconds > 0))
     fail("the duration must be positive, not " + std::to_string(*o.durationSeconds));
   if (o.source == S::File && o.path.empty()) fail("a file source needs a path");
+  for (const ZRAudioDeviceOptions::InjectedGap& g : o.injectedGaps)
+    if (g.at < 0 || g.samples <= 0)
+      fail("an injected gap needs a position of at least 0 and at least 1 sample, not " +
+           std::to_string(g.samples) + " at " + std::to_string(g.at));
+  if (!(std::fabs(o.clockSkewPpm) <= 100000))
+    fail("the clock skew must be within +-100000 ppm, not " + std::to_string(o.clockSkewPpm));
+  if (o.clockSkewPpm != 0 && !(o.realtime && o.source != S::Microphone))
+    fail(
+        "a clock skew needs a source the device paces at real time (not a microphone, which "
+        "has a clock of its own)");
   if (o.source == S::Tone || o.source == S::Noise) {
     if (!(o.amplitude >= 0 && o.amplitude <= 1))
       fail("the amplitude must be between 0 and 1, not " + std::to_string(o.amplitude));

@@ -12,8 +12,20 @@
 namespace ZR {
 
 std::shared_ptr<ZRAudioLine> makeAudioLine(const std::string& deviceName,
-                                           const ZRAudioDeviceOptions& options) {
+                                           const ZRAudioDeviceOptions& options,
+                                           const std::weak_ptr<ZRAudioDevice::Core>& core) {
   ZRAudioLine::Options o;
+  // A dropped buffer is a gap in that subscriber's stream: where it starts and how long it is
+  // are in the call itself.
+  o.onDrop = [core](const std::string& sub, const detail::ZRDelivery& call) {
+    std::shared_ptr<ZRAudioDevice::Core> c = core.lock();
+    ZRAudioTimestamp t;
+    bool full = false;
+    if (!c || call.args.size() != 4 || !ZRAudioTimestamp::read(call.args[2], t, &full) || !full)
+      return;
+    const std::string who = ZRAudioRemoteSubscribers::isEntry(sub) ? sub.substr(1) : sub;
+    c->announceGap(t.sample, call.args[1].toInt(), who, "queue full");
+  };
   o.policy =
       options.isLive() ? detail::ZRDeliveryPolicy::DropOldest : detail::ZRDeliveryPolicy::Lossless;
   o.capacity = static_cast<std::size_t>(options.queueCapacity);
@@ -43,9 +55,9 @@ std::shared_ptr<ZRAudioLine> makeAudioLine(const std::string& deviceName,
                           const std::string& failure, std::int64_t heldBack) {
     char at[48] = "";
     const ZRValue* timestamp = item.args.size() == 4 ? &item.args[2] : nullptr;
-    if (timestamp && timestamp->isArray() && timestamp->getSize() == 2)
-      std::snprintf(at, sizeof at, " on the buffer at %.3f s",
-                    (*timestamp)[0].toInt() + (*timestamp)[1].toInt() / 1e6);
+    ZRAudioTimestamp t;
+    if (timestamp && ZRAudioTimestamp::read(*timestamp, t))
+      std::snprintf(at, sizeof at, " on the buffer at %.3f s", t.time());
     return name + ": \"processRemote\" of \"" + sub + "\" failed" + at + ": " + failure + " (" +
            std::to_string(heldBack) + " warnings held back)";
   };
@@ -65,28 +77,24 @@ void ZRAudioDevice::Core::setFormat(const ZRAudioFormat& f) {
   samplesPerBuffer = options.samplesPerBuffer.value_or(std::max(1, f.sampleRate / 10));
 }
 
-ZRValue ZRAudioDevice::Core::timestampOf(std::int64_t index) const {
-  const std::int64_t us = index * 1000000 / format.sampleRate;
-  ZRValue t;
-  t.arraySetSize(2);
-  t[0] = static_cast<int>(std::min<std::int64_t>(us / 1000000, INT_MAX));
-  t[1] = static_cast<int>(us % 1000000);
-  return t;
-}
-
-bool ZRAudioDevice::Core::publish(const ZRValue& buffer, std::size_t frames) {
-  int channels = 0;
+bool ZRAudioDevice::Core::publish(const ZRValue& buffer, std::size_t frames,
+                                  std::int64_t captureNs) {
+  int channels = 0, rate = 0;
   {
     std::lock_guard<std::mutex> lock(mutex);
     channels = format.channels;
+    rate = format.sampleRate;
   }
-  const ZRValue timestamp = timestampOf(position);
+  ZRAudioTimestamp t = ZRAudioTimestamp::at(position, rate);
+  t.monotonicNs = captureNs;
+  t.realtimeNs = zrRealtimeNs() - (zrMonotonicNs() - captureNs);
+  t.sequence = sequence++;
   position += static_cast<std::int64_t>(frames);
   recorder.record(buffer, frames, name);
-  return line->publish(
-      detail::ZRDelivery{"processRemote",
-                         {ZRValue(channels), ZRValue(static_cast<int>(frames)), timestamp, buffer}},
-      &stop);
+  return line->publish(detail::ZRDelivery{"processRemote",
+                                          {ZRValue(channels), ZRValue(static_cast<int>(frames)),
+                                           t.toValue(), buffer}},
+                       &stop);
 }
 
 }  // namespace ZR

@@ -7,10 +7,12 @@
 #include <sndfile.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
 #include <random>
+#include <utility>
 #include <vector>
 
 #include <vo/log.h>
@@ -309,7 +311,9 @@ class AlsaSource : public ZRAudioSource {
  public:
   AlsaSource(const ZRAudioDeviceOptions& options, const ZRAudioFormat& format,
              const std::string& module, const std::string& method)
-      : name_(options.path.empty() ? "default" : options.path), channels_(format.channels) {
+      : name_(options.path.empty() ? "default" : options.path),
+        channels_(format.channels),
+        rate_(format.sampleRate) {
     static const bool quiet = (snd_lib_error_set_handler(quietAlsaErrors), true);
     (void)quiet;
     int err = snd_pcm_open(&pcm_, name_.c_str(), SND_PCM_STREAM_CAPTURE, 0);
@@ -342,21 +346,54 @@ class AlsaSource : public ZRAudioSource {
         continue;
       }
       if (n == -EAGAIN) continue;
+      const std::int64_t lost = n == -EPIPE ? overrunFrames() : 0;
       const int err = snd_pcm_recover(pcm_, static_cast<int>(n), 1);
       if (err < 0)
         throw ZRError(kAudioDeviceServiceName, "read",
                       "microphone \"" + name_ + "\" failed: " + snd_strerror(err));
       VO_LOG(vo::LogLevel_Warning, kAudioDeviceCategory)
-          << "microphone \"" << name_ << "\" overran: samples were lost ("
+          << "microphone \"" << name_ << "\" overran: about " << lost << " samples were lost ("
           << snd_strerror(static_cast<int>(n)) << ")";
+      // What came before the overrun goes out on its own: a buffer's samples are contiguous.
+      pendingLoss_ += lost;
+      if (done > 0) break;
+      loss_ += std::exchange(pendingLoss_, 0);
     }
     return done;
   }
 
+  Loss takeLoss() override {
+    Loss l{loss_, "overrun"};
+    loss_ = std::exchange(pendingLoss_, 0);
+    return l;
+  }
+
  private:
+  // ALSA does not count what an overrun loses: the full ring it discards, plus the time from
+  // the overrun to the restart, at the nominal rate.
+  std::int64_t overrunFrames() {
+    snd_pcm_uframes_t ring = 0, period = 0;
+    snd_pcm_get_params(pcm_, &ring, &period);
+    snd_pcm_status_t* status = nullptr;
+    snd_pcm_status_alloca(&status);
+    std::int64_t frames = static_cast<std::int64_t>(ring);
+    if (snd_pcm_status(pcm_, status) == 0) {
+      snd_htimestamp_t since{}, now{};
+      snd_pcm_status_get_trigger_htstamp(status, &since);
+      snd_pcm_status_get_htstamp(status, &now);
+      const double seconds = static_cast<double>(now.tv_sec - since.tv_sec) +
+                             static_cast<double>(now.tv_nsec - since.tv_nsec) * 1e-9;
+      if (since.tv_sec > 0 && seconds > 0 && seconds < 3600)
+        frames += std::llround(seconds * rate_);
+    }
+    return frames;
+  }
+
   std::string name_;
   int channels_;
+  int rate_;
   snd_pcm_t* pcm_ = nullptr;
+  std::int64_t loss_ = 0, pendingLoss_ = 0;
 };
 
 }  // namespace

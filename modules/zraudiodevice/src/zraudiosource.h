@@ -31,7 +31,22 @@ class ZRAudioSource {
                            const std::atomic<bool>& stop) = 0;
   /// Sources with a clock of their own (a microphone) pace themselves.
   virtual bool isHardware() const { return false; }
+
+  /// Frames lost just before those the last read returned (an overrun), and why.
+  struct Loss {
+    std::int64_t frames = 0;
+    std::string reason;
+  };
+  /// The loss since the last call; none by default.
+  virtual Loss takeLoss() { return {}; }
 };
+
+/// Wraps `source` so that it drops the options' injected gaps, as an overrun would: the samples
+/// are read and thrown away, and reported by takeLoss with the reason "injected". Returns
+/// `source` itself when there are none.
+std::unique_ptr<ZRAudioSource> withInjectedGaps(std::unique_ptr<ZRAudioSource> source,
+                                                const ZRAudioDeviceOptions& options,
+                                                const ZRAudioFormat& format);
 
 /// The format a file source will deliver in, from the options and the file's own format. Returns
 /// false when the file cannot be opened (yet).

@@ -14,6 +14,7 @@
 
 #include <gtest/gtest.h>
 
+#include <zrcommon/zraudiotimestamp.h>
 #include <zrcommon/zrmodule.h>
 #include <zrtest.h>
 
@@ -22,6 +23,7 @@ namespace zrtest {
 struct Seen {
   int channels, samples, seconds, micros;
   const void* data;
+  ZR::ZRAudioTimestamp ts;
   long long at() const { return seconds * 1000000LL + micros; }
 };
 
@@ -44,7 +46,9 @@ class Sink : public ZR::ZRModule {
     int n = 0;
     {
       std::lock_guard<std::mutex> lock(mutex);
-      seen.push_back({channels, samples, timestamp[0].toInt(), timestamp[1].toInt(), p});
+      ZR::ZRAudioTimestamp ts;
+      ZR::ZRAudioTimestamp::read(timestamp, ts);
+      seen.push_back({channels, samples, timestamp[0].toInt(), timestamp[1].toInt(), p, ts});
       data.insert(data.end(), p, p + channels * samples);
       n = static_cast<int>(seen.size());
       h = hook;

@@ -71,7 +71,14 @@ TEST_F(RemoteSubscribersTest, AFileReachesAnotherHostOnceLosslesslyAndInOrder) {
     std::lock_guard<std::mutex> lock(s->mutex);
     EXPECT_EQ(s->data, samples);
     ASSERT_EQ(s->seen.size(), 300u);
-    for (std::size_t i = 0; i < s->seen.size(); ++i) EXPECT_EQ(s->seen[i].at(), i * 10000LL);
+    for (std::size_t i = 0; i < s->seen.size(); ++i) {
+      // The whole timestamp crosses the wire as the device wrote it.
+      EXPECT_EQ(s->seen[i].at(), i * 10000LL);
+      EXPECT_EQ(s->seen[i].ts.sample, static_cast<std::int64_t>(i) * 160);
+      EXPECT_EQ(s->seen[i].ts.sequence, static_cast<std::int64_t>(i));
+      EXPECT_EQ(s->seen[i].ts.monotonicNs, local->seen[i].ts.monotonicNs);
+      EXPECT_EQ(s->seen[i].ts.realtimeNs, local->seen[i].ts.realtimeNs);
+    }
   }
   // Sent once to the host: both of its modules read the very same received bytes.
   for (std::size_t i = 0; i < 300; ++i) EXPECT_EQ(a->seen[i].data, b->seen[i].data) << i;
@@ -111,6 +118,13 @@ TEST_F(RemoteSubscribersTest, ALiveSourceNeverWaitsForASlowHost) {
   ASSERT_TRUE(dev->waitForEndOfStream(20000));
   std::lock_guard<std::mutex> lock(slow->mutex);
   EXPECT_LT(slow->seen.size(), 100u);
+  // Across the wire too, a buffer says where it sits: its sequence tells what was dropped.
+  for (std::size_t i = 1; i < slow->seen.size(); ++i) {
+    EXPECT_GT(slow->seen[i].ts.sequence, slow->seen[i - 1].ts.sequence);
+    EXPECT_EQ(slow->seen[i].ts.sample, slow->seen[i].ts.sequence * 160);
+  }
+  EXPECT_EQ(slow->seen.back().ts.sequence + 1,
+            static_cast<std::int64_t>(slow->seen.size()) + dev->getDroppedBufferCount("Slow"));
   for (std::size_t i = 1; i < slow->seen.size(); ++i)
     EXPECT_LT(slow->seen[i - 1].at(), slow->seen[i].at());
   EXPECT_EQ(slow->seen.back().at(), 99 * 10000LL);  // the newest is never the one dropped

@@ -50,6 +50,16 @@ struct ZRAudioDeviceOptions {
   int queueCapacity = 32;
   /// Synthetic sources end after this many seconds; unset: they never end.
   std::optional<double> durationSeconds;
+  /// Samples dropped on purpose, as a capture overrun would drop them: `samples` samples per
+  /// channel at stream position `at` (any source). For tests and drills of loss handling.
+  struct InjectedGap {
+    std::int64_t at = 0;
+    std::int64_t samples = 0;
+  };
+  std::vector<InjectedGap> injectedGaps;
+  /// A source paced by the device (not a microphone) runs this many parts per million fast
+  /// (positive) or slow, as a sound card's clock would; at most 100000 either way.
+  double clockSkewPpm = 0.0;
   /// As if hold() were called before every start: the first subscriber opens the source, but
   /// nothing is delivered before the host calls release(), so that several subscribers all get
   /// a file from its first sample.
@@ -75,14 +85,41 @@ struct ZRAudioDeliveryStats {
   std::int64_t mostQueued = 0;  ///< the most buffers that waited for it at once
 };
 
+/// One subscriber's delivery latency: from the capture of a buffer's first sample to the start of
+/// the subscriber's "processRemote", over its last 1000 deliveries (subscribers
+/// in this process only: another host's deliveries start there).
+struct ZRAudioLatency {
+  double p50Ms = 0, p99Ms = 0, maxMs = 0;
+  std::int64_t count = 0;  ///< deliveries measured since the device was created
+};
+
+/// The source's real sample rate against the host's monotonic clock, over the current run of a
+/// live source: `ppm` off the nominal rate, with its standard error. Not `known` before a few
+/// buffers, nor for a source that is not live.
+struct ZRAudioDrift {
+  bool known = false;
+  double ppm = 0, uncertaintyPpm = 0;
+  std::int64_t points = 0;  ///< buffers the estimate rests on
+};
+
 /// The audio device module, registered as "ZRAudioDevice". It captures from its source on a
 /// thread of its own while it has subscribers, and delivers each buffer to every subscriber's
-/// "processRemote"(int channels, int samplesPerChannel, ZRValue [seconds, microseconds] of the
-/// first sample, ZRValue binary of interleaved native-endian int16), in order, on the
-/// subscriber's own strand of the broker's pool. The binary block of a buffer is filled once and
-/// shared by every subscriber. Timestamps count from the first sample of the stream, for every
-/// source (results read as times into the input, and fit a float), and always advance by exactly
-/// the samples delivered.
+/// "processRemote"(int channels, int samplesPerChannel, ZRValue timestamp, ZRValue binary of
+/// interleaved native-endian int16), in order, on the subscriber's own strand of the broker's
+/// pool. The binary block of a buffer is filled once and shared by every subscriber.
+///
+/// The timestamp (zrcommon/zraudiotimestamp.h, docs/timestamps.md) starts with [seconds,
+/// microseconds] from the first sample of the stream, for every source (results read as times
+/// into the input, and fit a float), then gives the 64-bit index of the buffer's first sample in
+/// the stream, its capture time on the host's monotonic and real-time clocks in ns, and the
+/// buffer's sequence number. Positions are honest: samples lost at capture (an overrun, or an
+/// injected gap) advance the position by as many samples, and a subscriber that misses buffers
+/// sees the sequence jump.
+///
+/// Every loss is counted and announced through the memory service as the event
+/// "ZRAudioDevice/Gap" (zrservicenames.h), whose value is a record [["start", position],
+/// ["samples", n], ["cause", "capture" or the subscriber's name], ["reason", text], ["time",
+/// seconds]]: a position is an int, or [high, low] past 32 bits (zrReadSample).
 ///
 /// A live source never waits: each subscriber has a bounded queue whose oldest buffer is dropped
 /// (counted, and warned about) when it overflows. Other sources wait for the slowest subscriber
@@ -121,6 +158,14 @@ class ZRAudioDevice : public ZRModule {
   int getDroppedBufferCount(const std::string& module);
   bool isEndOfStream();
   std::string getSourceDescription();
+  /// [p50, p99, max] delivery latency in ms (floats) and the deliveries measured (int) of a
+  /// module; ZRError for a module that never subscribed.
+  ZRValue getLatency(const std::string& module);
+  /// [ppm, uncertainty in ppm] (floats) and the buffers it rests on (int); an empty array while
+  /// unknown.
+  ZRValue getDrift();
+  /// Samples per channel lost at capture since the device was created (clamped to an int).
+  int getLostSampleCount();
   /// Writes every buffer delivered from now on to a 16-bit WAV file. ZRError when already
   /// recording or when the file cannot be created.
   void startRecording(const std::string& path);
@@ -135,6 +180,10 @@ class ZRAudioDevice : public ZRModule {
   // Host side.
   const ZRAudioDeviceOptions& options() const { return options_; }
   ZRAudioDeliveryStats getDeliveryStats(const std::string& module);
+  /// False when `module` never had a delivery measured here.
+  bool getLatencyFigures(const std::string& module, ZRAudioLatency& out);
+  ZRAudioDrift getDriftEstimate();
+  std::int64_t lostSamples();
   /// True while the capture thread runs.
   bool isCapturing();
   /// Waits until the producer (capture thread or deliver) is held back by a subscriber's full

@@ -4,6 +4,8 @@
 
 #include "memorycore.h"
 
+#include <zrcommon/zrservicenames.h>
+
 #include <algorithm>
 #include <climits>
 
@@ -30,8 +32,16 @@ std::string heldBack(std::int64_t suppressed) {
   return suppressed > 0 ? " (" + std::to_string(suppressed) + " similar warnings held back)" : "";
 }
 
-std::shared_ptr<EventLine> makeEventLine(const std::string& name, int capacity) {
+template <class Dropped>
+std::shared_ptr<EventLine> makeEventLine(const std::string& name, int capacity,
+                                         const std::shared_ptr<Dropped>& dropped) {
   EventLine::Options o;
+  o.onDrop = [dropped](const std::string& sub, const ZRDelivery& call) {
+    if (call.args.empty() || !call.args[0].isString()) return;
+    std::lock_guard<std::mutex> lock(dropped->mutex);
+    dropped->pending.emplace_back(sub, call.args[0].toStringRef());
+    dropped->any = true;
+  };
   o.policy = ZRDeliveryPolicy::DropOldest;  // raiseEvent never waits for a subscriber
   o.capacity = static_cast<std::size_t>(capacity);
   o.batch = kDrainBatch;
@@ -69,7 +79,7 @@ MemoryCore::MemoryCore(const std::string& name, const boost::shared_ptr<ZRBroker
       session_(broker->session()),
       capacity_(queueCapacity),
       restarts_(broker->makeStrand()),
-      line_(makeEventLine(name, queueCapacity)) {}
+      line_(makeEventLine(name, queueCapacity, dropped_)) {}
 
 void MemoryCore::fail(const char* operation, const std::string& description) const {
   throw ZRError(name_, operation, description);
@@ -190,6 +200,18 @@ void MemoryCore::checkRaiser(const std::string& event, const ZRCaller& from) {
                          " may not raise it");
 }
 
+bool MemoryCore::eventLatency(const std::string& event, detail::ZRLatencyFigures& out) {
+  std::shared_ptr<detail::ZRLatencyWindow> window;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    auto it = events_.find(event);
+    if (it == events_.end() || !it->second.latency) return false;
+    window = it->second.latency;
+  }
+  out = window->figures();
+  return true;
+}
+
 void MemoryCore::raiseEvent(const std::string& event, const ZRValue& value) {
   requireName("raiseEvent", "the event name", event);
   if (const ZRCaller* from = ZRCaller::current()) checkRaiser(event, *from);
@@ -201,12 +223,43 @@ void MemoryCore::raiseEvent(const std::string& event, const ZRValue& value) {
     data_[event] = value;
     EventRecord& record = events_[event];
     ++record.raised;
+    if (const std::int64_t captured = detail::zrCurrentCaptureNs()) {
+      if (!record.latency) record.latency = std::make_shared<detail::ZRLatencyWindow>();
+      record.latency->add(detail::zrMonotonicNs() - captured);
+    }
     for (const Subscription& s : record.subscriptions)
       line_->push(s.subscriber,
                   ZRDelivery{s.callback, {ZRValue(event), value, ZRValue(s.subscriber)}}, nullptr,
                   &warnings);
   }
   for (const auto& w : warnings) zrDeliveryWarn(kCategory, "raiseEvent", w);
+  announceDrops();
+}
+
+void MemoryCore::announceDrops() {
+  if (!dropped_->any.load()) return;
+  std::vector<std::pair<std::string, std::string>> drops;
+  {
+    std::lock_guard<std::mutex> lock(dropped_->mutex);
+    drops.swap(dropped_->pending);
+    dropped_->any = false;
+  }
+  for (const auto& [subscriber, event] : drops) {
+    // An announcement that was dropped itself is counted, not announced: no cascade.
+    if (event == kEventDroppedEvent) continue;
+    ZRValue record;
+    record.arraySetSize(3);
+    const std::pair<const char*, ZRValue> fields[] = {
+        {"subscriber", ZRValue(subscriber)},
+        {"event", ZRValue(event)},
+        {"dropped", ZRValue(getDroppedEventCount(subscriber))}};
+    for (int i = 0; i < 3; ++i) {
+      record[i].arraySetSize(2);
+      record[i][0] = fields[i].first;
+      record[i][1] = fields[i].second;
+    }
+    raiseEvent(kEventDroppedEvent, record);
+  }
 }
 
 std::vector<std::string> MemoryCore::getEventList() {

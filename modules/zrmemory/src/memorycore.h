@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -19,6 +20,7 @@
 #include <vo/session.h>
 #include <zrcommon/detail/zrcaller.h>
 #include <zrcommon/detail/zrdeliveryline.h>
+#include <zrcommon/detail/zrlatencywindow.h>
 #include <zrcommon/detail/zrstream.h>
 #include <zrcommon/zrbroker.h>
 #include <zrcommon/zrproxy.h>
@@ -50,6 +52,8 @@ struct EventRecord {
   std::string producer;
   std::vector<Subscription> subscriptions;
   std::int64_t raised = 0;  // since the service started
+  // From the capture of the sound it was raised from, when raised during a delivery of it.
+  std::shared_ptr<detail::ZRLatencyWindow> latency;
 };
 
 /// Whether one subscriber is subscribed to one producer. `serial` is held across the call to
@@ -76,6 +80,8 @@ class MemoryCore : public std::enable_shared_from_this<MemoryCore> {
 
   void declareEvent(const std::string& event, const std::string& producer);
   void raiseEvent(const std::string& event, const ZRValue& value);
+  /// Raises kEventDroppedEvent for each event dropped since the last call.
+  void announceDrops();
   void subscribeToEvent(const std::string& event, const std::string& module,
                         const std::string& callbackMethod);
   void unsubscribeToEvent(const std::string& event, const std::string& module);
@@ -84,6 +90,8 @@ class MemoryCore : public std::enable_shared_from_this<MemoryCore> {
   std::vector<std::string> getSubscribers(const std::string& event);
   int getDroppedEventCount(const std::string& module);
   int getRaisedEventCount(const std::string& event);
+  /// False when `event` was never raised from a buffer of sound delivered in this process.
+  bool eventLatency(const std::string& event, detail::ZRLatencyFigures& out);
 
   int queueCapacity() const { return capacity_; }
   bool waitForDeliveries(std::chrono::milliseconds timeout);
@@ -158,6 +166,13 @@ class MemoryCore : public std::enable_shared_from_this<MemoryCore> {
   // Serialises those restarts on the pool, away from the thread that registers the producer.
   ZRStrand restarts_;
   // The callbacks' queues; its lock nests inside mutex_.
+  // Events the line dropped, announced once the core's mutex is free.
+  struct Dropped {
+    std::atomic<bool> any{false};  // raises look here before they take the lock
+    std::mutex mutex;
+    std::vector<std::pair<std::string, std::string>> pending;  // subscriber, event
+  };
+  const std::shared_ptr<Dropped> dropped_ = std::make_shared<Dropped>();
   const std::shared_ptr<EventLine> line_;
 };
 

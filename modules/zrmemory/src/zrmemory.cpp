@@ -1,5 +1,8 @@
 #include "zrmemory/zrmemory.h"
 
+#include <algorithm>
+#include <climits>
+
 #include "memorycore.h"
 
 namespace ZR {
@@ -98,6 +101,17 @@ ZRMemory::ZRMemory(boost::shared_ptr<ZRBroker> broker, const std::string& name, 
   addParam("event", "Name of the event.");
   setReturn("raised", "Times it was raised since the service started; 0 for an unknown event.");
   bindMethod(&ZRMemory::getRaisedEventCount);
+
+  functionName("getEventLatency", kClassName,
+               "Gives how late an event is: from the capture of the sound it was raised from to "
+               "the raise, over its last 1000 raises (raises during a delivery of sound to a "
+               "module of this host only).",
+               0);
+  addParam("event", "Name of the event.");
+  setReturn("latency",
+            "[p50, p99, max] in milliseconds (floats) and the raises measured (int); empty when "
+            "none was.");
+  bindMethod(&ZRMemory::getEventLatency);
 }
 
 ZRMemory::~ZRMemory() {
@@ -152,6 +166,21 @@ std::vector<std::string> ZRMemory::getSubscribers(const std::string& event) {
 
 int ZRMemory::getRaisedEventCount(const std::string& event) {
   return core_->getRaisedEventCount(event);
+}
+
+ZRValue ZRMemory::getEventLatency(const std::string& event) {
+  detail::ZRLatencyFigures f;
+  ZRValue v;
+  if (!core_->eventLatency(event, f)) {
+    v.arraySetSize(0);
+    return v;
+  }
+  v.arraySetSize(4);
+  v[0] = static_cast<float>(f.p50Ms);
+  v[1] = static_cast<float>(f.p99Ms);
+  v[2] = static_cast<float>(f.maxMs);
+  v[3] = static_cast<int>(std::min<std::int64_t>(f.count, INT_MAX));
+  return v;
 }
 
 int ZRMemory::getDroppedEventCount(const std::string& module) {

@@ -81,6 +81,10 @@ class ZRMemory : public ZRModule {
   /// Times `event` was raised since the service started (0 for an unknown event): a rate for
   /// tools, from two readings.
   int getRaisedEventCount(const std::string& event);
+  /// [p50, p99, max] ms and the count of the delays from the capture of the sound an event was
+  /// raised from to its raise, when raised while this process delivered that sound; empty
+  /// otherwise.
+  ZRValue getEventLatency(const std::string& event);
 
   // Host side, not remote.
   int getQueueCapacity() const;

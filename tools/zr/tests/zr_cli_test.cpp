@@ -86,6 +86,53 @@ TEST(ZrRun, JsonLinesAndCsvCarryLevelsAndSegments) {
   EXPECT_EQ(count(csv, "SoundLevel,Levels,"), 21);  // 10.17 s in 500 ms windows, tail too
 }
 
+TEST(ZrRun, GapsAreLinesOfTheirOwnAndEveryResultSaysWhereItsWindowStarts) {
+  const std::string err = kTemp + "gaps.err";
+  const auto [status, out] =
+      shell(kZr + " run " + kSample + " -f jsonl --inject-gap 16000:800 --inject-gap 40000:3200" +
+            " 2>" + err);
+  ASSERT_EQ(status, 0) << out;
+  std::vector<nlohmann::ordered_json> gaps;
+  std::vector<std::int64_t> windows;
+  for (const std::string& line : lines(out)) {
+    const auto o = nlohmann::ordered_json::parse(line);
+    if (o["event"] == "Gap") {
+      gaps.push_back(o);
+      continue;
+    }
+    ASSERT_TRUE(o.contains("sample")) << line;
+    const std::int64_t sample = o["sample"];
+    if (o.contains("time")) {
+      EXPECT_NEAR(o["time"].get<double>(), sample / 16000.0, 1e-4) << line;
+    }
+    if (o["event"] == "Levels") windows.push_back(sample);
+  }
+  ASSERT_EQ(gaps.size(), 2u) << out;
+  EXPECT_EQ(gaps[0].dump(),
+            R"({"event":"Gap","start":16000,"samples":800,"cause":"capture","reason":"injected",)"
+            R"("time":1.0})");
+  EXPECT_EQ(gaps[1]["start"], 40000);
+  EXPECT_EQ(gaps[1]["samples"], 3200);
+  // 100 ms windows of delivered sound: the window after each gap starts where the sound resumes.
+  std::vector<std::int64_t> steps;
+  for (std::size_t i = 1; i < windows.size(); ++i)
+    if (windows[i] - windows[i - 1] != 1600) steps.push_back(windows[i] - windows[i - 1]);
+  EXPECT_EQ(steps, (std::vector<std::int64_t>{2400, 4800}));
+  // One warning for the burst; the second gap, right behind it, is counted in the last line.
+  const std::string warnings = readFile(err);
+  EXPECT_EQ(count(warnings,
+                  "zr: warning: 800 samples lost at sample 16000 (1.000 s), at capture: "
+                  "injected"),
+            1)
+      << warnings;
+  EXPECT_EQ(count(warnings, "samples lost") + count(warnings, "more gap(s) of 3200 samples"), 2)
+      << warnings;
+
+  const auto bad = shell(kZr + " run " + kSample + " --inject-gap 100", true);
+  EXPECT_EQ(bad.first, 2);
+  EXPECT_NE(bad.second.find("wants AT:N"), std::string::npos) << bad.second;
+}
+
 TEST(ZrRun, OutputFileAndPlotsWhateverTheNames) {
   // Names that a shell or gnuplot would run commands from: nothing may run, the plot is drawn.
   const std::string dir = kTemp + "plotdir", name = "`touch ran1`$(touch ran2)\"'.wav",

@@ -315,8 +315,9 @@ TEST(ZrNet, TheDocumentedStepsWorkAsPasted) {
   const auto misspelt = sh(kRun + " watch SoundLevel/Level" + d);
   EXPECT_EQ(misspelt.first, 1);
   EXPECT_NE(misspelt.second.find("zr: error: no module declares the event \"SoundLevel/Level\" "
-                                 "(known: SoundLevel/Levels, SoundLevel/ThresholdCrossed); check "
-                                 "its name, or give --wait to wait for a producer"),
+                                 "(known: SoundLevel/Levels, SoundLevel/ThresholdCrossed, "
+                                 "ZRAudioDevice/Gap); check its name, or give --wait to wait for "
+                                 "a producer"),
             std::string::npos)
       << misspelt.second;
   const auto waiting = sh(kRun + " watch Later/Event --wait --duration 0.2" + d);
