@@ -180,8 +180,8 @@ TEST(MicArray, ShapesFilesAndRefusals) {
   EXPECT_EQ(tetra.kind(), ZR::ZRMicArray::Kind::Volumetric);
   EXPECT_EQ(ZR::ZRMicArray::parse(tetra.toJson()).mics(), tetra.mics());
 
-  auto refused = [](const std::string& spec) {
-    return zrtest::errorOf([&] { ZR::ZRMicArray::parse(spec); }).getDescription();
+  auto refused = [](const std::string& shape) {
+    return zrtest::errorOf([&] { ZR::ZRMicArray::parse(shape); }).getDescription();
   };
   EXPECT_NE(refused("triangle3-r20mm").find("circularN-rXmm"), std::string::npos);
   EXPECT_NE(refused("/nonexistent/array.json").find("cannot read"), std::string::npos);

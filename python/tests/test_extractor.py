@@ -401,7 +401,7 @@ def test_example_in_a_pipeline_with_the_cpp_device_and_sound_level(start_host, t
     data[16000:17600, 1] = 0  # one silent buffer: centroid 0, level at the floor
     write_wav(tmp_path / "in.wav", data)
     host = start_host("--memory", "--device", str(tmp_path / "in.wav"), "-e", "SoundLevel")
-    example = HERE.parents[1] / "examples" / "python" / "spectral_centroid.py"
+    example = HERE.parents[1] / "examples" / "python" / "centroid.py"
     start_host(str(example), join=host.directory, python=True)
     run = zr_tool("run", "--directory", host.directory, "-e", "SoundLevel", "-e",
                   "SpectralCentroid", "-f", "jsonl", directory=host.directory)

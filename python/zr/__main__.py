@@ -2,7 +2,7 @@
 ZR network, until SIGINT or SIGTERM."""
 
 import argparse
-import importlib.util
+import importlib.machinery
 import inspect
 import logging
 import os
@@ -10,6 +10,7 @@ import pathlib
 import signal
 import sys
 import threading
+import types
 
 from ._client import Client
 from ._errors import ZRError
@@ -80,12 +81,13 @@ def load_extractors(path):
     file = pathlib.Path(path)
     if not file.is_file():
         raise _Exit(FAILURE, "%s: no such file" % path)
-    spec = importlib.util.spec_from_file_location(
-        "zr_hosted_" + "".join(c if c.isalnum() else "_" for c in file.stem), file)
-    module = importlib.util.module_from_spec(spec)
+    name = "zr_hosted_" + "".join(c if c.isalnum() else "_" for c in file.stem)
+    loader = importlib.machinery.SourceFileLoader(name, str(file))
+    module = types.ModuleType(name)
+    module.__file__ = str(file)
     sys.path.insert(0, str(file.resolve().parent))  # the file's own imports beside it
     try:
-        spec.loader.exec_module(module)
+        loader.exec_module(module)
     except Exception as e:
         raise _Exit(FAILURE, "%s: %s: %s" % (path, type(e).__name__, e)) from None
     defined = [c for c in vars(module).values()
