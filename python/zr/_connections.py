@@ -26,8 +26,7 @@ def now():
     return time.monotonic()
 
 
-class _Pending(collections.namedtuple("_Pending", "future module method expires")):
-    """A call waiting for its answer."""
+_Pending = collections.namedtuple("_Pending", "future module method expires")  # a call's wait
 
 
 class _OutPeer:
@@ -37,8 +36,7 @@ class _OutPeer:
         self.sock = sock
         self.endpoint = endpoint
         self.opened = now()
-        self.last_heard = None
-        self.heartbeat = None
+        self.last_heard = self.heartbeat = None
         self.pending = {}
 
 
@@ -46,8 +44,7 @@ class _InPeer:
     """A host that connected to our ROUTER."""
 
     def __init__(self):
-        self.last_heard = now()
-        self.heartbeat = None
+        self.last_heard, self.heartbeat = now(), None
 
 
 class Connections:
@@ -270,8 +267,7 @@ class Connections:
             self._poller.register(r, zmq.POLLIN)
             self._monitor = r.get_monitor_socket(zmq.EVENT_ACCEPTED | zmq.EVENT_DISCONNECTED)
             self._poller.register(self._monitor, zmq.POLLIN)
-            # Hosts called before now know this client without an endpoint: told it again, so
-            # that they take it for the host of the modules it is about to publish.
+            # Hosts called before knew no endpoint of ours: hello again, as our modules' host.
             for peer in self._out.values():
                 self._send(peer.sock, self._hello())
         f.set_result(self.endpoint)
