@@ -1,9 +1,14 @@
 #include "remote.h"
 
+#include <netdb.h>
+#include <poll.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
@@ -40,6 +45,50 @@ std::vector<std::string> keyLines(const std::string& path) {
 
 bool isTransportFailure(const ZR::ZRError& e) {
   return e.getDescription() == "deadline exceeded" || e.getDescription() == "module destroyed";
+}
+
+// Whether anything accepts a connection at a tcp:// or ipc:// address: a directory that did not
+// answer, although its port is open, refused this client's keys (or lacks them) rather than
+// not running at all.
+bool somethingListens(const std::string& address) {
+  int fd = -1;
+  if (address.rfind("ipc://", 0) == 0) {
+    sockaddr_un a{};
+    a.sun_family = AF_UNIX;
+    const std::string path = address.substr(6);
+    if (path.size() >= sizeof a.sun_path) return false;
+    path.copy(a.sun_path, path.size());
+    fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const bool ok = fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+    if (fd >= 0) close(fd);
+    return ok;
+  }
+  const std::size_t colon = address.rfind(':');
+  if (address.rfind("tcp://", 0) != 0 || colon == std::string::npos || colon < 6) return false;
+  std::string host = address.substr(6, colon - 6);
+  if (host.size() > 1 && host.front() == '[') host = host.substr(1, host.size() - 2);
+  addrinfo hints{}, *found = nullptr;
+  hints.ai_socktype = SOCK_STREAM;
+  if (getaddrinfo(host == "*" ? "127.0.0.1" : host.c_str(), address.substr(colon + 1).c_str(),
+                  &hints, &found) != 0)
+    return false;
+  bool ok = false;
+  for (addrinfo* a = found; a && !ok; a = a->ai_next) {
+    fd = socket(a->ai_family, a->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, a->ai_protocol);
+    if (fd < 0) continue;
+    if (connect(fd, a->ai_addr, a->ai_addrlen) == 0) {
+      ok = true;
+    } else if (errno == EINPROGRESS) {
+      pollfd p{fd, POLLOUT, 0};
+      int error = 0;
+      socklen_t size = sizeof error;
+      ok = poll(&p, 1, 1000) == 1 && getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 &&
+           error == 0;
+    }
+    close(fd);
+  }
+  freeaddrinfo(found);
+  return ok;
 }
 
 ZR::ZRValue fromJson(const nlohmann::json& j) {
@@ -210,6 +259,7 @@ DirectoryView::DirectoryView(const ZR::ZRBrokerOptions& o) : address_(o.director
   t.curvePublicKey = o.curvePublicKey;
   t.curveSecretKey = o.curveSecretKey;
   serverKey_ = o.directoryPublicKey;
+  withKeys_ = !serverKey_.empty() || !o.curveSecretKey.empty();
   // Nothing comes in: there is no listener, and no peer-lost listener.
   ZR::ZRTransportExecutors nothing;
   nothing.post = [](std::function<void()>) {};
@@ -237,8 +287,18 @@ void DirectoryView::refresh() {
         {ZR::ZRValue("zr-" + std::to_string(getpid())), ZR::ZRValue(""), ZR::ZRValue(0)}, o);
   } catch (const ZR::ZRError& e) {
     if (!isTransportFailure(e)) throw;
-    throw NoDirectory("no directory answers at " + address_ +
-                      " (start one with zr host, or give --directory or ZR_DIRECTORY)");
+    if (!somethingListens(address_))
+      throw NoDirectory("no directory answers at " + address_ +
+                        " (start one with zr host, or give --directory or ZR_DIRECTORY)");
+    if (withKeys_)
+      throw NoDirectory("the directory at " + address_ +
+                        " refused this client or did not complete the secure handshake: check "
+                        "that --server-key is the public key of its hosts and that the public "
+                        "key of this client's --curve-keys pair is on their --allow list");
+    throw NoDirectory("something listens at " + address_ +
+                      " but does not answer as a directory: if its hosts use keys, give "
+                      "--curve-keys (a pair whose public key is on their --allow list) and "
+                      "--server-key");
   }
   entries_.clear();
   if (reply.isArray() && reply.getSize() == 4 && reply[3].isArray())

@@ -91,6 +91,7 @@ class DirectoryView {
 
  private:
   std::string address_, serverKey_;
+  bool withKeys_ = false;  // this client speaks CURVE
   std::unique_ptr<ZR::ZRTransport> transport_;
   std::vector<ZR::ZRDirectoryEntry> entries_;
 };
