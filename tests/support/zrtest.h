@@ -59,9 +59,9 @@ class Signal {
     changed_.notify_all();
   }
   // Until the count reaches `count`; false after kWaitLimit.
-  bool waitFor(int count = 1) const {
+  bool waitFor(int count = 1, std::chrono::milliseconds limit = kWaitLimit) const {
     std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, kWaitLimit, [&] { return count_ >= count; });
+    return changed_.wait_for(lock, limit, [&] { return count_ >= count; });
   }
 
  private:
