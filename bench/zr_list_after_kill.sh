@@ -4,21 +4,8 @@
 # dead; it never waits on them).
 #
 #   bench/zr_list_after_kill.sh [path/to/zr] [runs]   (default: build-bench/tools/zr/zr, 5 runs)
-set -euo pipefail
-cd "$(dirname "$0")/.."
-zr=${1:-build-bench/tools/zr/zr}
+source "$(dirname "$0")/zr_network.sh"
 runs=${2:-5}
-[ -x "$zr" ] || { echo "no zr at $zr: ./setup.sh bench builds one" >&2; exit 1; }
-port=$((20000 + RANDOM % 20000))
-export ZR_DIRECTORY=tcp://127.0.0.1:$port
-work=$(mktemp -d)
-hosts=()
-cleanup() {
-  for h in "${hosts[@]}"; do kill "$h" 2>/dev/null || true; done
-  wait 2>/dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
 "$zr" host --name directory --serve-directory -e SoundLevel --log-level error >/dev/null 2>&1 &
 hosts+=($!)
 for run in $(seq "$runs"); do

@@ -6,23 +6,10 @@
 # windows the one-process run prints.
 #
 #   bench/zr_run_remote_speed.sh [path/to/zr] [runs]   (default: build-bench/tools/zr/zr, 3 runs)
-set -euo pipefail
-cd "$(dirname "$0")/.."
-zr=${1:-build-bench/tools/zr/zr}
+source "$(dirname "$0")/zr_network.sh"
 runs=${2:-3}
-[ -x "$zr" ] || { echo "no zr at $zr: ./setup.sh bench builds one" >&2; exit 1; }
 input=${TMPDIR:-/tmp}/zr_bench_10min_4ch.wav
 [ -f "$input" ] || sox -R -n -r 16000 -c 4 -b 16 "$input" synth 600 pinknoise vol 0.3
-work=$(mktemp -d)
-port=$((20000 + RANDOM % 20000))
-export ZR_DIRECTORY=tcp://127.0.0.1:$port
-hosts=()
-cleanup() {
-  for h in "${hosts[@]}"; do kill "$h" 2>/dev/null || true; done
-  wait 2>/dev/null || true
-  rm -rf "$work"
-}
-trap cleanup EXIT
 
 "$zr" host --name device --serve-directory --memory --device "$input" --log-level error \
   >"$work/device.log" 2>&1 &
