@@ -238,6 +238,9 @@ void ZRBroker::shutdown() {
   }
   // Remote calls still pending fail with "module destroyed"; calls from other hosts stop coming.
   if (impl_->transport) impl_->transport->shutdown();
+  // So do the messages of streams whose credits will never come now, letting go of what waits
+  // for them (a delivery line that holds the stream holds itself through them).
+  impl_->forEachStream([](detail::ZRStreamSender& s) { s.close(); });
   std::shared_ptr<PoolHolder> pool;
   {
     std::lock_guard<std::mutex> lock(impl_->poolMutex);

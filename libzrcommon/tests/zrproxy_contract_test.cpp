@@ -17,6 +17,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <zrcommon/detail/zrstream.h>
 #include <zrcommon/zrbroker.h>
 #include <zrcommon/zrfunctor.h>
 #include <zrcommon/zrmodule.h>
@@ -263,6 +264,25 @@ TEST_F(RemoteProxy, DeadlinesNamesOfOtherHostsAndShutdown) {
   ASSERT_TRUE(removed.waitFor());
   EXPECT_EQ(fieldsOf(errorOf([&] { p->call<int>("scale", 1); })), "Shapes|scale|module destroyed");
   b.caller->shutdown();
+}
+
+// A host that shuts down fails what its streams still wait for: a delivery line waiting on a
+// credit holds itself through the stream, and would otherwise never be let go.
+TEST_F(RemoteProxy, AShutdownFailsWhatItsStreamsWaitFor) {
+  this->make("Shapes");
+  std::shared_ptr<ZR::detail::ZRStreamSender> stream =
+      ZR::detail::openStream(*b.caller, b.host->endpoint(), "test");
+  ASSERT_TRUE(stream);
+  std::promise<std::string> failure;
+  stream->send("Shapes", "hold", {}, true, [&](const ZR::ZRError* e) {
+    failure.set_value(e ? e->getDescription() : "answered");
+  });
+  ASSERT_TRUE(module->holding.waitFor());
+  b.caller->shutdown();
+  std::future<std::string> f = failure.get_future();
+  ASSERT_EQ(f.wait_for(zrtest::kWaitLimit), std::future_status::ready);
+  EXPECT_EQ(f.get(), "module destroyed");
+  module->released.set_value(true);
 }
 
 // True when the binary of `v` lies inside the ZeroMQ message that owns it, as a received
