@@ -338,8 +338,8 @@ void ZRBroker::startNetwork(const ZRBrokerOptions& options) {
   impl->transport = std::make_shared<ZRTransport>(t, handler, executors);
   const std::string directory =
       options.serveDirectory ? impl->transport->endpoint() : options.directory;
-  // A CURVE deployment: every host listens with the directory's key pair (the directory's own
-  // when it serves it), so the directory's public key is every host's server key.
+  // A CURVE deployment: hosts listen with the directory's key pair (the directory's own when it
+  // serves it), so the directory's public key is the server key of a host known by no other.
   const std::string serverKey = options.directoryPublicKey.empty() && options.serveDirectory
                                     ? options.curvePublicKey
                                     : options.directoryPublicKey;
@@ -350,7 +350,11 @@ void ZRBroker::startNetwork(const ZRBrokerOptions& options) {
   auto apply = [impl, self, serverKey](const ZRDirectoryEntry& e, bool added) {
     if (e.endpoint == self) return;  // our own names, already local
     if (e.name == kMemoryServiceName) impl->memoryListed(added ? e.endpoint : std::string());
-    if (added && !serverKey.empty()) impl->transport->setServerKey(e.endpoint, serverKey);
+    // A host listens with the key pair it connects with, which its publishing connection proved
+    // to the directory: a client with a pair of its own (events come back to it) is reached
+    // with its key, not the hosts'.
+    if (added && !serverKey.empty())
+      impl->transport->setServerKey(e.endpoint, e.key.empty() ? serverKey : e.key);
     if (added)
       impl->session->addRemoteService(e.name, {e.host, e.endpoint});
     else

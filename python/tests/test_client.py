@@ -3,6 +3,7 @@
 import json
 import signal
 import struct
+import subprocess
 import threading
 import time
 
@@ -10,7 +11,7 @@ import pytest
 import zmq
 
 import zr
-from conftest import SAMPLE, wait_heartbeats, wait_until, zr_tool
+from conftest import SAMPLE, ZR_BINARY, wait_heartbeats, wait_until, zr_tool
 
 
 def fields(err):
@@ -185,6 +186,29 @@ def test_event_stream_from_a_running_pipeline(start_host):
     assert c.name not in memory.getSubscribers("SoundLevel/Levels")
     wait_until(lambda: level.getSubscribersInfo() == [], what="SoundLevel to stop")
     observer.close()
+
+
+def test_events_reach_a_client_with_a_key_pair_of_its_own(start_host, tmp_path):
+    # As the networking guide sets keys up: one pair for the hosts, one for the client.
+    for name in ("hosts", "alice"):
+        subprocess.run([ZR_BINARY, "keygen", str(tmp_path / name)], check=True,
+                       capture_output=True)
+    (tmp_path / "allow").write_text((tmp_path / "hosts.pub").read_text() +
+                                    (tmp_path / "alice.pub").read_text())
+    host = start_host("--memory", "--device", SAMPLE, "-e", "SoundLevel", "--curve-keys",
+                      str(tmp_path / "hosts.key"), "--allow", str(tmp_path / "allow"))
+    c = zr.connect(host.directory, curve_keys=str(tmp_path / "alice.key"),
+                   server_key=str(tmp_path / "hosts.pub"))
+    got, enough = [], threading.Event()
+
+    def on_levels(event, value):
+        got.append(value)
+        if len(got) >= 3:
+            enough.set()
+
+    c.watch("SoundLevel/Levels", on_levels)
+    assert enough.wait(120), "events stopped after %d" % len(got)
+    c.close()
 
 
 def test_pings_keep_a_waiting_caller(start_host):

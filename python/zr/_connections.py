@@ -13,6 +13,7 @@ import threading
 import time
 
 import zmq
+from zmq.auth.thread import ThreadAuthenticator
 
 from . import _wire as w
 from ._errors import ZRError
@@ -47,6 +48,16 @@ class _InPeer:
         self.last_heard, self.heartbeat = now(), None
 
 
+class _AllowList:
+    """The client keys (Z85) a CURVE listener admits."""
+
+    def __init__(self, keys):
+        self.keys = set(keys)
+
+    def callback(self, domain, key):
+        return key in self.keys
+
+
 class Connections:
     """The I/O thread and its sockets. The handlers (set before start) run on the I/O thread and
     must not block: on_tick(now) each heartbeat, on_call(ident, message), on_cancel(ident, id),
@@ -67,6 +78,8 @@ class Connections:
         self._out = {}          # endpoint -> _OutPeer
         self._by_sock = {}      # DEALER -> _OutPeer
         self._router = None
+        self._auth = None       # the router's allow-list, under CURVE
+        self.server_keys = {}   # endpoint -> the CURVE key it listens with, when not the hosts'
         self._monitor = None    # the router's connections coming and going
         self._connections = 0
         self.endpoint = ""
@@ -127,6 +140,8 @@ class Connections:
         if self._thread.is_alive():
             self.submit(self._stop)
             self._thread.join()
+        if self._auth is not None:
+            self._auth.stop()
         self._ctx.term()
         os.close(self._wake_r)
         os.close(self._wake_w)
@@ -261,6 +276,15 @@ class Connections:
         if self._router is None:
             r = self._ctx.socket(zmq.ROUTER)
             r.setsockopt(zmq.LINGER, 0)
+            if self._curve:
+                # Hosts reach us with the key pair we publish our names with, and only the hosts'
+                # key and our own are admitted, as a C++ client's listener does.
+                public, secret, server = self._curve
+                self._auth = ThreadAuthenticator(self._ctx)
+                self._auth.start()
+                self._auth.configure_curve_callback("*", _AllowList({public, server}))
+                r.curve_server = True
+                r.curve_publickey, r.curve_secretkey = public, secret
             r.bind(self._listen)
             self._router = r
             self.endpoint = self._advertise or r.getsockopt_string(zmq.LAST_ENDPOINT)
@@ -278,7 +302,9 @@ class Connections:
             s = self._ctx.socket(zmq.DEALER)
             s.setsockopt(zmq.LINGER, 0)
             if self._curve:
-                s.curve_publickey, s.curve_secretkey, s.curve_serverkey = self._curve
+                public, secret, server = self._curve
+                s.curve_publickey, s.curve_secretkey = public, secret
+                s.curve_serverkey = self.server_keys.get(endpoint, server)
             s.connect(endpoint)
             peer = _OutPeer(s, endpoint)
             self._out[endpoint] = peer

@@ -140,10 +140,14 @@ class Directory:
                     republish = list(self._published)
                 if snapshot:
                     self._names.clear()
-                # Entries say what the module is after where it lives: this client needs where.
-                for added, name, host, endpoint in (c[:4] for c in changes):
+                # Entries say what the module is after where it lives: this client needs where,
+                # and the key it is reached with (its publisher's, under CURVE).
+                for c in changes:
+                    added, name, host, endpoint = c[:4]
                     if added:
                         self._names[name] = (host, endpoint)
+                        if len(c) > 7 and c[7]:
+                            self._conn.server_keys[endpoint] = c[7].encode()
                     else:
                         self._names.pop(name, None)
                 self._epoch, self._seq = epoch, seq

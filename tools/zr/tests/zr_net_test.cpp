@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <fstream>
@@ -331,4 +332,25 @@ TEST(ZrNet, TheDocumentedStepsWorkAsPasted) {
         << out;
   }
   EXPECT_EQ(sh("ZR_DIRECTORY=nowhere " + kRun + " top --once").first, 2);
+}
+
+// Keys as the networking guide sets them up: the hosts share a pair, the client has its own.
+// Events come back to the client, so the memory's host must reach it with the client's key.
+TEST(ZrNet, EventsReachAClientWithAKeyPairOfItsOwn) {
+  for (const char* name : {"hosts", "alice"})
+    ASSERT_EQ(sh(kRun + " keygen " + kTemp + name).first, 0) << name;
+  ASSERT_EQ(sh("cat " + kTemp + "hosts.pub " + kTemp + "alice.pub > " + kTemp + "allow").first, 0);
+  Host host("--memory --device " + kSample + " -e SoundLevel --curve-keys " + kTemp +
+            "hosts.key --allow " + kTemp + "allow");
+  const std::string alice =
+      host.dir + " --curve-keys " + kTemp + "alice.key --server-key " + kTemp + "hosts.pub";
+  const auto watched = sh(kRun + " watch SoundLevel/Levels --count 3 -f jsonl" + alice);
+  EXPECT_EQ(watched.first, 0) << watched.second;
+  EXPECT_EQ(std::count(watched.second.begin(), watched.second.end(), '{'), 3) << watched.second;
+  const auto ran = sh(kRun + " run -f jsonl -e SoundLevel" + alice);
+  EXPECT_EQ(ran.first, 0) << ran.second;
+  EXPECT_NE(ran.second.find("zr: 10.20 s of audio in "), std::string::npos) << ran.second;
+  EXPECT_EQ(host.stop(SIGTERM), 0);
+  for (const char* file : {"hosts.key", "hosts.pub", "alice.key", "alice.pub", "allow"})
+    std::remove((kTemp + file).c_str());
 }
