@@ -38,14 +38,15 @@ PipelineSite inProcess(const PipelineConfig& config, const ZR::ZRExtractorRegist
   return site;
 }
 
-PipelineSite onNetwork(const PipelineConfig& config, const DirectoryOptions& directory) {
+PipelineSite onNetwork(const PipelineConfig& config, const DirectoryOptions& directory,
+                       const ListenOptions& listen) {
   char host[256] = "host";
   gethostname(host, sizeof host - 1);
   PipelineSite site;
   site.client = std::string("zr-run-") + host + "-" + std::to_string(getpid());
   std::vector<std::string> needed{ZR::kMemoryServiceName, ZR::kAudioDeviceServiceName};
   needed.insert(needed.end(), config.extractors.begin(), config.extractors.end());
-  site.broker = joinNetwork(directory, site.client, "tcp://127.0.0.1:0", "", needed);
+  site.broker = joinNetwork(directory, site.client, listen, needed);
   return site;
 }
 

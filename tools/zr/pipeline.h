@@ -59,7 +59,8 @@ PipelineSite inProcess(const PipelineConfig& config, const ZR::ZRExtractorRegist
 /// `zr run --directory`: the "ZRMemory", "ZRAudioDevice" and extractors that running hosts
 /// publish; this process hosts only the client, "zr-run-<host>-<pid>". Throws NoDirectory when
 /// no directory answers, ZRError when a module is not published.
-PipelineSite onNetwork(const PipelineConfig& config, const DirectoryOptions& directory);
+PipelineSite onNetwork(const PipelineConfig& config, const DirectoryOptions& directory,
+                       const ListenOptions& listen);
 
 /// One run, wherever its modules are. The tool's client module subscribes to every event the
 /// extractors declare through the memory service, as any client would (and so subscribes to

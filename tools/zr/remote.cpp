@@ -347,15 +347,26 @@ void requireDirectory(const ZR::ZRBrokerOptions& o) {
   DirectoryView view(o);
 }
 
+void ListenOptions::define(CLI::App* cmd) {
+  cmd->add_option("--listen", listen,
+                  "Where events reach this program (default: loopback, any port).");
+  cmd->add_option("--advertise", advertise, "What the memory's host connects to (NAT).");
+}
+
+CLI::Option* ListenOptions::given(CLI::App* cmd) const {
+  for (const char* name : {"--listen", "--advertise"})
+    if (cmd->get_option(name)->count() > 0) return cmd->get_option(name);
+  return nullptr;
+}
+
 boost::shared_ptr<ZR::ZRBroker> joinNetwork(const DirectoryOptions& options,
-                                            const std::string& name, const std::string& listen,
-                                            const std::string& advertise,
+                                            const std::string& name, const ListenOptions& listen,
                                             const std::vector<std::string>& needed) {
   requireDirectory(options);
   ZR::ZRBrokerOptions o;
   options.apply(o);
-  o.listen = listen;
-  o.advertise = advertise;
+  o.listen = listen.listen;
+  o.advertise = listen.advertise;
   if (!o.curveSecretKey.empty()) o.allowedClientKeys = {o.directoryPublicKey, o.curvePublicKey};
   auto broker = ZR::ZRBroker::createBroker(name, o);
   for (const std::string& n : needed) {

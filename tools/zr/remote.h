@@ -13,6 +13,7 @@
 
 #include <zrcommon/zrbroker.h>
 #include <zrcommon/zrservicenames.h>
+#include <zrerror/zrdefaults.h>
 #include <zrnet/zrdirectory.h>
 #include <zrnet/zrtransport.h>
 #include <zrproxies/zrmemoryproxy.h>
@@ -96,13 +97,21 @@ class DirectoryView {
   std::vector<ZR::ZRDirectoryEntry> entries_;
 };
 
+/// --listen and --advertise: where a client that receives events takes the memory's calls.
+struct ListenOptions {
+  std::string listen = ZR::kDefaultListen, advertise;
+
+  void define(CLI::App* cmd);
+  /// The first of them given on `cmd`'s line, or null.
+  CLI::Option* given(CLI::App* cmd) const;
+};
+
 /// A broker of the tool's own in a network: NoDirectory unless a directory answers within
-/// kDirectoryWaitMs; then it takes calls (events) at `listen`, with the CURVE keys given, admitting
-/// the hosts' key (--server-key). Waits up to kDirectoryWaitMs for each of `needed` to be
-/// published; ZRError naming the first that is not.
+/// kDirectoryWaitMs; then it takes calls (events) where `listen` says, with the CURVE keys given,
+/// admitting the hosts' key (--server-key). Waits up to kDirectoryWaitMs for each of `needed` to
+/// be published; ZRError naming the first that is not.
 boost::shared_ptr<ZR::ZRBroker> joinNetwork(const DirectoryOptions& options,
-                                            const std::string& name, const std::string& listen,
-                                            const std::string& advertise,
+                                            const std::string& name, const ListenOptions& listen,
                                             const std::vector<std::string>& needed);
 
 /// Fails with NoDirectory unless a directory answers at the address within kDirectoryWaitMs.

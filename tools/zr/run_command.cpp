@@ -198,6 +198,7 @@ class RunCommand : public Command {
         ->description(
             "Run on the ZRMemory, ZRAudioDevice and extractors that running hosts "
             "publish there (zr host), instead of in this process.");
+    listen_.define(cmd);
     return cmd;
   }
 
@@ -220,6 +221,7 @@ class RunCommand : public Command {
   CLI::Option* input_ = nullptr;
   CLI::Option* precision_ = nullptr;
   DirectoryOptions directory_;
+  ListenOptions listen_;
 };
 
 InputOutcome RunCommand::runInput(const std::string& input, bool given, const std::string& file,
@@ -272,8 +274,9 @@ InputOutcome RunCommand::runInput(const std::string& input, bool given, const st
       outcome.wall = progress.elapsed();
       outcome.interrupted = gInterrupted;
     };
-    Pipeline pipeline(config,
-                      remote_ ? onNetwork(config, directory_) : inProcess(config, registry_), sink);
+    Pipeline pipeline(
+        config, remote_ ? onNetwork(config, directory_, listen_) : inProcess(config, registry_),
+        sink);
     drive(pipeline);
   } catch (const ZR::ZRError& e) {
     outcome.failure = innermost(e.what());
@@ -316,6 +319,10 @@ int RunCommand::run() {
 
   // Across processes the device is the published one: its input is its host's business.
   remote_ = directory_.directoryOption->count() > 0;
+  if (CLI::Option* listen = listen_.given(cmd_); listen && !remote_)
+    throw CLI::ValidationError(listen->get_name(),
+                               "is where events from running hosts reach zr run: give it with "
+                               "--directory");
   if (remote_)
     for (const char* device : {"INPUT", "--rate", "--channels", "--buffer", "--realtime",
                                "--inject-gap", "--clock-skew"})

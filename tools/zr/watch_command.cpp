@@ -45,9 +45,7 @@ class WatchCommand : public Command {
     cmd->add_option("--name", name_, "Client module name (default: zr-watch-<host>-<pid>).");
     cmd->add_option("-f,--format", format_, "Output format.")
         ->check(CLI::IsMember({"table", "csv", "jsonl"}));
-    cmd->add_option("--listen", listen_,
-                    "Where events reach this program (default: loopback, any port).");
-    cmd->add_option("--advertise", advertise_, "What the memory's host connects to (NAT).");
+    listen_.define(cmd);
     cmd->add_option("-n,--count", count_, "Stop after N events.")->check(CLI::PositiveNumber);
     cmd->add_option("--duration", duration_, "Stop after T seconds.")
         ->check(CLI::Range(0.001, 31536000.0));
@@ -61,11 +59,12 @@ class WatchCommand : public Command {
 
  private:
   std::vector<std::string> events_;
-  std::string name_ = defaultName(), format_ = "jsonl", listen_ = ZR::kDefaultListen, advertise_;
+  std::string name_ = defaultName(), format_ = "jsonl";
   long count_ = 0;  // 0: no limit
   double duration_ = 0.0;
   bool wait_ = false;
   DirectoryOptions directory_;
+  ListenOptions listen_;
 };
 
 int WatchCommand::run() {
@@ -78,7 +77,7 @@ int WatchCommand::run() {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   const pthread_t mainThread = pthread_self();
 
-  auto broker = joinNetwork(directory_, name_, listen_, advertise_, {ZR::kMemoryServiceName});
+  auto broker = joinNetwork(directory_, name_, listen_, {ZR::kMemoryServiceName});
   ZR::ZRMemoryProxy memory(broker);
   // Who produces what: the stock extractors' events print as zr run prints them.
   std::map<std::string, std::string> producerOf;

@@ -347,9 +347,11 @@ TEST(ZrNet, EventsReachAClientWithAKeyPairOfItsOwn) {
   const auto watched = sh(kRun + " watch SoundLevel/Levels --count 3 -f jsonl" + alice);
   EXPECT_EQ(watched.first, 0) << watched.second;
   EXPECT_EQ(std::count(watched.second.begin(), watched.second.end(), '{'), 3) << watched.second;
-  const auto ran = sh(kRun + " run -f jsonl -e SoundLevel" + alice);
+  // zr run takes where events reach it as zr watch does; without --directory it has no use.
+  const auto ran = sh(kRun + " run -f jsonl -e SoundLevel --listen tcp://127.0.0.1:0" + alice);
   EXPECT_EQ(ran.first, 0) << ran.second;
   EXPECT_NE(ran.second.find("zr: 10.20 s of audio in "), std::string::npos) << ran.second;
+  EXPECT_EQ(sh(kRun + " run --listen tcp://127.0.0.1:0").first, 2);
   EXPECT_EQ(host.stop(SIGTERM), 0);
   for (const char* file : {"hosts.key", "hosts.pub", "alice.key", "alice.pub", "allow"})
     std::remove((kTemp + file).c_str());
