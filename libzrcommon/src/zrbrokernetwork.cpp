@@ -11,6 +11,7 @@
 
 #include <zrcommon/detail/zrcaller.h>
 #include <zrcommon/detail/zrdeliverycontext.h>
+#include <zrcommon/detail/zrlatencywindow.h>
 #include <zrcommon/detail/zrmoduleinternals.h>
 #include <zrcommon/zrproxy.h>
 #include <zrcommon/zrservicenames.h>
@@ -84,7 +85,9 @@ class ZRRemoteProxy : public ZRProxy {
         openLine(at->address, method);
       line = line_;
     }
-    line->push(getModuleName(), detail::ZRDelivery{std::string(method), std::move(args)});
+    // A one-way call made from sound (an extractor's raise) is timed from its capture.
+    line->push(getModuleName(), detail::ZRDelivery{std::string(method), std::move(args),
+                                                   detail::zrCurrentCaptureNs()});
   }
 
  private:
@@ -312,6 +315,8 @@ void ZRBroker::startNetwork(const ZRBrokerOptions& options) {
       detail::ZRDeliveryScope scope(std::move(context));
       const detail::ZRCaller caller{c.peerHost, c.peerEndpoint, c.peerKey};
       detail::ZRCallerScope from(caller);
+      // What the message's sound sets off here is timed from its capture there.
+      const detail::ZRCaptureScope capture(c.captureNs);
       try {
         outcome->value = impl->runIncoming(c);
       } catch (const ZRError& e) {
@@ -361,11 +366,11 @@ void ZRBroker::startNetwork(const ZRBrokerOptions& options) {
       impl->session->removeRemoteService(e.name, e.endpoint);
   };
   impl->directoryClient->setListener(apply);
-  impl->transport->setCreditListener(
-      [impl](const std::string& endpoint, const std::string& stream, std::uint32_t credits) {
-        std::shared_ptr<detail::ZRStreamSender> sender = impl->findStream(stream);
-        if (sender && sender->endpoint() == endpoint) sender->grant(credits);
-      });
+  impl->transport->setCreditListener([impl](const std::string& endpoint, const std::string& stream,
+                                            std::uint32_t credits, std::int64_t delayNs) {
+    std::shared_ptr<detail::ZRStreamSender> sender = impl->findStream(stream);
+    if (sender && sender->endpoint() == endpoint) sender->grant(credits, delayNs);
+  });
   impl->transport->setStreamErrorListener([impl](const std::string& endpoint,
                                                  const std::string& stream, std::uint64_t seq,
                                                  const ZRError& error) {

@@ -23,7 +23,8 @@ ZRStreamSender::~ZRStreamSender() {
 }
 
 void ZRStreamSender::send(const std::string& module, const std::string& method,
-                          std::vector<ZRValue> args, bool lossless, Done done) {
+                          std::vector<ZRValue> args, bool lossless, Done done,
+                          std::int64_t captureNs) {
   std::shared_ptr<ZRTransport> transport = transport_.lock();
   {
     std::unique_lock<std::mutex> lock(mutex_);
@@ -32,6 +33,7 @@ void ZRStreamSender::send(const std::string& module, const std::string& method,
       o.stream = stream_;
       o.seq = nextSeq_++;
       o.lossless = lossless;
+      o.captureNs = captureNs;
       unanswered_.push_back(Unanswered{o.seq, module, method, std::move(done), std::nullopt});
       // Under the lock: the messages of a stream leave in the order of their numbers.
       transport->send(endpoint_, module, method, std::move(args), o);
@@ -55,7 +57,13 @@ void ZRStreamSender::sendCalls(const std::vector<std::string>& modules,
     args.push_back(std::move(one));
   }
   const std::string method = calls.empty() ? std::string() : calls.front().method;
-  send("", method, std::move(args), lossless, std::move(done));
+  const std::int64_t captureNs = calls.empty() ? 0 : calls.front().captureNs;
+  send("", method, std::move(args), lossless, std::move(done), captureNs);
+}
+
+void ZRStreamSender::setDelayListener(std::function<void(std::int64_t ns)> listener) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  delayListener_ = std::move(listener);
 }
 
 bool ZRStreamSender::post(std::function<void()> task) {
@@ -72,15 +80,18 @@ std::function<void(std::function<void()>)> ZRStreamSender::ioExecutor() {
   };
 }
 
-void ZRStreamSender::grant(std::uint32_t credits) {
+void ZRStreamSender::grant(std::uint32_t credits, std::int64_t delayNs) {
   std::vector<Unanswered> answered;
+  std::function<void(std::int64_t)> delayListener;
   {
     std::lock_guard<std::mutex> lock(mutex_);
+    if (delayNs > 0) delayListener = delayListener_;
     while (credits-- > 0 && !unanswered_.empty()) {
       answered.push_back(std::move(unanswered_.front()));
       unanswered_.pop_front();
     }
   }
+  if (delayListener) delayListener(delayNs);
   for (Unanswered& u : answered)
     if (u.done) u.done(u.error ? &*u.error : nullptr);
 }

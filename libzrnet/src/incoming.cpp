@@ -204,7 +204,8 @@ void ZRTransport::Impl::forget(const std::string& identity) {
 
 void ZRTransport::Impl::dispatch(const std::string& identity, Remote& remote, Message m) {
   auto cancelled = std::make_shared<std::atomic<bool>>(false);
-  Asked asked{m.id, m.type == MsgType::Data, m.stream, m.module, m.method, m.seq};
+  Asked asked{m.id, m.type == MsgType::Data, m.stream, m.module, m.method, m.seq, nullptr};
+  if (m.captured) asked.delay = std::make_shared<std::atomic<std::int64_t>>(0);
   if (!asked.oneWay) remote.running[m.id] = cancelled;
   if (asked.oneWay && !asked.stream.empty())
     remote.streams[asked.stream].entries.push_back(
@@ -242,13 +243,16 @@ void ZRTransport::Impl::dispatch(const std::string& identity, Remote& remote, Me
       self->answered(identity, asked, std::move(*r), failure, *cancelled);
     });
   };
-  auto job = [weak, call, cancelled, deadline, answer]() mutable {
+  auto job = [weak, call, cancelled, deadline, answer, delay = asked.delay,
+              captured = m.captured]() mutable {
     std::shared_ptr<Impl> self = weak.lock();
     if (!self) return;
     if (*cancelled || Clock::now() > deadline) {  // nobody waits for it any more
       answer.fail(ZRError(call->module, call->method, "deadline exceeded"));
       return;
     }
+    // A clock of the sender's ahead of ours makes no delay at all: it is left unknown.
+    if (delay) call->captureNs = net::monotonicOf(captured, *delay);
     self->handler(*call, std::move(answer));
     call.reset();  // the arguments go before the lane moves on
   };
@@ -310,6 +314,7 @@ void ZRTransport::Impl::answered(const std::string& identity, const Asked& asked
     if (e.seq != asked.seq || e.answered) continue;
     e.answered = true;
     e.error = std::move(error);
+    if (asked.delay) e.delay = asked.delay->load();
     break;
   }
   releaseCredits(identity, asked.stream);
@@ -329,7 +334,9 @@ void ZRTransport::Impl::releaseCredits(const std::string& identity, const std::s
       m.description = e.error->getDescription();
       sendToRemote(identity, encode(m), true, true);
     }
-    ++credits[{identity, name}];
+    Owed& owed = credits[{identity, name}];
+    ++owed.credits;
+    owed.delay = std::max(owed.delay, e.delay);
     stream.entries.pop_front();
   }
   if (stream.entries.empty()) remotes[identity].streams.erase(name);

@@ -174,7 +174,9 @@ void ZRTransport::Impl::receiveFromPeer(Peer& peer) {
           std::lock_guard<std::mutex> lock(mutex);
           listener = creditListener;
         }
-        if (listener) listener(endpoint, m.stream, m.credits);
+        if (listener)
+          listener(endpoint, m.stream, m.credits,
+                   static_cast<std::int64_t>(std::min<std::uint64_t>(m.delay, INT64_MAX)));
         break;
       }
       case MsgType::StreamError: {

@@ -4,6 +4,7 @@
 #include "transportimpl.h"
 
 #include <sys/eventfd.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -13,6 +14,25 @@ namespace ZR {
 using namespace net;
 
 namespace net {
+namespace {
+std::int64_t nowNs(clockid_t clock) {
+  timespec ts{};
+  clock_gettime(clock, &ts);
+  return static_cast<std::int64_t>(ts.tv_sec) * 1000000000 + ts.tv_nsec;
+}
+}  // namespace
+
+std::uint64_t realtimeOf(std::int64_t monotonicNs) {
+  return static_cast<std::uint64_t>(nowNs(CLOCK_REALTIME) - (nowNs(CLOCK_MONOTONIC) - monotonicNs));
+}
+
+std::int64_t monotonicOf(std::uint64_t realtimeNs, std::atomic<std::int64_t>& delay) {
+  const std::int64_t ago = nowNs(CLOCK_REALTIME) - static_cast<std::int64_t>(realtimeNs);
+  if (ago <= 0) return 0;
+  delay = ago;
+  return nowNs(CLOCK_MONOTONIC) - ago;
+}
+
 bool trySend(zmq::socket_t& socket, Frames& frames) {
   for (std::size_t i = 0; i < frames.size(); ++i) {
     auto flags = zmq::send_flags::dontwait;
@@ -166,7 +186,8 @@ void ZRTransport::Impl::sendCredits(const std::string* identity) {
     Message m;
     m.type = MsgType::Credit;
     m.stream = it->first.second;
-    m.credits = it->second;
+    m.credits = it->second.credits;
+    m.delay = static_cast<std::uint64_t>(it->second.delay);
     sendToRemote(it->first.first, encode(m), true, true);
     it = credits.erase(it);
   }
@@ -298,6 +319,7 @@ void ZRTransport::send(const std::string& endpoint, const std::string& module,
   m->module = module;
   m->method = method;
   m->caller = options.caller;
+  m->captured = options.captureNs ? net::realtimeOf(options.captureNs) : 0;
   m->args = std::move(args);
   Impl* impl = impl_.get();
   if (std::this_thread::get_id() == impl->ioThread.load())

@@ -36,6 +36,13 @@ inline const char* const kShuttingDown = "the host is shutting down";
 // How long a silent caller's name is remembered, should it speak again.
 inline const Clock::duration kForgetTime = std::chrono::seconds(60);
 
+/// A capture time crosses the wire on the real-time clock, which hosts keep in step; each host
+/// times with its own monotonic clock. realtimeOf: a monotonic time of this host, in real time.
+std::uint64_t realtimeOf(std::int64_t monotonicNs);
+/// The monotonic time of this host at real time `realtimeNs`, storing how long ago that was in
+/// `delay`; 0 (and `delay` untouched) when it lies ahead of this host's clock.
+std::int64_t monotonicOf(std::uint64_t realtimeNs, std::atomic<std::int64_t>& delay);
+
 /// Sends without blocking; false when the socket cannot take the message now (the frames are
 /// then left as they were).
 bool trySend(zmq::socket_t& socket, Frames& frames);
@@ -166,6 +173,7 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
       bool answered = false;
       std::optional<ZRError> error;
       std::string module, method;
+      std::int64_t delay = 0;  // ns from capture to start; 0: unknown
     };
     std::deque<Entry> entries;
   };
@@ -190,7 +198,11 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
   std::set<std::string> unreported;
   std::map<std::string, Remote> remotes;
   // Credits granted since the last flush, by connection and stream: one message for them all.
-  std::map<std::pair<std::string, std::string>, std::uint32_t> credits;
+  struct Owed {
+    std::uint32_t credits = 0;
+    std::int64_t delay = 0;  // the longest of theirs
+  };
+  std::map<std::pair<std::string, std::string>, Owed> credits;
   std::uint64_t nextId = 1, nextSeq = 1;
   bool stopped = false;  // the I/O thread saw the stop
   // What zmq::poll watches, rebuilt only when the set of peers changes.
@@ -255,6 +267,8 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
     bool oneWay = false;
     std::string stream, module, method;
     std::uint64_t seq = 0;
+    // Set when the message starts, for a message that carries its sound's capture time.
+    std::shared_ptr<std::atomic<std::int64_t>> delay;
   };
   void answered(const std::string& identity, const Asked& asked, ZRValue result,
                 std::optional<ZRError> error, bool cancelled);

@@ -127,7 +127,7 @@ void packEnvelope(Packer& pk, const Message& m) {
       packStr(pk, "description", m.description);
       break;
     case MsgType::Data:
-      pk.pack_map(m.lossless ? 6 : 5);
+      pk.pack_map(5 + (m.lossless ? 1 : 0) + (m.captured ? 1 : 0));
       packStr(pk, "stream", m.stream);
       packUint(pk, "seq", m.seq);
       packStr(pk, "module", m.module);
@@ -137,6 +137,7 @@ void packEnvelope(Packer& pk, const Message& m) {
         pk.pack("lossless");
         pk.pack_true();
       }
+      if (m.captured) packUint(pk, "captured", m.captured);
       break;
     case MsgType::StreamError:
       pk.pack_map(5);
@@ -147,9 +148,10 @@ void packEnvelope(Packer& pk, const Message& m) {
       packStr(pk, "description", m.description);
       break;
     case MsgType::Credit:
-      pk.pack_map(2);
+      pk.pack_map(m.delay ? 3 : 2);
       packStr(pk, "stream", m.stream);
       packUint(pk, "credits", m.credits);
+      if (m.delay) packUint(pk, "delay", m.delay);
       break;
     case MsgType::Ping:
     case MsgType::Bye:
@@ -417,6 +419,7 @@ Message decode(Frames& frames, std::size_t maxMessageSize) {
       m.method = env.strField("method", r);
       m.caller = env.strField("caller", r);
       m.lossless = env.boolField("lossless", r);
+      m.captured = env.uintField("captured", r, u64, true);
       break;
     case MsgType::StreamError:
       m.stream = env.strField("stream", r);
@@ -428,6 +431,7 @@ Message decode(Frames& frames, std::size_t maxMessageSize) {
     case MsgType::Credit:
       m.stream = env.strField("stream", r);
       m.credits = static_cast<std::uint32_t>(env.uintField("credits", r, u32));
+      m.delay = env.uintField("delay", r, u64, true);
       break;
     case MsgType::Ping:
     case MsgType::Bye:

@@ -50,6 +50,8 @@ struct Message {
   std::uint32_t deadlineMs = 0;   // call; 0: none
   std::uint32_t heartbeatMs = 0;  // hello
   std::uint32_t credits = 0;      // credit
+  std::uint64_t captured = 0;     // data: real-time ns of the sound's capture; 0: none
+  std::uint64_t delay = 0;        // credit: ns from capture to start, the longest; 0: none
   std::string host, endpoint;     // hello
   std::string module, method;     // call, data, error, stream error
   std::string caller;             // call, data

@@ -7,6 +7,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <mutex>
 #include <stdexcept>
 
@@ -124,6 +125,58 @@ TEST(Transport, CallsReturnResultsAndRebuildErrorsOnTheExecutor) {
   // Nobody listens there: the call fails once the peer counts as dead.
   auto far = caller.callAsync("tcp://127.0.0.1:1", "Far", "x", {});
   EXPECT_EQ(describe(errorOfFuture(far)), "Far|x|module destroyed");
+}
+
+// A message made from sound carries its capture time across, on this host's clock at the
+// other end, and its credit says how late it started there; a message without one says nothing.
+TEST(Transport, AMessageOfSoundIsTimedFromItsCaptureToItsStart) {
+  Pool pool;
+  std::promise<std::int64_t> seenOne, seenTwo;
+  ZRTransport callee(
+      options("B"),
+      [&](const ZRIncomingCall& c) -> ZRValue {
+        (c.method == "one" ? seenOne : seenTwo).set_value(c.captureNs);
+        return ZRValue();
+      },
+      pool.executor());
+  ZRTransport caller(options("A", ""), noCalls(), pool.executor());
+  std::mutex mutex;
+  std::condition_variable credited;
+  std::vector<std::pair<std::uint32_t, std::int64_t>> credits;
+  caller.setCreditListener(
+      [&](const std::string&, const std::string&, std::uint32_t n, std::int64_t delayNs) {
+        std::lock_guard<std::mutex> lock(mutex);
+        credits.emplace_back(n, delayNs);
+        credited.notify_all();
+      });
+  auto creditCount = [&](std::size_t n) {
+    std::unique_lock<std::mutex> lock(mutex);
+    return credited.wait_for(lock, kHangGuard, [&] { return credits.size() >= n; });
+  };
+  // Captured a second ago: however the clocks are read, the delay is about a second.
+  const std::int64_t second = 1000000000;
+  const std::int64_t captured = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                    std::chrono::steady_clock::now().time_since_epoch())
+                                    .count() -
+                                second;
+  ZRSendOptions o;
+  o.stream = "s";
+  o.seq = 1;
+  o.captureNs = captured;
+  caller.send(callee.endpoint(), "M", "one", {}, o);
+  auto one = seenOne.get_future();
+  EXPECT_NEAR(static_cast<double>(ready(one)), static_cast<double>(captured), second / 10.0);
+  ASSERT_TRUE(creditCount(1));
+  o.seq = 2;
+  o.captureNs = 0;
+  caller.send(callee.endpoint(), "M", "two", {}, o);
+  auto two = seenTwo.get_future();
+  EXPECT_EQ(ready(two), 0);
+  ASSERT_TRUE(creditCount(2));
+  std::lock_guard<std::mutex> lock(mutex);
+  EXPECT_EQ(credits[0].first, 1u);
+  EXPECT_GT(credits[0].second, second - second / 10);
+  EXPECT_EQ(credits[1], std::make_pair(std::uint32_t{1}, std::int64_t{0}));
 }
 
 TEST(Transport, CallsFromOneCallerToOneModuleKeepTheirOrder) {

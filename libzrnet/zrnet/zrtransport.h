@@ -63,6 +63,9 @@ struct ZRIncomingCall {
   bool oneWay = false;
   std::string stream;
   bool lossless = false;
+  /// The capture time of the sound the message carries or was made from, on this host's
+  /// monotonic clock (ns, through the real-time clocks of both hosts); 0 when none.
+  std::int64_t captureNs = 0;
 };
 
 /// The answer to one incoming call or one-way message, given exactly once, from any thread, at
@@ -101,6 +104,9 @@ struct ZRSendOptions {
   /// that has been processed too (see docs/protocol.md).
   bool lossless = false;
   std::string caller;
+  /// When the message carries sound or was made from it: the sound's capture time on this
+  /// host's monotonic clock (ns). The receiver's credit then says how late the message started.
+  std::int64_t captureNs = 0;
 };
 
 /// Where the transport runs the work that must not run on its I/O thread.
@@ -177,9 +183,11 @@ class ZRTransport {
   void setPeerLostListener(PeerListener listener);
 
   /// Sender of streams: told of every credit and every stream error a called host sends. They
-  /// run on the I/O thread and must return at once (e.g. count, notify, send on).
+  /// run on the I/O thread and must return at once (e.g. count, notify, send on). `delayNs` is
+  /// the longest time from capture to start of the credited messages that carried a capture
+  /// time; 0 when none did.
   using CreditListener = std::function<void(const std::string& endpoint, const std::string& stream,
-                                            std::uint32_t credits)>;
+                                            std::uint32_t credits, std::int64_t delayNs)>;
   using StreamErrorListener =
       std::function<void(const std::string& endpoint, const std::string& stream, std::uint64_t seq,
                          const ZRError& error)>;

@@ -189,6 +189,8 @@ def test_device_subscription_follows_the_subscribers(probes, start_host):
     for name in ("PlainSound", "PyPlainSound"):
         wait_until(lambda: subscribed(name), what=name + " to find the device")
         seen.append(device.getSubscribers())
+        # Its host tells the device how late its buffers start there.
+        wait_until(lambda: device.getLatency(name)[3] > 0, what=name + "'s latency")
         c.call(name, "subscribe", "b")
         c.call(name, "updatePeriod", "b", 10)
         c.call(name, "unsubscribe", "a")

@@ -3,6 +3,7 @@ hosted modules, fanned out to each module they name) and granting credits live h
 does raising an event into the memory service, which is a plain call for now."""
 
 import logging
+import time
 
 from . import _wire as w
 from ._connections import now
@@ -53,8 +54,14 @@ class Streams:
                     continue
                 jobs.append((mod, args))
         credit = (w.message(w.CREDIT, {"stream": stream, "credits": 1}) if stream else None)
+        captured = env.get("captured")
 
         def run_all():
+            nonlocal credit
+            # How late after its sound's capture the message starts here, for the sender's figures.
+            delay = time.time_ns() - captured if captured else 0
+            if stream and delay > 0:
+                credit = w.message(w.CREDIT, {"stream": stream, "credits": 1, "delay": delay})
             failure = None
             for mod, args in jobs:
                 try:

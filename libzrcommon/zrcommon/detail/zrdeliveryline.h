@@ -68,6 +68,8 @@ void zrDeliveryWarn(const std::string& category, const std::string& function,
 struct ZRDelivery {
   std::string method;
   std::vector<ZRValue> args;
+  /// The capture time (monotonic ns) of the sound the call carries or was made from; 0: none.
+  std::int64_t captureNs = 0;
 };
 
 /// A bounded queue per subscriber with an explicit policy for a full queue, rate-limited

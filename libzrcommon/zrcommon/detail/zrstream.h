@@ -44,12 +44,17 @@ class ZRStreamSender {
 
   /// Sends `args` as a call of `method` on `module` of the other host (an empty module fans the
   /// message out: args[0] names the modules, each further argument is one call's arguments).
+  /// `captureNs`: the capture time (monotonic) of the sound it carries or was made from; 0: none.
   void send(const std::string& module, const std::string& method, std::vector<ZRValue> args,
-            bool lossless, Done done);
+            bool lossless, Done done, std::int64_t captureNs = 0);
   /// Sends one message of `calls` (all of one method) to each of `modules`, taking their
-  /// arguments.
+  /// arguments; its capture time is the first call's.
   void sendCalls(const std::vector<std::string>& modules, std::vector<ZRDelivery>& calls,
                  bool lossless, Done done);
+  /// Told, on the transport's I/O thread, how late after capture the messages that carried a
+  /// capture time started on the other host (the longest of those one credit answers). It must
+  /// return at once. Set it before the first send.
+  void setDelayListener(std::function<void(std::int64_t ns)> listener);
 
   /// Runs `task` on the transport's I/O thread, after what it is doing now: where a stream's
   /// user sends what queued meanwhile, in one message. False when the transport is gone.
@@ -57,8 +62,9 @@ class ZRStreamSender {
   /// post() as an executor, which throws ZRError when refused: a delivery line's pump.
   std::function<void(std::function<void()>)> ioExecutor();
 
-  /// From the transport: the receiver answered `credits` more messages, in order.
-  void grant(std::uint32_t credits);
+  /// From the transport: the receiver answered `credits` more messages, in order, the latest
+  /// of those that carried a capture time starting `delayNs` after it (0: none did).
+  void grant(std::uint32_t credits, std::int64_t delayNs = 0);
   /// From the transport: message `seq` failed with `error` (its credit follows).
   void error(std::uint64_t seq, const ZRError& error);
   /// The host died: what waits fails, and later sends fail at once.
@@ -85,6 +91,7 @@ class ZRStreamSender {
   std::deque<Unanswered> unanswered_;
   std::uint64_t nextSeq_ = 1;
   bool lost_ = false, closed_ = false;
+  std::function<void(std::int64_t)> delayListener_;
 };
 
 /// A new stream from this broker to the host at `endpoint`, named after `label`, told of its

@@ -237,19 +237,16 @@ void ZRAudioDevice::subscribe(const std::string& module) {
   }
 
   if (where) {
-    core_->remote->add(core_->line, *broker, module, where->address);
+    core_->remote->add(core_->line, *broker, module, where->address, core_->latency.of(module));
   } else {
     ZRStrand strand = broker->makeStrand();
     std::shared_ptr<ZRLatencyWindow> latency = core_->latency.of(module);
     core_->line->add(
         module, [strand](std::function<void()> work) { strand.post(std::move(work)); },
         [proxy, latency](detail::ZRDelivery& call) {
-          ZRAudioTimestamp t;
-          bool full = false;
-          if (call.args.size() == 4 && ZRAudioTimestamp::read(call.args[2], t, &full) && full)
-            latency->add(zrMonotonicNs() - t.monotonicNs);
+          if (call.captureNs) latency->add(zrMonotonicNs() - call.captureNs);
           // What the subscriber raises from this buffer is timed from its capture too.
-          const detail::ZRCaptureScope capture(t.monotonicNs);
+          const detail::ZRCaptureScope capture(call.captureNs);
           proxy->metaCall(call.method, call.args.data(), call.args.size());
         },
         // In a network, a gone subscriber stays until the broker's reaper unsubscribes it, so

@@ -93,7 +93,8 @@ bool ZRAudioDevice::Core::publish(const ZRValue& buffer, std::size_t frames,
   recorder.record(buffer, frames, name);
   return line->publish(detail::ZRDelivery{"processRemote",
                                           {ZRValue(channels), ZRValue(static_cast<int>(frames)),
-                                           t.toValue(), buffer}},
+                                           t.toValue(), buffer},
+                                          captureNs},
                        &stop);
 }
 

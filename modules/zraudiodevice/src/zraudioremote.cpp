@@ -20,11 +20,17 @@ struct ZRAudioRemoteSubscribers::Host {
   std::string entry;
   std::shared_ptr<detail::ZRStreamSender> sender;
   std::mutex mutex;
-  std::vector<std::string> members;  // under `mutex`
+  std::vector<std::string> members;                                 // under `mutex`
+  std::vector<std::shared_ptr<detail::ZRLatencyWindow>> latencies;  // the members', likewise
 
   std::vector<std::string> snapshot() {
     std::lock_guard<std::mutex> lock(mutex);
     return members;
+  }
+  // A message starts on that host for all its subscribers at once.
+  void delayed(std::int64_t ns) {
+    std::lock_guard<std::mutex> lock(mutex);
+    for (const auto& l : latencies) l->add(ns);
   }
 };
 
@@ -49,7 +55,8 @@ bool ZRAudioRemoteSubscribers::isEntry(const std::string& lineName) {
 }
 
 bool ZRAudioRemoteSubscribers::add(const std::shared_ptr<ZRAudioLine>& line, ZRBroker& broker,
-                                   const std::string& module, const std::string& endpoint) {
+                                   const std::string& module, const std::string& endpoint,
+                                   std::shared_ptr<detail::ZRLatencyWindow> latency) {
   std::lock_guard<std::mutex> lock(mutex_);
   // A file waits for its slowest subscriber anyway: one stream per host costs none of them
   // anything. A live source gives each subscriber a stream of its own, so that a slow one
@@ -70,6 +77,9 @@ bool ZRAudioRemoteSubscribers::add(const std::shared_ptr<ZRAudioLine>& line, ZRB
       throw ZRError(deviceName_, "subscribe",
                     "\"" + module + "\" lives on another host, but this broker is in no network");
     std::weak_ptr<Host> weakHost = host;
+    host->sender->setDelayListener([weakHost](std::int64_t ns) {
+      if (std::shared_ptr<Host> h = weakHost.lock()) h->delayed(ns);
+    });
     line->addRemote(
         host->entry,
         // One message carries the buffers that waited, each a call of "processRemote" on every
@@ -96,6 +106,7 @@ bool ZRAudioRemoteSubscribers::add(const std::shared_ptr<ZRAudioLine>& line, ZRB
   if (std::find(host.members.begin(), host.members.end(), module) != host.members.end())
     return false;
   host.members.push_back(module);
+  host.latencies.push_back(std::move(latency));
   return true;
 }
 
@@ -109,6 +120,7 @@ bool ZRAudioRemoteSubscribers::remove(ZRAudioLine& line, const std::string& modu
       std::lock_guard<std::mutex> members(host.mutex);
       auto m = std::find(host.members.begin(), host.members.end(), module);
       if (m == host.members.end()) continue;
+      host.latencies.erase(host.latencies.begin() + (m - host.members.begin()));
       host.members.erase(m);
       found = true;
       if (host.members.empty()) {

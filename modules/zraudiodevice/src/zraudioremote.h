@@ -14,6 +14,7 @@
 #include <vector>
 
 #include <zrcommon/detail/zrdeliveryline.h>
+#include <zrcommon/detail/zrlatencywindow.h>
 #include <zrcommon/detail/zrstream.h>
 
 namespace ZR {
@@ -26,10 +27,11 @@ class ZRAudioRemoteSubscribers : public std::enable_shared_from_this<ZRAudioRemo
   ZRAudioRemoteSubscribers(std::string deviceName, bool live);
   ~ZRAudioRemoteSubscribers();
 
-  /// Adds `module` of the host at `endpoint` to `line`. False when it is subscribed already.
-  /// Throws ZRError when `broker` is in no network.
+  /// Adds `module` of the host at `endpoint` to `line`, its buffers' delays from capture to
+  /// their start on that host going to `latency`. False when it is subscribed already. Throws
+  /// ZRError when `broker` is in no network.
   bool add(const std::shared_ptr<ZRAudioLine>& line, ZRBroker& broker, const std::string& module,
-           const std::string& endpoint);
+           const std::string& endpoint, std::shared_ptr<detail::ZRLatencyWindow> latency);
   /// Removes `module`; its host leaves the line with its last subscriber. False when `module`
   /// is no remote subscriber.
   bool remove(ZRAudioLine& line, const std::string& module);

@@ -128,6 +128,15 @@ TEST_F(RemoteSubscribersTest, ALiveSourceNeverWaitsForASlowHost) {
   for (std::size_t i = 1; i < slow->seen.size(); ++i)
     EXPECT_LT(slow->seen[i - 1].at(), slow->seen[i].at());
   EXPECT_EQ(slow->seen.back().at(), 99 * 10000LL);  // the newest is never the one dropped
+  // Its latency is measured on its host, to the start of each message there: the slow host
+  // held its first ones back for as long as the whole stream lasted.
+  ZR::ZRAudioLatency latency;
+  ASSERT_TRUE(dev->getLatencyFigures("Slow", latency));
+  EXPECT_GT(latency.count, 0);
+  EXPECT_LE(latency.count, static_cast<std::int64_t>(slow->seen.size()));
+  ZR::ZRAudioLatency quick;
+  ASSERT_TRUE(dev->getLatencyFigures("Local", quick));
+  EXPECT_GT(latency.maxMs, quick.p50Ms);
 }
 
 TEST_F(RemoteSubscribersTest, AHostThatLeavesMidStreamTakesItsSubscribersAlong) {

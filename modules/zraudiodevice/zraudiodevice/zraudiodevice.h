@@ -86,8 +86,9 @@ struct ZRAudioDeliveryStats {
 };
 
 /// One subscriber's delivery latency: from the capture of a buffer's first sample to the start of
-/// the subscriber's "processRemote", over its last 1000 deliveries (subscribers
-/// in this process only: another host's deliveries start there).
+/// the subscriber's "processRemote", over its last 1000 deliveries. For a subscriber on another
+/// host: to the start there of the message that carried the buffer (the first of a batch), told
+/// back with its credit, through the real-time clocks of both hosts.
 struct ZRAudioLatency {
   double p50Ms = 0, p99Ms = 0, maxMs = 0;
   std::int64_t count = 0;  ///< deliveries measured since the device was created

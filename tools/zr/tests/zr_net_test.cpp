@@ -356,3 +356,28 @@ TEST(ZrNet, EventsReachAClientWithAKeyPairOfItsOwn) {
   for (const char* file : {"hosts.key", "hosts.pub", "alice.key", "alice.pub", "allow"})
     std::remove((kTemp + file).c_str());
 }
+
+// Device, extractor and memory in three processes: both the device's figure for its subscriber
+// and the extractor's results are timed from the capture of the sound.
+TEST(ZrNet, ResultsAreTimedFromCaptureAcrossHosts) {
+  Host memory("--memory");
+  Host device("--device tone:440 --realtime --buffer 160", "devhost", memory.dir);
+  Host extractor("-e SoundLevel", "exthost", memory.dir);
+  Zr watch("watch SoundLevel/Levels" + memory.dir);
+  ASSERT_NE(watch.waitFor("\"Levels\""), "");
+  const auto top = sh(kRun + " top --once -f jsonl --interval 100" + memory.dir);
+  ASSERT_EQ(top.first, 0) << top.second;
+  std::istringstream in(top.second);
+  int timed = 0;
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind("{", 0) != 0) continue;
+    const nlohmann::json j = nlohmann::json::parse(line);
+    if (j["type"] == "extractor" || j["type"] == "subscriber") {
+      EXPECT_TRUE(j["latency_p50_ms"].is_number()) << line;
+      EXPECT_GT(j["latency_p99_ms"].get<double>(), 0.0) << line;
+      ++timed;
+    }
+  }
+  EXPECT_EQ(timed, 2) << top.second;
+  EXPECT_EQ(watch.stop(SIGINT), 0);
+}
