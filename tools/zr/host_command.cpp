@@ -95,7 +95,9 @@ class HostCommand : public Command {
 
  private:
   boost::shared_ptr<ZR::ZRBroker> start(ZR::ZRBrokerOptions o);
-  void createModules(const boost::shared_ptr<ZR::ZRBroker>& broker);
+  /// Creates the modules asked for; the signal among `signals` that came while the extractors
+  /// waited for a memory service (and none was created), or -1.
+  int createModules(const boost::shared_ptr<ZR::ZRBroker>& broker, const sigset_t& signals);
 
   std::string name_ = defaultHostName(), listen_ = ZR::kDefaultListen, advertise_, input_;
   std::string curveKeys_, allow_, serverKey_, directory_, logLevel_ = "warning", array_;
@@ -133,7 +135,8 @@ boost::shared_ptr<ZR::ZRBroker> HostCommand::start(ZR::ZRBrokerOptions o) {
   return broker;
 }
 
-void HostCommand::createModules(const boost::shared_ptr<ZR::ZRBroker>& broker) {
+int HostCommand::createModules(const boost::shared_ptr<ZR::ZRBroker>& broker,
+                               const sigset_t& signals) {
   auto published = [](const std::string& name, const std::string& what) {
     say("published " + name + " (" + what + ")");
   };
@@ -155,14 +158,23 @@ void HostCommand::createModules(const boost::shared_ptr<ZR::ZRBroker>& broker) {
   for (const std::string& e : extractors_) registry.require(e);
   ZR::ZRExtractorRegistry::Options options;
   if (!array_.empty()) options["array"] = checkedArray(array_, registry, extractors_);
-  if (!extractors_.empty() &&
-      broker->session()->waitForService(ZR::kMemoryServiceName).async().wait(kDirectoryWaitMs) !=
-          vo::FutureState::FinishedWithValue)
+  // An extractor waits for the memory service as it is made, deaf to signals: the host waits
+  // here instead, where Ctrl-C still stops it.
+  auto memory = [&](int ms) {
+    return broker->session()->waitForService(ZR::kMemoryServiceName).async().wait(ms) ==
+           vo::FutureState::FinishedWithValue;
+  };
+  if (!extractors_.empty() && !memory(kDirectoryWaitMs)) {
     say("waiting for " + std::string(ZR::kMemoryServiceName) + " (a host with --memory)");
+    const timespec now{0, 0};
+    while (!memory(100))
+      if (const int signal = sigtimedwait(&signals, nullptr, &now); signal >= 0) return signal;
+  }
   for (const std::string& e : extractors_) {
     registry.create(e, broker, e, registry.optionsFor(e, options));
     published(e, "extractor");
   }
+  return -1;
 }
 
 int HostCommand::run() {
@@ -211,17 +223,17 @@ int HostCommand::run() {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
   boost::shared_ptr<ZR::ZRBroker> broker = start(o);
+  int signal = -1;
   try {
-    createModules(broker);
+    signal = createModules(broker, signals);
   } catch (...) {
     broker->shutdown();
     throw;
   }
-  say("serving; stop with Ctrl-C");
+  if (signal < 0) say("serving; stop with Ctrl-C");
 
   std::map<std::string, std::string> peers;
   const timespec tick{0, 100 * 1000 * 1000};
-  int signal = -1;
   while (signal < 0) {
     const std::map<std::string, std::string> now = peersOf(*broker->session());
     for (const auto& [endpoint, host] : now)

@@ -62,8 +62,8 @@ class ZRStreamSender {
   /// post() as an executor, which throws ZRError when refused: a delivery line's pump.
   std::function<void(std::function<void()>)> ioExecutor();
 
-  /// From the transport: the receiver answered `credits` more messages, in order, the latest
-  /// of those that carried a capture time starting `delayNs` after it (0: none did).
+  /// From the transport: the receiver answered `credits` more messages, in order; those that
+  /// carried a capture time started at most `delayNs` after it (0: none carried one).
   void grant(std::uint32_t credits, std::int64_t delayNs = 0);
   /// From the transport: message `seq` failed with `error` (its credit follows).
   void error(std::uint64_t seq, const ZRError& error);

@@ -381,3 +381,10 @@ TEST(ZrNet, ResultsAreTimedFromCaptureAcrossHosts) {
   EXPECT_EQ(timed, 2) << top.second;
   EXPECT_EQ(watch.stop(SIGINT), 0);
 }
+
+// A host of extractors waits for a memory service that may never come: Ctrl-C still stops it.
+TEST(ZrNet, AHostWaitingForAMemoryServiceStopsOnASignal) {
+  Zr lonely("host --name lonely -e SoundLevel --serve-directory --directory tcp://127.0.0.1:0");
+  ASSERT_NE(lonely.waitFor("waiting for ZRMemory", kLimit), "");
+  EXPECT_EQ(lonely.stop(SIGINT), 0);
+}
