@@ -6,8 +6,7 @@
 #   bench/zr_list_after_kill.sh [path/to/zr] [runs]   (default: build-bench/tools/zr/zr, 5 runs)
 source "$(dirname "$0")/zr_network.sh"
 runs=${2:-5}
-"$zr" host --name directory --serve-directory -e SoundLevel --log-level error >/dev/null 2>&1 &
-hosts+=($!)
+serve directory -e SoundLevel --log-level error
 for run in $(seq "$runs"); do
   "$zr" host --name victim --memory --device tone:440 --log-level error >"$work/victim.log" 2>&1 &
   victim=$!

@@ -11,9 +11,7 @@ runs=${2:-3}
 input=${TMPDIR:-/tmp}/zr_bench_10min_4ch.wav
 [ -f "$input" ] || sox -R -n -r 16000 -c 4 -b 16 "$input" synth 600 pinknoise vol 0.3
 
-"$zr" host --name device --serve-directory --memory --device "$input" --log-level error \
-  >"$work/device.log" 2>&1 &
-hosts+=($!)
+serve device --memory --device "$input" --log-level error
 "$zr" host --name extractor -e SoundLevel --log-level error >"$work/extractor.log" 2>&1 &
 hosts+=($!)
 # Ready once the client sees all three modules.
