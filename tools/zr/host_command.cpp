@@ -13,6 +13,7 @@
 #include <zrerror/zrdefaults.h>
 #include <zrextractors/zrextractorregistry.h>
 #include <zrmemory/zrmemory.h>
+#include <zrsoundextractor/zrsoundextractor.h>
 
 #include "arrayoption.h"
 #include "command.h"
@@ -98,6 +99,7 @@ class HostCommand : public Command {
   /// Creates the modules asked for; the signal among `signals` that came while the extractors
   /// waited for a memory service (and none was created), or -1.
   int createModules(const boost::shared_ptr<ZR::ZRBroker>& broker, const sigset_t& signals);
+  void stopSoundExtractors();
 
   std::string name_ = defaultHostName(), listen_ = ZR::kDefaultListen, advertise_, input_;
   std::string curveKeys_, allow_, serverKey_, directory_, logLevel_ = "warning", array_;
@@ -105,6 +107,7 @@ class HostCommand : public Command {
   int heartbeat_ = 0;
   DeviceFlags deviceFlags_;
   std::vector<std::string> extractors_, libraries_;
+  std::vector<boost::shared_ptr<ZR::ZRModuleCore>> made_;  // the extractors, until shutdown
   CLI::Option* device_ = nullptr;
   CLI::Option* directoryOption_ = nullptr;
 };
@@ -171,10 +174,22 @@ int HostCommand::createModules(const boost::shared_ptr<ZR::ZRBroker>& broker,
       if (const int signal = sigtimedwait(&signals, nullptr, &now); signal >= 0) return signal;
   }
   for (const std::string& e : extractors_) {
-    registry.create(e, broker, e, registry.optionsFor(e, options));
+    made_.push_back(registry.create(e, broker, e, registry.optionsFor(e, options)));
     published(e, "extractor");
   }
   return -1;
+}
+
+void HostCommand::stopSoundExtractors() {
+  // A sound extractor whose device left first would end the process as it is destroyed (its
+  // unsubscribe from the device fails there, unguarded): stopped here, the failure is only said.
+  for (const auto& module : made_)
+    if (auto sound = boost::dynamic_pointer_cast<ZR::ZRSoundExtractor>(module)) try {
+        sound->stopDetection();
+      } catch (const std::exception& e) {
+        say(module->getName() + " could not unsubscribe from its device: " + e.what());
+      }
+  made_.clear();
 }
 
 int HostCommand::run() {
@@ -227,6 +242,7 @@ int HostCommand::run() {
   try {
     signal = createModules(broker, signals);
   } catch (...) {
+    made_.clear();
     broker->shutdown();
     throw;
   }
@@ -244,6 +260,7 @@ int HostCommand::run() {
     signal = sigtimedwait(&signals, nullptr, &tick);
   }
   say(std::string("shutting down (") + (signal == SIGINT ? "SIGINT" : "SIGTERM") + ")");
+  stopSoundExtractors();
   broker->shutdown();
   say("host " + name_ + " stopped");
   return 0;

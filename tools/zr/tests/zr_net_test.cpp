@@ -388,3 +388,16 @@ TEST(ZrNet, AHostWaitingForAMemoryServiceStopsOnASignal) {
   ASSERT_NE(lonely.waitFor("waiting for ZRMemory", kLimit), "");
   EXPECT_EQ(lonely.stop(SIGINT), 0);
 }
+
+// The device's host stops first: the extractor's host, still subscribed to it, stops cleanly
+// all the same, saying that its extractor could not unsubscribe.
+TEST(ZrNet, AHostWhoseDeviceLeftFirstStopsCleanly) {
+  Host memory("--memory");
+  Host device("--device tone:440 --realtime", "devhost", memory.dir);
+  Host extractor("-e SoundLevel", "exthost", memory.dir);
+  Zr watch("watch SoundLevel/Levels" + memory.dir);
+  ASSERT_NE(watch.waitFor("\"Levels\""), "");
+  EXPECT_EQ(device.stop(SIGTERM), 0);
+  EXPECT_EQ(extractor.stop(SIGINT), 0);
+  EXPECT_EQ(watch.stop(SIGINT), 0);
+}
