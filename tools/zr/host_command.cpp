@@ -4,9 +4,12 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
+#include <future>
 #include <map>
 #include <set>
+#include <thread>
 
 #include <vo/log.h>
 #include <zrcommon/zrservicenames.h>
@@ -96,9 +99,11 @@ class HostCommand : public Command {
 
  private:
   boost::shared_ptr<ZR::ZRBroker> start(ZR::ZRBrokerOptions o);
-  /// Creates the modules asked for; the signal among `signals` that came while the extractors
-  /// waited for a memory service (and none was created), or -1.
-  int createModules(const boost::shared_ptr<ZR::ZRBroker>& broker, const sigset_t& signals);
+  void createModules(const boost::shared_ptr<ZR::ZRBroker>& broker);
+  /// createModules on a thread of its own; the signal among `signals` that came meanwhile (the
+  /// modules then given up), or -1.
+  int createModulesUnlessStopped(const boost::shared_ptr<ZR::ZRBroker>& broker,
+                                 const sigset_t& signals);
   void stopSoundExtractors();
 
   std::string name_ = defaultHostName(), listen_ = ZR::kDefaultListen, advertise_, input_;
@@ -138,8 +143,7 @@ boost::shared_ptr<ZR::ZRBroker> HostCommand::start(ZR::ZRBrokerOptions o) {
   return broker;
 }
 
-int HostCommand::createModules(const boost::shared_ptr<ZR::ZRBroker>& broker,
-                               const sigset_t& signals) {
+void HostCommand::createModules(const boost::shared_ptr<ZR::ZRBroker>& broker) {
   auto published = [](const std::string& name, const std::string& what) {
     say("published " + name + " (" + what + ")");
   };
@@ -161,23 +165,44 @@ int HostCommand::createModules(const boost::shared_ptr<ZR::ZRBroker>& broker,
   for (const std::string& e : extractors_) registry.require(e);
   ZR::ZRExtractorRegistry::Options options;
   if (!array_.empty()) options["array"] = checkedArray(array_, registry, extractors_);
-  // An extractor waits for the memory service as it is made, deaf to signals: the host waits
-  // here instead, where Ctrl-C still stops it.
-  auto memory = [&](int ms) {
-    return broker->session()->waitForService(ZR::kMemoryServiceName).async().wait(ms) ==
-           vo::FutureState::FinishedWithValue;
-  };
-  if (!extractors_.empty() && !memory(kDirectoryWaitMs)) {
+  if (!extractors_.empty() &&
+      broker->session()->waitForService(ZR::kMemoryServiceName).async().wait(kDirectoryWaitMs) !=
+          vo::FutureState::FinishedWithValue)
     say("waiting for " + std::string(ZR::kMemoryServiceName) + " (a host with --memory)");
-    const timespec now{0, 0};
-    while (!memory(100))
-      if (const int signal = sigtimedwait(&signals, nullptr, &now); signal >= 0) return signal;
-  }
   for (const std::string& e : extractors_) {
     made_.push_back(registry.create(e, broker, e, registry.optionsFor(e, options)));
     published(e, "extractor");
   }
-  return -1;
+}
+
+int HostCommand::createModulesUnlessStopped(const boost::shared_ptr<ZR::ZRBroker>& broker,
+                                            const sigset_t& signals) {
+  // An extractor waits for the memory service as it is made, deaf to signals: it is made on a
+  // thread of its own, and a signal meanwhile closes the session, which ends that wait.
+  std::promise<void> made;
+  std::future<void> done = made.get_future();
+  std::thread maker([&] {
+    try {
+      createModules(broker);
+      made.set_value();
+    } catch (...) {
+      made.set_exception(std::current_exception());
+    }
+  });
+  const timespec now{0, 0};
+  int signal = -1;
+  while (done.wait_for(std::chrono::milliseconds(10)) != std::future_status::ready)
+    if ((signal = sigtimedwait(&signals, nullptr, &now)) >= 0) {
+      broker->session()->close();
+      break;
+    }
+  maker.join();
+  try {
+    done.get();
+  } catch (...) {
+    if (signal < 0) throw;  // given up anyway otherwise
+  }
+  return signal;
 }
 
 void HostCommand::stopSoundExtractors() {
@@ -240,7 +265,7 @@ int HostCommand::run() {
   boost::shared_ptr<ZR::ZRBroker> broker = start(o);
   int signal = -1;
   try {
-    signal = createModules(broker, signals);
+    signal = createModulesUnlessStopped(broker, signals);
   } catch (...) {
     made_.clear();
     broker->shutdown();
