@@ -207,13 +207,18 @@ int HostCommand::createModulesUnlessStopped(const boost::shared_ptr<ZR::ZRBroker
 
 void HostCommand::stopSoundExtractors() {
   // A sound extractor whose device left first would end the process as it is destroyed (its
-  // unsubscribe from the device fails there, unguarded): stopped here, the failure is only said.
-  for (const auto& module : made_)
-    if (auto sound = boost::dynamic_pointer_cast<ZR::ZRSoundExtractor>(module)) try {
-        sound->stopDetection();
+  // unsubscribe from the device fails there, unguarded). Its subscribers leave it here instead,
+  // through its own locked path: the last one stops it, and a failure is only said.
+  for (const auto& module : made_) {
+    auto sound = boost::dynamic_pointer_cast<ZR::ZRSoundExtractor>(module);
+    if (!sound) continue;
+    const ZR::ZRValue subscribers = sound->getSubscribersInfo();
+    for (int i = 0; i < subscribers.getSize(); ++i) try {
+        sound->unsubscribe(subscribers[i][0].toStringRef());
       } catch (const std::exception& e) {
-        say(module->getName() + " could not unsubscribe from its device: " + e.what());
+        say("stopping " + module->getName() + ": " + e.what());
       }
+  }
   made_.clear();
 }
 
