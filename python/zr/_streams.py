@@ -53,15 +53,17 @@ class Streams:
                     log.warning("zr: a data message for a missing module %r is skipped", n)
                     continue
                 jobs.append((mod, args))
-        credit = (w.message(w.CREDIT, {"stream": stream, "credits": 1}) if stream else None)
         captured = env.get("captured")
 
+        def credit(delay=0):
+            # `delay`: how late after its sound's capture the message started here, if known.
+            fields = {"stream": stream, "credits": 1}
+            if delay > 0:
+                fields["delay"] = delay
+            return w.message(w.CREDIT, fields)
+
         def run_all():
-            nonlocal credit
-            # How late after its sound's capture the message starts here, for the sender's figures.
             delay = time.time_ns() - captured if captured else 0
-            if stream and delay > 0:
-                credit = w.message(w.CREDIT, {"stream": stream, "credits": 1, "delay": delay})
             failure = None
             for mod, args in jobs:
                 try:
@@ -77,7 +79,7 @@ class Streams:
                 frames.append(w.message(w.STREAM_ERROR, {
                     "stream": stream, "seq": env["seq"], "module": failure.module,
                     "method": failure.method, "description": failure.description}))
-            frames.append(credit)
+            frames.append(credit(delay))
 
             def answer():
                 for f in frames:
@@ -91,8 +93,8 @@ class Streams:
         try:
             jobs[0][0].executor.submit(run_all)
         except RuntimeError:  # the module was unhosted meanwhile: the sender still gets credit
-            if credit:
-                self._conn.send_router(ident, credit)
+            if stream:
+                self._conn.send_router(ident, credit())
 
 
 def raise_event(client, event, value):
