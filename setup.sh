@@ -26,6 +26,8 @@ PACKAGES=(
   # the live-latency benchmark keeps the other core busy with it
   stress-ng
   libzmq3-dev cppzmq-dev libmsgpack-cxx-dev
+  # recordings: the container's chunk codecs and CRC-32
+  libzstd-dev liblz4-dev zlib1g-dev
   clang libfuzzer-14-dev clang-format
   # for Debian's /usr/bin/python3, which the Python client and its extractors run on (not a python3
   # that comes first on the PATH)

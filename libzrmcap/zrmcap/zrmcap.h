@@ -42,8 +42,8 @@ struct ZRMcapChannel {
 struct ZRMcapMessage {
   std::uint16_t channelId = 0;
   std::uint32_t sequence = 0;
-  std::uint64_t logTime = 0;      ///< ns
-  std::uint64_t publishTime = 0;  ///< ns
+  std::uint64_t logTime = 0;           ///< ns
+  std::uint64_t publishTime = 0;       ///< ns
   const std::uint8_t* data = nullptr;  ///< valid during the callback only
   std::size_t size = 0;
 };
@@ -84,6 +84,9 @@ class ZRMcapWriter {
   /// keeps every chunk closed before, and close() still tries to end it).
   void write(std::uint16_t channel, std::uint64_t logTime, std::uint64_t publishTime,
              const void* data, std::size_t size);
+  /// Closes the open chunk now (a recorder whose messages pause bounds what a kill would lose);
+  /// throws ZRError as write() does.
+  void flush();
   /// Ends the file; throws ZRError when it cannot be written. Idempotent.
   void close();
 
@@ -124,6 +127,8 @@ class ZRMcapReader {
  public:
   /// Throws ZRError: the file cannot be opened, is not MCAP, or its start is damaged.
   explicit ZRMcapReader(const std::string& path);
+  /// Reads `size` bytes held in memory (copied); `name` stands for the path in errors.
+  ZRMcapReader(const void* data, std::size_t size, const std::string& name);
   ~ZRMcapReader();
   ZRMcapReader(const ZRMcapReader&) = delete;
   ZRMcapReader& operator=(const ZRMcapReader&) = delete;
