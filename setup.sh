@@ -26,8 +26,9 @@ PACKAGES=(
   # the live-latency benchmark keeps the other core busy with it
   stress-ng
   libzmq3-dev cppzmq-dev libmsgpack-cxx-dev
-  # recordings: the container's chunk codecs and CRC-32
-  libzstd-dev liblz4-dev zlib1g-dev
+  # recordings: the container's chunk codecs and CRC-32; node runs the reference implementation
+  # the container's tests compare with (npm comes with it, or below)
+  libzstd-dev liblz4-dev zlib1g-dev nodejs
   clang libfuzzer-14-dev clang-format
   # for Debian's /usr/bin/python3, which the Python client and its extractors run on (not a python3
   # that comes first on the PATH)
@@ -50,6 +51,24 @@ install_deps() {
     "${missing[@]}" >/dev/null
 }
 
+# install_npm DIR: the reference implementation's npm packages that the recording container's
+# tests run, pinned by libzrmcap/tests/package-lock.json, into DIR/npm (never the source tree).
+install_npm() {
+  local dir=$1/npm lock=libzrmcap/tests/package-lock.json
+  if ! command -v npm >/dev/null 2>&1; then
+    # Debian's nodejs comes without npm; another nodejs may bring its own (and conflict with it).
+    local sudo=()
+    if [ "$(id -u)" -ne 0 ]; then sudo=(sudo); fi
+    DEBIAN_FRONTEND=noninteractive "${sudo[@]}" apt-get install -y -qq --no-install-recommends npm >/dev/null
+  fi
+  if cmp -s "$lock" "$dir/package-lock.json" && [ -d "$dir/node_modules/@mcap/core" ]; then
+    return 0
+  fi
+  mkdir -p "$dir"
+  cp libzrmcap/tests/package.json "$lock" "$dir/"
+  npm ci --prefix "$dir" --ignore-scripts --no-audit --no-fund --loglevel=error
+}
+
 # build DIR [cmake options...]
 build() {
   local dir=$1
@@ -67,7 +86,7 @@ run_tests() {
 cmd=${1:-test}
 case "$cmd" in
   deps) install_deps ;;
-  build) install_deps; build build -DZR_BUILD_BENCHMARKS=ON ;;
+  build) install_deps; build build -DZR_BUILD_BENCHMARKS=ON; install_npm build ;;
   format)
     install_deps
     git ls-files -z -- '*.cpp' '*.h' | xargs -0 clang-format --dry-run -Werror
@@ -76,16 +95,19 @@ case "$cmd" in
   test)
     install_deps
     build build -DZR_BUILD_BENCHMARKS=ON
+    install_npm build
     run_tests build
     ;;
   asan)
     install_deps
     build build-asan -DZR_SANITIZE=address,undefined
+    install_npm build-asan
     ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 run_tests build-asan
     ;;
   tsan)
     install_deps
     build build-tsan -DZR_SANITIZE=thread
+    install_npm build-tsan
     TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" run_tests build-tsan -L concurrency
     ;;
   bench)
