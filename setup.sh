@@ -9,7 +9,8 @@
 #   ./setup.sh bench       build and run the benchmarks (build-bench/)
 #   ./setup.sh example     install into a temporary prefix, build examples/peakmeter against it
 #                          and run it through the installed zr
-#   ./setup.sh fuzz [SECONDS]  fuzz the wire decoder (clang + libFuzzer, build-fuzz/), default 60 s
+#   ./setup.sh fuzz [SECONDS]  fuzz the wire decoder (two thirds of the time) and the recording
+#                          reader (clang + libFuzzer, build-fuzz/), default 60 s in all
 #   ./setup.sh format      check that every C++ file is as clang-format leaves it (.clang-format)
 #   ./setup.sh deps        only install the packages
 #   ./setup.sh build       only install and build (build/)
@@ -142,12 +143,16 @@ case "$cmd" in
     seconds=${2:-60}
     CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
       -DZR_BUILD_TESTS=OFF -DZR_BUILD_FUZZERS=ON >/dev/null
-    cmake --build build-fuzz -j "$(nproc)" --target zrnet_fuzz_decoder zrnet_fuzz_seeds
-    mkdir -p build-fuzz/corpus build-fuzz/seeds
+    cmake --build build-fuzz -j "$(nproc)" --target zrnet_fuzz_decoder zrnet_fuzz_seeds \
+      zrmcap_fuzz_reader zrmcap_fuzz_seeds
+    mkdir -p build-fuzz/corpus build-fuzz/seeds build-fuzz/corpus-mcap build-fuzz/seeds-mcap
     build-fuzz/libzrnet/zrnet_fuzz_seeds build-fuzz/seeds
-    # The grown corpus stays in build-fuzz/corpus for the next run; crashes land in build-fuzz/.
-    build-fuzz/libzrnet/zrnet_fuzz_decoder -max_total_time="$seconds" -max_len=4096 \
+    build-fuzz/libzrmcap/zrmcap_fuzz_seeds build-fuzz/seeds-mcap
+    # The grown corpora stay in build-fuzz/corpus* for the next run; crashes land in build-fuzz/.
+    build-fuzz/libzrnet/zrnet_fuzz_decoder -max_total_time=$((seconds * 2 / 3)) -max_len=4096 \
       -artifact_prefix=build-fuzz/ build-fuzz/corpus build-fuzz/seeds
+    build-fuzz/libzrmcap/zrmcap_fuzz_reader -max_total_time=$((seconds - seconds * 2 / 3)) \
+      -max_len=8192 -artifact_prefix=build-fuzz/mcap- build-fuzz/corpus-mcap build-fuzz/seeds-mcap
     ;;
   demo)
     install_deps

@@ -46,7 +46,7 @@ void Encoder::stringMap(const std::map<std::string, std::string>& m) {
     str(v);
   }
   const auto n = static_cast<std::uint32_t>(out_.size() - at - 4);
-  for (int i = 0; i < 4; ++i) out_[at + i] = static_cast<std::uint8_t>(n >> (8 * i));
+  for (std::size_t i = 0; i < 4; ++i) out_[at + i] = static_cast<std::uint8_t>(n >> (8 * i));
 }
 
 std::size_t Encoder::begin(std::uint8_t opcode) {
@@ -58,7 +58,7 @@ std::size_t Encoder::begin(std::uint8_t opcode) {
 
 void Encoder::end(std::size_t begun) {
   const std::uint64_t n = out_.size() - begun - 8;
-  for (int i = 0; i < 8; ++i) out_[begun + i] = static_cast<std::uint8_t>(n >> (8 * i));
+  for (std::size_t i = 0; i < 8; ++i) out_[begun + i] = static_cast<std::uint8_t>(n >> (8 * i));
 }
 
 void encodeSchema(Encoder& e, const ZRMcapSchema& s) {
@@ -254,8 +254,8 @@ void compress(ZRMcapCompression c, const std::vector<std::uint8_t>& in,
 
 std::uint64_t maxUncompressed(const std::string& compression, std::size_t inSize) {
   // Past these ratios the codec cannot go: lz4 emits at most 255 bytes per length byte, zstd at
-  // most a 128 KiB run-length block per 4 bytes.
-  constexpr std::uint64_t kCeiling = std::uint64_t{1} << 32;
+  // most a 128 KiB run-length block per 4 bytes. No writer makes chunks of a gigabyte.
+  constexpr std::uint64_t kCeiling = std::uint64_t{1} << 30;
   std::uint64_t bound = inSize;
   if (compression == "lz4") bound = std::uint64_t{inSize} * 256 + 64;
   if (compression == "zstd") bound = std::uint64_t{inSize} * 32768 + 1024;
@@ -270,6 +270,17 @@ std::string decompress(const std::string& compression, const std::uint8_t* in, s
   if (size > maxUncompressed(compression, inSize)) {
     return "declares " + std::to_string(size) + " uncompressed bytes for " +
            std::to_string(inSize) + " compressed";
+  }
+  if (compression == "zstd") {
+    // A frame says its size (as every writer we know makes it): a chunk that declares another is
+    // damaged, whatever the ratio allows.
+    const unsigned long long framed = ZSTD_getFrameContentSize(in, inSize);
+    if (framed == ZSTD_CONTENTSIZE_ERROR) return "zstd: not a zstd frame";
+    const bool alone = ZSTD_findFrameCompressedSize(in, inSize) == inSize;
+    if (framed != ZSTD_CONTENTSIZE_UNKNOWN && (framed > size || (alone && framed != size))) {
+      return "zstd: the frame holds " + std::to_string(framed) + " bytes, " + std::to_string(size) +
+             " declared";
+    }
   }
   out.resize(static_cast<std::size_t>(size));
   if (compression.empty()) {

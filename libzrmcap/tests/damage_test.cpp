@@ -144,7 +144,8 @@ TEST_F(McapDamageTest, FlippedBytesAreCaughtWithTheirOffset) {
 TEST_F(McapDamageTest, ImpossibleLengthsAndUnknownCompressionAreErrors) {
   using namespace ZR::mcap;
   const auto withChunk = [&](const std::string& compression, std::uint64_t size,
-                             std::uint64_t recordLength) {
+                             std::uint64_t recordLength,
+                             const std::string& records = "0123456789abcdef") {
     std::vector<std::uint8_t> b(kMagic, kMagic + 8);
     Encoder e(b);
     auto r = e.begin(kHeader);
@@ -157,8 +158,8 @@ TEST_F(McapDamageTest, ImpossibleLengthsAndUnknownCompressionAreErrors) {
     e.u64(size);
     e.u32(0);
     e.str(compression);
-    e.u64(16);
-    e.bytes("0123456789abcdef", 16);
+    e.u64(records.size());
+    e.bytes(records.data(), records.size());
     e.end(r);
     if (recordLength != 0) {
       for (int i = 0; i < 8; ++i) b[26 + i] = static_cast<std::uint8_t>(recordLength >> (8 * i));
@@ -177,6 +178,11 @@ TEST_F(McapDamageTest, ImpossibleLengthsAndUnknownCompressionAreErrors) {
   EXPECT_TRUE(contains(withChunk("", 16, ~std::uint64_t{0}),
                        "truncated at byte 90: a chunk of 18446744073709551615 bytes at byte 25 "
                        "was cut short"));
+  // A frame that holds other than the chunk declares, within what the ratio allows.
+  std::vector<std::uint8_t> frame;
+  compress(ZRMcapCompression::Zstd, std::vector<std::uint8_t>(5000, 'a'), frame);
+  EXPECT_TRUE(contains(withChunk("zstd", 4000, 0, std::string(frame.begin(), frame.end())),
+                       "zstd: the frame holds 5000 bytes, 4000 declared"));
   // A chunk whose records length overruns its own record.
   EXPECT_TRUE(contains(withChunk("", 16, 40), "the chunk at byte 25 is malformed"));
 
