@@ -208,6 +208,8 @@ TEST_F(McapDamageTest, WhatIsNotARecordingIsAnError) {
         "header at byte 8 is missing");
   const auto e = zrtest::errorOf([&] { ZRMcapReader r(path("absent.mcap")); });
   EXPECT_TRUE(contains(e.getDescription(), "cannot open")) << e.what();
+  EXPECT_THROW(ZRMcapReader r(dir_.string()), ZR::ZRError);
+  EXPECT_THROW(ZRMcapReader r("/dev/null"), ZR::ZRError);
 
   // Garbage after a good start: the start is kept, the rest named.
   const std::string start = std::string("\x89MCAP0\r\n\x01", 9) +
