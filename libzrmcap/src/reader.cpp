@@ -236,8 +236,12 @@ struct ZRMcapReader::Impl {
       return true;
     };
     std::optional<Stop> met = walk(counted, {}, true);
-    const std::string read = "; the " + plural(s.chunkCount, "complete chunk") + " before it " +
-                             (s.chunkCount == 1 ? "is" : "are") + " read";
+    // Files of other writers may hold messages outside chunks: those are counted instead.
+    const std::uint64_t n = s.chunkCount > 0 ? s.chunkCount : s.messageCount;
+    const std::string read =
+        n == 0 ? std::string("; nothing before it is read")
+               : "; the " + plural(n, s.chunkCount > 0 ? "complete chunk" : "message") +
+                     " before it " + (n == 1 ? "is" : "are") + " read";
     if (met) {
       dataLimit = met->offset;
       stop = met;

@@ -171,7 +171,7 @@ TEST_F(McapDamageTest, ImpossibleLengthsAndUnknownCompressionAreErrors) {
   };
   EXPECT_TRUE(contains(withChunk("zstd", std::uint64_t{1} << 40, 0),
                        "the chunk at byte 25: declares 1099511627776 uncompressed bytes for 16 "
-                       "compressed; the 0 complete chunks before it are read"));
+                       "compressed; nothing before it is read"));
   EXPECT_TRUE(contains(withChunk("brotli", 16, 0), "unknown compression \"brotli\""));
   EXPECT_TRUE(contains(withChunk("lz4", 16, 0), "the chunk at byte 25: lz4: "));
   EXPECT_TRUE(contains(withChunk("", 15, 0), "the chunk at byte 25: uncompressed records"));

@@ -185,6 +185,16 @@ TEST_F(McapTest, ReadsMessagesOutsideChunksAndSkipsUnknownRecords) {
   e.bytes(kMagic, 8);
   spit(path("other.mcap"), std::string(b.begin(), b.end()));
 
+  const std::string whole(b.begin(), b.end());
+  spit(path("cut.mcap"), whole.substr(0, whole.size() - 60));
+  EXPECT_EQ(ZRMcapReader(path("cut.mcap")).summary().damage,
+            "truncated at byte " + std::to_string(whole.size() - 60) +
+                ": a message of 25 bytes at "
+                "byte " +
+                std::to_string(whole.size() - 84) +
+                " was cut short; the 2 messages before it "
+                "are read");
+
   ZRMcapReader reader(path("other.mcap"));
   const auto& s = reader.summary();
   EXPECT_TRUE(s.complete) << s.damage;
