@@ -177,7 +177,8 @@ def _decompressed(compression, data, size):
 
 class McapReader:
     """An MCAP file: `header`, `schemas` and `channels` (by id), `message_counts` (by channel
-    id), `statistics` and `chunk_indexes` (None or [] when the file has none). `complete` is
+    id), `statistics` and `chunk_indexes` (None or [] when the file has none), `start_time`
+    and `end_time` (log times, ns; None without messages). `complete` is
     False for a file cut short, whose `damage` says where ("" when complete) and whose
     `damage_offset` is the first byte not read. messages() reads the data section again on each
     call; the file is not held open between calls."""
@@ -186,6 +187,7 @@ class McapReader:
         self.path = os.fspath(path)
         self.schemas, self.channels, self.message_counts = {}, {}, {}
         self.statistics, self.chunk_indexes = None, []
+        self.start_time = self.end_time = None  # log times of the first and last messages
         self.complete, self.damage, self.damage_offset = True, "", None
         try:
             f = open(self.path, "rb")
@@ -302,6 +304,9 @@ class McapReader:
             self.schemas, self.channels = {}, {}
             return False
         self.message_counts = dict(self.statistics.channel_message_counts)
+        if self.statistics.message_count:
+            self.start_time = self.statistics.message_start_time
+            self.end_time = self.statistics.message_end_time
         return True
 
     def _cut(self, offset, why):
@@ -405,6 +410,9 @@ class McapReader:
                     m.channel_id, where), pos)
             if scan:
                 self.message_counts[m.channel_id] = self.message_counts.get(m.channel_id, 0) + 1
+                t = m.log_time
+                self.start_time = t if self.start_time is None else min(self.start_time, t)
+                self.end_time = t if self.end_time is None else max(self.end_time, t)
             if wanted is None or m.channel_id in wanted:
                 yield m
         elif opcode in (SCHEMA, CHANNEL):
