@@ -249,12 +249,10 @@ class McapReader:
         """Reads footer and summary; False when the file has no footer (it was cut short), or
         no summary to say what it holds."""
         footer_at = self._size - _TAIL
-        if footer_at < self._data_start + _DATA_END_SIZE:
-            return self._cut(self._size, "it has no footer")
-        f.seek(footer_at)
+        f.seek(max(footer_at, 0))
         tail = f.read(_TAIL)
-        if tail[-len(MAGIC):] != MAGIC:
-            return self._cut(self._size, "it has no footer")
+        if footer_at < self._data_start + _DATA_END_SIZE or tail[-len(MAGIC):] != MAGIC:
+            return self._cut(self._size, "cut short at byte %d, before its footer" % self._size)
         opcode, length = _RECORD.unpack_from(tail)
         if opcode != FOOTER or length != _FOOTER_BODY:
             raise self._error("ends with the MCAP magic but no footer before it", footer_at)
@@ -338,8 +336,8 @@ class McapReader:
                 if known_end:
                     raise self._error("its data section runs past its data end record", pos)
                 if scan:
-                    self._cut(pos, "cut short at byte %d, inside the header of a record"
-                              % self._size)
+                    self._cut(pos, "cut short at byte %d, %s" % (self._size, "after a complete "
+                              "record" if pos == self._size else "inside the header of a record"))
                 return
             opcode, length = _RECORD.unpack(raw)
             if length > limit - pos - _RECORD.size:
@@ -358,8 +356,9 @@ class McapReader:
                 if declared and declared != crc:
                     raise self._error("the CRC of its data section does not match", pos)
                 if scan and not known_end:
-                    self._cut(pos + _RECORD.size + length, "it has no valid footer after its "
-                              "data end record, at byte %d" % (pos + _RECORD.size + length))
+                    self._cut(pos + _RECORD.size + length, "cut short at byte %d, after its data "
+                              "end record (all its data is read) but before a valid footer"
+                              % self._size)
                 return
             crc = zlib.crc32(body, zlib.crc32(raw, crc))
             if opcode in (HEADER, FOOTER) or opcode == 0:
