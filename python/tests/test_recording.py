@@ -5,6 +5,7 @@ import base64
 import json
 import os
 import pathlib
+import re
 import shutil
 import struct
 import subprocess
@@ -235,22 +236,28 @@ def test_unknown_records_are_skipped_and_a_zero_crc_is_not_checked(files, tmp_pa
         everything(zr.Recording(f))
 
 
-def test_what_is_not_a_recording_is_a_clear_error(files, tmp_path):
-    path, data, _ = files["zstd"]
-    cases = {"empty": b"", "text": b"timestamp,level\n0.0,-20\n" * 10,
-             "wave": pathlib.Path(ROOT / "data" / "sample.wav").read_bytes()[:4096],
-             "magic": data[:5], "header": data[:20],
-             "zeros": data[:17 + struct.unpack_from("<Q", data, 9)[0]] + b"\0" * 64}
-    for name, content in cases.items():
-        f = tmp_path / (name + ".mcap")
-        f.write_bytes(content)
-        with pytest.raises(zr.RecordingError) as e:
-            everything(zr.Recording(f))
-        assert isinstance(e.value, zr.ZRError) and isinstance(e.value, ValueError)
-        assert str(f) in str(e.value) and "at byte" in str(e.value), (name, str(e.value))
+def bad(tmp_path, name, content):
+    f = tmp_path / (name + ".mcap")
+    f.write_bytes(content)
+    with pytest.raises(zr.RecordingError) as e:
+        everything(zr.Recording(f))
+    assert isinstance(e.value, zr.ZRError) and isinstance(e.value, ValueError)
+    assert str(f) in str(e.value) and "at byte" in str(e.value), (name, str(e.value))
+
+
+def test_what_is_not_mcap_is_a_clear_error(tmp_path):
+    bad(tmp_path, "empty", b"")
+    bad(tmp_path, "text", b"timestamp,level\n0.0,-20\n" * 10)
+    bad(tmp_path, "wave", pathlib.Path(ROOT / "data" / "sample.wav").read_bytes()[:4096])
     with pytest.raises(zr.RecordingError, match="cannot be opened"):
         zr.Recording(tmp_path / "absent.mcap")
 
+
+def test_a_damaged_start_and_unknown_topics_are_clear_errors(files, tmp_path):
+    path, data, _ = files["zstd"]
+    bad(tmp_path, "magic", data[:5])
+    bad(tmp_path, "header", data[:20])
+    bad(tmp_path, "zeros", data[:17 + struct.unpack_from("<Q", data, 9)[0]] + b"\0" * 64)
     rec = zr.Recording(path)
     with pytest.raises(zr.RecordingError, match=r'no event channel "ZRAudioDevice/Sound" \(it has: '
                        + COUNT):
@@ -258,3 +265,15 @@ def test_what_is_not_a_recording_is_a_clear_error(files, tmp_path):
     with pytest.raises(zr.RecordingError, match='no sound channel "Nope"'):
         list(rec.sound("Nope"))
     assert list(rec.events(["Counter/Count"]))[0]["value"] == 0
+
+
+def test_the_pages_example_runs(files, tmp_path, monkeypatch, capsys):
+    page = (ROOT / "docs" / "python.md").read_text()
+    example = re.search(r"^## Recordings\n.*?```python\n(.*?)```", page, re.M | re.S).group(1)
+    shutil.copy(files["zstd"][0], tmp_path / "session.mcap")
+    monkeypatch.chdir(tmp_path)
+    exec(compile(example, "docs/python.md", "exec"), {})
+    out = capsys.readouterr().out.splitlines()
+    assert out[0] == "%s sound %d" % (SOUND, BLOCKS)
+    assert out[-1] == "%d (%d, %d) [(%d, %d)]" % (RATE, BLOCKS * FRAMES + LOST, CHANNELS,
+                                                  (GAP_AFTER + 1) * FRAMES, LOST)
