@@ -34,6 +34,8 @@ PACKAGES=(
   # for Debian's /usr/bin/python3, which the Python client and its extractors run on (not a python3
   # that comes first on the PATH)
   python3-zmq python3-msgpack python3-pytest python3-numpy
+  # the client's reader of recordings decompresses their chunks with these
+  python3-zstandard python3-lz4
   # SoundLocalization's evaluation (tools/loceval): room simulation
   python3-scipy
 )
