@@ -4,6 +4,8 @@
 
 #include "zrdeliverylineimpl.h"
 
+#include <zrcommon/detail/zrlatencywindow.h>
+
 namespace ZR {
 namespace detail {
 
@@ -59,6 +61,7 @@ void ZRDeliveryLine::runLocal(const SubscriberPtr& sub, Entry& entry,
       });
   {
     ZRDeliveryScope scope(ZRDeliveryContext{losslessFor(entry), std::move(completion)});
+    const detail::ZRCaptureScope capture(call->captureNs);
     try {
       sub->call(*call);
     } catch (const std::exception& e) {

@@ -140,6 +140,25 @@ class ZRMcapReader {
   void forEachMessage(const std::function<bool(const ZRMcapMessage&)>& visit,
                       const std::vector<std::uint16_t>& channels = {});
 
+  /// The same messages one at a time, a chunk in memory at once: a replay goes through a long
+  /// recording without holding it. Valid while the reader lives.
+  class Cursor {
+   public:
+    Cursor();
+    Cursor(Cursor&&) noexcept;
+    Cursor& operator=(Cursor&&) noexcept;
+    ~Cursor();
+    /// The next message (its data valid until the next call); false at the end. Throws ZRError
+    /// for damage met on the way.
+    bool next(ZRMcapMessage& out);
+
+   private:
+    friend class ZRMcapReader;
+    struct State;
+    std::unique_ptr<State> state_;
+  };
+  Cursor messages(const std::vector<std::uint16_t>& channels = {});
+
  private:
   struct Impl;
   std::unique_ptr<Impl> impl_;

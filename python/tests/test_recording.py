@@ -277,3 +277,24 @@ def test_the_pages_example_runs(files, tmp_path, monkeypatch, capsys):
     assert out[0] == "%s sound %d" % (SOUND, BLOCKS)
     assert out[-1] == "%d (%d, %d) [(%d, %d)]" % (RATE, BLOCKS * FRAMES + LOST, CHANNELS,
                                                   (GAP_AFTER + 1) * FRAMES, LOST)
+
+
+def test_reads_what_zr_run_recorded(tmp_path):
+    from conftest import SAMPLE, ZR_BINARY
+    path, results = tmp_path / "run.mcap", tmp_path / "run.jsonl"
+    subprocess.run([ZR_BINARY, "run", SAMPLE, "-e", "SoundLevel", "-f", "jsonl", "-o", str(results),
+                    "--inject-gap", "16000:800", "--record", str(path)], check=True)
+    printed = [json.loads(line) for line in results.read_text().splitlines()]
+    recording = zr.Recording(str(path))
+    assert recording.complete
+    assert recording.channels["ZRAudioDevice/Sound"].kind == "sound"
+    levels = list(recording.events("SoundLevel/Levels"))
+    assert [e["rms"] for e in levels] == [p["rms"] for p in printed if p["event"] == "Levels"]
+    sound = recording.sound_array()
+    assert sound.sample_rate == 16000 and sound.samples.shape[1] == 1
+    assert list(sound.gaps) == [(16000, 800)]
+    assert (sound.samples[16000:16800] == 0).all()
+    # What the run heard is the file's own sound, sample for sample, around the gap.
+    wav = np.frombuffer(pathlib.Path(SAMPLE).read_bytes()[44:], dtype="<i2")
+    assert np.array_equal(sound.samples[:16000, 0], wav[:16000])
+    assert np.array_equal(sound.samples[16800:32000, 0], wav[16800:32000])

@@ -27,5 +27,8 @@ std::unique_ptr<Command> makeCallCommand();
 std::unique_ptr<Command> makeWatchCommand();
 std::unique_ptr<Command> makeTopCommand();
 std::unique_ptr<Command> makeKeygenCommand();
+std::unique_ptr<Command> makeInspectCommand();
+std::unique_ptr<Command> makeRecordCommand();
+std::unique_ptr<Command> makeReplayCommand();
 
 }  // namespace zr

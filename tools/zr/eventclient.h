@@ -32,4 +32,29 @@ class EventClient : public ZR::ZRModule {
   Receiver receiver_;
 };
 
+/// The tool's sound client (of a recording `zr run` or `zr record`): the audio device calls its
+/// "processRemote" for each buffer, in order, and it hands the buffer to its receiver.
+class SoundClient : public ZR::ZRModule {
+ public:
+  using Receiver = std::function<void(int channels, int frames, const ZR::ZRValue& timestamp,
+                                      const ZR::ZRValue& samples)>;
+  SoundClient(boost::shared_ptr<ZR::ZRBroker> broker, const std::string& name, Receiver receiver)
+      : ZRModule(broker, name), receiver_(std::move(receiver)) {
+    setModuleDescription("The zr tool: receives the sound it records.");
+    functionName("processRemote", "SoundClient", "Receives one buffer of sound.", 0);
+    addParam("nbOfChannels", "Channels.");
+    addParam("nbOfSamplesByChannel", "Samples per channel.");
+    addParam("timestamp", "Where the buffer is in its stream.");
+    addParam("buffer", "Interleaved 16-bit samples.");
+    bindMethod(&SoundClient::processRemote);
+  }
+  void processRemote(const int& channels, const int& frames, const ZR::ZRValue& timestamp,
+                     const ZR::ZRValue& buffer) {
+    receiver_(channels, frames, timestamp, buffer);
+  }
+
+ private:
+  Receiver receiver_;
+};
+
 }  // namespace zr

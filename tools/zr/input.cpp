@@ -1,4 +1,5 @@
 #include "input.h"
+#include "recording.h"
 
 #include <sndfile.h>
 #include <sys/stat.h>
@@ -41,9 +42,11 @@ ZR::ZRAudioDeviceOptions resolveInput(const std::string& input, bool given) {
         "(or no INPUT for the bundled sample)");
   ZR::ZRAudioDeviceOptions device =
       ZR::ZRAudioDeviceOptions::fromInput(given ? input : sampleInput());
-  if (device.source != ZR::ZRAudioDeviceOptions::Source::File) return device;
+  using Source = ZR::ZRAudioDeviceOptions::Source;
+  if (device.source != Source::File && device.source != Source::Recording) return device;
   if (access(device.path.c_str(), R_OK) != 0)
     throw std::runtime_error("cannot read input " + device.path + ": " + std::strerror(errno));
+  if (device.source == Source::Recording) return device;  // its reader says what is wrong
   // Opening a FIFO to look at its header consumes it (or waits forever for a writer).
   struct stat st {};
   if (stat(device.path.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
@@ -172,6 +175,9 @@ InputList expandInputs(const std::vector<std::string>& inputs) {
 double fileDuration(const std::string& path) {
   struct stat st {};
   if (stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return 0.0;
+  if (ZR::ZRAudioDeviceOptions::fromInput(path).source ==
+      ZR::ZRAudioDeviceOptions::Source::Recording)
+    return recordedSoundSeconds(path);
   SF_INFO info;
   std::memset(&info, 0, sizeof info);
   SNDFILE* f = sf_open(path.c_str(), SFM_READ, &info);

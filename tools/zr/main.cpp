@@ -24,7 +24,8 @@ int main(int argc, char** argv) {
   std::vector<std::pair<CLI::App*, std::unique_ptr<zr::Command>>> commands;
   for (auto make :
        {zr::makeRunCommand, zr::makeHostCommand, zr::makeCallCommand, zr::makeListCommand,
-        zr::makeDescribeCommand, zr::makeWatchCommand, zr::makeTopCommand, zr::makeKeygenCommand}) {
+        zr::makeDescribeCommand, zr::makeWatchCommand, zr::makeTopCommand, zr::makeKeygenCommand,
+        zr::makeRecordCommand, zr::makeReplayCommand, zr::makeInspectCommand}) {
     std::unique_ptr<zr::Command> command = make();
     CLI::App* sub = command->define(app);
     commands.emplace_back(sub, std::move(command));

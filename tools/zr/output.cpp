@@ -24,7 +24,9 @@ nlohmann::ordered_json floatJson(float f) {
   return std::strtod(text, nullptr);
 }
 
-nlohmann::ordered_json toJson(const ZR::ZRValue& v) {
+}  // namespace
+
+nlohmann::ordered_json valueJson(const ZR::ZRValue& v) {
   switch (v.getType()) {
     case ZR::ZRValue::TypeBool:
       return v.toBool();
@@ -39,11 +41,11 @@ nlohmann::ordered_json toJson(const ZR::ZRValue& v) {
     case ZR::ZRValue::TypeArray: {
       if (ZR::isRecord(v) && v.getSize() > 0) {  // a record inside a record: an object too
         nlohmann::ordered_json o = nlohmann::ordered_json::object();
-        for (const ZR::ZRValue& f : v.arrayElements()) o[f[0].toStringRef()] = toJson(f[1]);
+        for (const ZR::ZRValue& f : v.arrayElements()) o[f[0].toStringRef()] = valueJson(f[1]);
         return o;
       }
       nlohmann::ordered_json a = nlohmann::ordered_json::array();
-      for (const ZR::ZRValue& e : v.arrayElements()) a.push_back(toJson(e));
+      for (const ZR::ZRValue& e : v.arrayElements()) a.push_back(valueJson(e));
       return a;
     }
     default:
@@ -51,11 +53,12 @@ nlohmann::ordered_json toJson(const ZR::ZRValue& v) {
   }
 }
 
-// A stream position, whether an int or [high, low] past 32 bits.
 nlohmann::ordered_json sampleJson(const ZR::ZRValue& v) {
   std::int64_t sample = 0;
-  return ZR::zrReadSample(v, sample) ? nlohmann::ordered_json(sample) : toJson(v);
+  return ZR::zrReadSample(v, sample) ? nlohmann::ordered_json(sample) : valueJson(v);
 }
+
+namespace {
 
 // {"event": "Gap", "start", "samples", "cause", then the rest}: what scripts read lost sound by.
 nlohmann::ordered_json gapObject(const Result& r) {
@@ -63,7 +66,7 @@ nlohmann::ordered_json gapObject(const Result& r) {
   o["event"] = "Gap";
   for (const char* key : {"start", "samples", "cause", "reason", "time"})
     if (const ZR::ZRValue* v = ZR::recordField(r.value, key))
-      o[key] = std::string(key) == "start" ? sampleJson(*v) : toJson(*v);
+      o[key] = std::string(key) == "start" ? sampleJson(*v) : valueJson(*v);
   if (!r.file.empty()) o["file"] = r.file;
   return o;
 }
@@ -80,10 +83,10 @@ nlohmann::ordered_json toObject(const Result& r) {
     for (const ZR::ZRValue& f : r.value.arrayElements()) {
       const std::string& name = f[0].toStringRef();
       if (name == "file" || name == "extractor" || name == "event") continue;
-      o[name] = name == "sample" ? sampleJson(f[1]) : toJson(f[1]);
+      o[name] = name == "sample" ? sampleJson(f[1]) : valueJson(f[1]);
     }
   } else {
-    o["value"] = toJson(r.value);
+    o["value"] = valueJson(r.value);
   }
   // Without its own, a result's position is that of its window's start time: exact while the
   // time is (a float holds it to the sample for the first few minutes).

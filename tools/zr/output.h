@@ -1,9 +1,12 @@
 #pragma once
 
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <optional>
 #include <string>
+
+#include <nlohmann/json.hpp>
 
 #include <zrvalue/zrvalue.h>
 
@@ -16,7 +19,15 @@ struct Result {
   ZR::ZRValue value;
   std::string file{};  // the input it came from, when a run has several; else empty
   int sampleRate = 0;  // of the device, when known: gives a result without "sample" its position
+  std::int64_t captureRealtimeNs = 0;  // of the sound it was made from, when known
+  std::string fullName{};              // the event's name as raised ("SoundLevel/Levels")
 };
+
+/// A value as JSON: a record as an object of its fields, a float as the shortest text that reads
+/// back as the same 32-bit float, binary data as its size.
+nlohmann::ordered_json valueJson(const ZR::ZRValue& v);
+/// A stream position, whether an int or [high, low] past 32 bits, as one integer.
+nlohmann::ordered_json sampleJson(const ZR::ZRValue& v);
 
 /// True for the device's announcement of lost samples ("ZRAudioDevice/Gap").
 bool isGap(const Result& r);

@@ -2,6 +2,7 @@
 
 #include "eventclient.h"
 #include "gaps.h"
+#include "recording.h"
 
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <chrono>
 #include <cstdio>
 
+#include <zrcommon/detail/zrlatencywindow.h>
 #include <zrcommon/zrmodule.h>
 #include <zrcommon/zrservicenames.h>
 #include <zrproxies/zrmemoryproxy.h>
@@ -50,7 +52,7 @@ PipelineSite onNetwork(const PipelineConfig& config, const DirectoryOptions& dir
   return site;
 }
 
-Pipeline::Pipeline(const PipelineConfig& config, PipelineSite site, Sink sink)
+Pipeline::Pipeline(const PipelineConfig& config, PipelineSite site, Sink sink, SoundSink sound)
     : site_(std::move(site)), sink_(std::move(sink)) {
   for (const std::string& e : config.extractors)
     if (std::find(extractors_.begin(), extractors_.end(), e) == extractors_.end())
@@ -82,10 +84,21 @@ Pipeline::Pipeline(const PipelineConfig& config, PipelineSite site, Sink sink)
     // before any result comes.
     rate_ = device_->getSampleRate();
     perBuffer_ = device_->getSamplesPerBuffer();
+    if (sound) {
+      const int rate = rate_;
+      soundClient_ = ZR::ZRModule::createModule<SoundClient>(
+          site_.broker, client + "-sound",
+          [sound, rate](int channels, int frames, const ZR::ZRValue& t, const ZR::ZRValue& b) {
+            sound(ZR::kAudioDeviceServiceName, rate, channels, frames, t, b);
+          });
+      device_->subscribe(soundClient_->getName());
+      soundSubscribed_ = true;
+    }
   } catch (...) {
     unsubscribeAll();
     if (held_) device_->release();
     client_.reset();
+    soundClient_.reset();
     while (!site_.modules.empty()) site_.modules.pop_back();
     site_.broker->shutdown();
     throw;
@@ -131,12 +144,20 @@ Pipeline::~Pipeline() {
   }
   unsubscribeAll();
   client_.reset();
+  soundClient_.reset();
   device_.reset();
   while (!site_.modules.empty()) site_.modules.pop_back();
   site_.broker->shutdown();
 }
 
 void Pipeline::unsubscribeAll() {
+  if (soundClient_ && std::exchange(soundSubscribed_, false)) {
+    try {
+      device_->unsubscribe(soundClient_->getName());
+    } catch (const ZR::ZRError& e) {
+      std::fprintf(stderr, "zr: %s\n", e.what());
+    }
+  }
   if (subscribed_.empty()) return;
   try {
     ZR::ZRMemoryProxy memory(site_.broker);
@@ -169,6 +190,8 @@ void Pipeline::receive(const std::string& event, const ZR::ZRValue& value) {
       event.compare(0, prefix.size(), prefix) == 0 ? event.substr(prefix.size()) : event;
   Result r{extractor, shortName, value};
   r.sampleRate = rate_;
+  r.captureRealtimeNs = realtimeOf(ZR::detail::zrCurrentCaptureNs());
+  r.fullName = event;
   if (sink_) sink_(r);
 }
 

@@ -76,8 +76,14 @@ PipelineSite onNetwork(const PipelineConfig& config, const DirectoryOptions& dir
 class Pipeline {
  public:
   using Sink = std::function<void(const Result&)>;
+  /// One buffer of the device: its name, sample rate, then what its "processRemote" got.
+  using SoundSink =
+      std::function<void(const std::string& device, int sampleRate, int channels, int frames,
+                         const ZR::ZRValue& timestamp, const ZR::ZRValue& samples)>;
 
-  Pipeline(const PipelineConfig& config, PipelineSite site, Sink sink);
+  /// With `sound`, a module of the client's name and "-sound" is subscribed to the device too,
+  /// from its first buffer on, and hands each buffer to it, in order.
+  Pipeline(const PipelineConfig& config, PipelineSite site, Sink sink, SoundSink sound = nullptr);
   ~Pipeline();
   Pipeline(const Pipeline&) = delete;
   Pipeline& operator=(const Pipeline&) = delete;
@@ -101,10 +107,10 @@ class Pipeline {
   PipelineSite site_;
   std::string marker_;
   std::unique_ptr<ZR::ZRAudioDeviceProxy> device_;
-  boost::shared_ptr<ZR::ZRModuleCore> client_;
+  boost::shared_ptr<ZR::ZRModuleCore> client_, soundClient_;
   std::map<std::string, std::string> producerOf_;  // event -> extractor module
   std::vector<std::string> subscribed_;
-  bool held_ = false;
+  bool held_ = false, soundSubscribed_ = false;
   std::mutex sinkMutex_;
   std::condition_variable changed_;  // the marker or the end of the input came
   bool marked_ = false, ended_ = false;

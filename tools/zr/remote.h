@@ -1,5 +1,7 @@
 #pragma once
 
+#include <signal.h>
+
 // What the subcommands that talk to a running directory share: where the directory is, the
 // CURVE keys, the exit statuses, and the rules for reading arguments and printing results.
 
@@ -123,6 +125,9 @@ void requireDirectory(const ZR::ZRBrokerOptions& o);
 /// module is retried for up to kDirectoryWaitMs. Other errors go through.
 void subscribeNewModule(ZR::ZRMemoryProxy& memory, const std::string& event,
                         const std::string& module, const std::string& callback);
+
+/// Waits for one of `signals` (blocked by the caller), or for `seconds` when positive.
+void waitForStop(const sigset_t& signals, double seconds);
 
 /// One overload of a method, as its help page gives it.
 struct MethodInfo {

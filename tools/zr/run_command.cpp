@@ -26,6 +26,7 @@
 #include "pipeline.h"
 #include "plot.h"
 #include "progress.h"
+#include "recording.h"
 #include "timeorder.h"
 
 namespace zr {
@@ -199,6 +200,7 @@ class RunCommand : public Command {
             "Run on the ZRMemory, ZRAudioDevice and extractors that running hosts "
             "publish there (zr host), instead of in this process.");
     listen_.define(cmd);
+    record_.define(cmd);
     return cmd;
   }
 
@@ -222,6 +224,8 @@ class RunCommand : public Command {
   CLI::Option* precision_ = nullptr;
   DirectoryOptions directory_;
   ListenOptions listen_;
+  RecordOptions record_;
+  std::unique_ptr<Recorder> recorder_;
 };
 
 InputOutcome RunCommand::runInput(const std::string& input, bool given, const std::string& file,
@@ -242,13 +246,15 @@ InputOutcome RunCommand::runInput(const std::string& input, bool given, const st
       const std::string notice = rawInputNotice(config.device);
       if (!notice.empty()) std::fprintf(stderr, "%s\n", notice.c_str());
     }
-    const bool offlineFile =
-        !remote_ && config.device.source == ZR::ZRAudioDeviceOptions::Source::File;
+    using Source = ZR::ZRAudioDeviceOptions::Source;
+    const bool offlineFile = !remote_ && (config.device.source == Source::File ||
+                                          config.device.source == Source::Recording);
     const double total = offlineFile ? fileDuration(config.device.path) : 0.0;
     // A file is read as fast as the extractors go: what they say can wait for the slowest of
     // them, and comes out in time order. Live input is shown as it comes.
     if (offlineFile && !config.device.realtime) order.emplace(config.extractors, emit);
     const auto sink = [&](const Result& r) {
+      if (recorder_) recorder_->event(r.fullName, r.extractor, r.value, r.captureRealtimeNs);
       Result tagged = r;
       tagged.file = file;
       if (!order) return emit(tagged);
@@ -262,7 +268,8 @@ InputOutcome RunCommand::runInput(const std::string& input, bool given, const st
       begin_();
       pipeline.start();
       outcome.started = true;
-      while (!gInterrupted && !outputFailed_ && !log.extractorFailed()) {
+      while (!gInterrupted && !outputFailed_ && !log.extractorFailed() &&
+             !(recorder_ && !recorder_->failure().empty())) {
         if (pipeline.waitForEnd(100)) break;
         progress.show(pipeline.audioSeconds(total));
       }
@@ -274,9 +281,15 @@ InputOutcome RunCommand::runInput(const std::string& input, bool given, const st
       outcome.wall = progress.elapsed();
       outcome.interrupted = gInterrupted;
     };
+    Pipeline::SoundSink sound;
+    if (recorder_ && record_.withSound())
+      sound = [this](const std::string& device, int rate, int channels, int frames,
+                     const ZR::ZRValue& t, const ZR::ZRValue& b) {
+        recorder_->sound(device, rate, channels, frames, t, b);
+      };
     Pipeline pipeline(
         config, remote_ ? onNetwork(config, directory_, listen_) : inProcess(config, registry_),
-        sink);
+        sink, sound);
     drive(pipeline);
   } catch (const ZR::ZRError& e) {
     outcome.failure = innermost(e.what());
@@ -348,6 +361,11 @@ int RunCommand::run() {
     inputs.files = o.inputs.empty() ? std::vector<std::string>{""} : o.inputs;
   }
   if (!o.plot.empty()) checkPlotOutput(o.plot);
+  if (record_.wanted()) {
+    if (several)
+      throw CLI::ValidationError("--record", "records one input; give one INPUT with --record");
+    recorder_ = std::make_unique<Recorder>(record_);
+  }
 
   PipelineConfig& config = base_;
   o.device.apply(config.device);
@@ -423,6 +441,13 @@ int RunCommand::run() {
     }
     writer->end();
     gapWarnings.finish();
+    if (recorder_) {
+      try {
+        recorder_->close();
+      } catch (const ZR::ZRError& e) {
+        failures.push_back(innermost(e.what()));
+      }
+    }
     if (!writer->flush() || !closeOutput()) {
       const int error = writer->error() ? writer->error() : errno;
       writeFailure = "cannot write " + outputName + ": " + std::strerror(error);

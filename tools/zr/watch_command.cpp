@@ -144,20 +144,7 @@ int WatchCommand::run() {
     std::fprintf(stderr, "zr: watching %zu event(s) as %s; stop with Ctrl-C\n", events_.size(),
                  name_.c_str());
     std::fflush(stderr);
-    if (duration_ > 0) {
-      const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(duration_);
-      for (;;) {
-        const double left =
-            std::chrono::duration<double>(end - std::chrono::steady_clock::now()).count();
-        if (left <= 0) break;
-        const timespec wait{static_cast<time_t>(left),
-                            static_cast<long>((left - std::floor(left)) * 1e9)};
-        if (sigtimedwait(&signals, nullptr, &wait) >= 0) break;  // else a timeout or EINTR
-      }
-    } else {
-      while (sigwaitinfo(&signals, nullptr) < 0 && errno == EINTR) {
-      }
-    }
+    waitForStop(signals, duration_);
   } catch (const ZR::ZRError& e) {
     std::fprintf(stderr, "%s::%s: %s\n", e.getModuleName().c_str(), e.getMethodName().c_str(),
                  e.getDescription().c_str());

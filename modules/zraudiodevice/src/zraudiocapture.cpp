@@ -66,7 +66,7 @@ void ZRAudioDevice::Core::run(std::unique_ptr<ZRAudioSource> source) {
   // A skewed clock delivers rate * (1 + ppm) samples per second of the host's.
   const double pacedRate = rate * (1.0 + options.clockSkewPpm * 1e-6);
   const Clock::time_point clockStart = Clock::now();
-  position = 0;
+  position = source->firstPosition();
   sequence = 0;
   drift.reset(isLive() ? rate : 0);
   const std::size_t spb = static_cast<std::size_t>(samplesPerBuffer);
@@ -97,7 +97,7 @@ void ZRAudioDevice::Core::run(std::unique_ptr<ZRAudioSource> source) {
       if (isLive()) drift.add(now, position + static_cast<std::int64_t>(frames));
       const ZRValue buffer(block->data(), frames * static_cast<std::size_t>(channels) * 2, block);
       block.reset();
-      if (!publish(buffer, frames, captureTimeOf(frames, now))) break;
+      if (!publish(buffer, frames, captureTimeOf(frames, now), source->capturedRealtimeNs())) break;
     }
   } catch (const std::exception& e) {
     VO_LOG(vo::LogLevel_Error, kAudioDeviceCategory)

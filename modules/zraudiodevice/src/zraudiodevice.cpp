@@ -34,7 +34,7 @@ ZRAudioDevice::ZRAudioDevice(boost::shared_ptr<ZRBroker> broker, const std::stri
   core_->options = options_;
   core_->line = makeAudioLine(name, options_, core_);
   core_->remote = std::make_shared<ZRAudioRemoteSubscribers>(name, options_.isLive());
-  if (options_.source == ZRAudioDeviceOptions::Source::File) {
+  if (readsFormatFromFile(options_)) {
     // Known now when the file is there; otherwise when a subscribe first opens it.
     ZRAudioFormat f;
     if (probeFileFormat(options_, f))
@@ -216,7 +216,7 @@ void ZRAudioDevice::subscribe(const std::string& module) {
   std::unique_ptr<ZRAudioSource> source;
   if (first && options_.source != ZRAudioDeviceOptions::Source::Host) {
     stopCapture(control);  // a previous run that ended or lost its subscribers
-    if (options_.source == ZRAudioDeviceOptions::Source::File) {
+    if (readsFormatFromFile(options_)) {
       ZRAudioFormat f;
       std::lock_guard<std::mutex> lock(core_->mutex);
       if (core_->format.sampleRate == 0 && probeFileFormat(options_, f)) {

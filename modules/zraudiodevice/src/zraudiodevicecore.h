@@ -84,7 +84,9 @@ struct ZRAudioDevice::Core : std::enable_shared_from_this<ZRAudioDevice::Core> {
   /// Records and queues one buffer for every subscriber, its first sample captured at
   /// `captureNs` on the monotonic clock. False when nobody is subscribed any more or the device
   /// is stopping.
-  bool publish(const ZRValue& buffer, std::size_t frames, std::int64_t captureNs);
+  /// `realtimeNs`: the capture time the source knows (a recording's), else 0.
+  bool publish(const ZRValue& buffer, std::size_t frames, std::int64_t captureNs,
+               std::int64_t realtimeNs = 0);
   /// The host clocks' time when the first of `frames` samples that are there now was captured.
   std::int64_t captureTimeOf(std::size_t frames, std::int64_t nowNs) const;
   /// Counts and announces `samples` lost at stream position `start`.

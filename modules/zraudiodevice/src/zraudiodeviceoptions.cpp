@@ -1,3 +1,4 @@
+#include <cctype>
 #include <cmath>
 #include <sstream>
 
@@ -13,6 +14,15 @@ namespace {
 
 bool startsWith(const std::string& text, const std::string& prefix) {
   return text.compare(0, prefix.size(), prefix) == 0;
+}
+
+bool endsWithNoCase(const std::string& text, const std::string& suffix) {
+  if (text.size() < suffix.size()) return false;
+  for (std::size_t i = 0; i < suffix.size(); ++i)
+    if (std::tolower(static_cast<unsigned char>(text[text.size() - suffix.size() + i])) !=
+        suffix[i])
+      return false;
+  return true;
 }
 
 // The whole text must be the number: "440Hz" or "3x" is a typo, not 440 or 3.
@@ -63,7 +73,7 @@ ZRAudioDeviceOptions ZRAudioDeviceOptions::fromInput(const std::string& input) {
       throw ZRError(kAudioDeviceServiceName, "fromInput",
                     "\"" + input + "\": negative file descriptor");
   } else {
-    o.source = S::File;
+    o.source = endsWithNoCase(input, ".mcap") ? S::Recording : S::File;
     o.path = input;
   }
   return o;
@@ -98,6 +108,9 @@ std::string ZRAudioDeviceOptions::describe() const {
     case Source::Host:
       out << "buffers pushed by the host";
       break;
+    case Source::Recording:
+      out << "recording \"" << path << "\"";
+      break;
   }
   if (realtime) out << ", paced at real time";
   if (clockSkewPpm != 0) out << " " << (clockSkewPpm > 0 ? "+" : "") << clockSkewPpm << " ppm";
@@ -118,7 +131,8 @@ void validateAudioDeviceOptions(const ZRAudioDeviceOptions& o, const std::string
     fail("the queue capacity must be at least 1, not " + std::to_string(o.queueCapacity));
   if (o.durationSeconds && !(*o.durationSeconds > 0))
     fail("the duration must be positive, not " + std::to_string(*o.durationSeconds));
-  if (o.source == S::File && o.path.empty()) fail("a file source needs a path");
+  if ((o.source == S::File || o.source == S::Recording) && o.path.empty())
+    fail("a file source needs a path");
   for (const ZRAudioDeviceOptions::InjectedGap& g : o.injectedGaps)
     if (g.at < 0 || g.samples <= 0)
       fail("an injected gap needs a position of at least 0 and at least 1 sample, not " +
@@ -147,6 +161,7 @@ void validateAudioDeviceOptions(const ZRAudioDeviceOptions& o, const std::string
     case S::Silence:
     case S::RawPcm:
     case S::Host:
+    case S::Recording:
       return;
   }
   fail("unknown source kind " + std::to_string(static_cast<int>(o.source)));

@@ -74,11 +74,12 @@ std::shared_ptr<ZRAudioLine> makeAudioLine(const std::string& deviceName,
 
 void ZRAudioDevice::Core::setFormat(const ZRAudioFormat& f) {
   format = f;
-  samplesPerBuffer = options.samplesPerBuffer.value_or(std::max(1, f.sampleRate / 10));
+  samplesPerBuffer = options.samplesPerBuffer.value_or(
+      f.samplesPerBuffer > 0 ? f.samplesPerBuffer : std::max(1, f.sampleRate / 10));
 }
 
-bool ZRAudioDevice::Core::publish(const ZRValue& buffer, std::size_t frames,
-                                  std::int64_t captureNs) {
+bool ZRAudioDevice::Core::publish(const ZRValue& buffer, std::size_t frames, std::int64_t captureNs,
+                                  std::int64_t realtimeNs) {
   int channels = 0, rate = 0;
   {
     std::lock_guard<std::mutex> lock(mutex);
@@ -87,7 +88,7 @@ bool ZRAudioDevice::Core::publish(const ZRValue& buffer, std::size_t frames,
   }
   ZRAudioTimestamp t = ZRAudioTimestamp::at(position, rate);
   t.monotonicNs = captureNs;
-  t.realtimeNs = zrRealtimeNs() - (zrMonotonicNs() - captureNs);
+  t.realtimeNs = realtimeNs > 0 ? realtimeNs : zrRealtimeNs() - (zrMonotonicNs() - captureNs);
   t.sequence = sequence++;
   position += static_cast<std::int64_t>(frames);
   recorder.record(buffer, frames, name);

@@ -20,6 +20,8 @@ class GapInjector : public ZRAudioSource {
     std::sort(gaps_.begin(), gaps_.end(), [](const auto& a, const auto& b) { return a.at < b.at; });
   }
   bool isHardware() const override { return inner_->isHardware(); }
+  std::int64_t capturedRealtimeNs() const override { return inner_->capturedRealtimeNs(); }
+  std::int64_t firstPosition() const override { return inner_->firstPosition(); }
 
   std::size_t read(std::int16_t* out, std::size_t frames, const std::atomic<bool>& stop) override {
     std::size_t got = 0;

@@ -399,6 +399,8 @@ class AlsaSource : public ZRAudioSource {
 }  // namespace
 
 bool probeFileFormat(const ZRAudioDeviceOptions& options, ZRAudioFormat& format) {
+  if (options.source == ZRAudioDeviceOptions::Source::Recording)
+    return probeRecordingFormat(options, format);
   SF_INFO info{};
   SNDFILE* file = sf_open(options.path.c_str(), SFM_READ, &info);
   if (!file) return false;
@@ -424,6 +426,8 @@ std::unique_ptr<ZRAudioSource> openAudioSource(const ZRAudioDeviceOptions& optio
     case Source::Noise:
     case Source::Silence:
       return std::make_unique<SyntheticSource>(options, format);
+    case Source::Recording:
+      return openRecordingSource(options, format, module, method);
     case Source::Host:
       break;
   }

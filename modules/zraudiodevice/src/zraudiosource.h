@@ -17,6 +17,8 @@ inline constexpr const char* kAudioDeviceCategory = "zraudiodevice";
 struct ZRAudioFormat {
   int sampleRate = 0;
   int channels = 0;
+  /// Frames per buffer the source comes in (a recording's); 0: the device chooses.
+  int samplesPerBuffer = 0;
 };
 
 /// Where samples come from. Opened on the thread of the subscribe that starts it (so that its
@@ -39,7 +41,18 @@ class ZRAudioSource {
   };
   /// The loss since the last call; none by default.
   virtual Loss takeLoss() { return {}; }
+  /// The real-time clock's ns when the first frame of the last read was captured, for a source
+  /// that knows it (a recording); 0: the device stamps it.
+  virtual std::int64_t capturedRealtimeNs() const { return 0; }
+  /// The stream position of the first frame (a recording made mid-stream starts where it did).
+  virtual std::int64_t firstPosition() const { return 0; }
 };
+
+/// True for the sources read from a file whose format the file says.
+inline bool readsFormatFromFile(const ZRAudioDeviceOptions& options) {
+  return options.source == ZRAudioDeviceOptions::Source::File ||
+         options.source == ZRAudioDeviceOptions::Source::Recording;
+}
 
 /// Wraps `source` so that it drops the options' injected gaps, as an overrun would: the samples
 /// are read and thrown away, and reported by takeLoss with the reason "injected". Returns
@@ -47,6 +60,13 @@ class ZRAudioSource {
 std::unique_ptr<ZRAudioSource> withInjectedGaps(std::unique_ptr<ZRAudioSource> source,
                                                 const ZRAudioDeviceOptions& options,
                                                 const ZRAudioFormat& format);
+
+/// A recording's sound (zraudioreplay.cpp).
+bool probeRecordingFormat(const ZRAudioDeviceOptions& options, ZRAudioFormat& format);
+std::unique_ptr<ZRAudioSource> openRecordingSource(const ZRAudioDeviceOptions& options,
+                                                   const ZRAudioFormat& format,
+                                                   const std::string& moduleName,
+                                                   const std::string& method);
 
 /// The format a file source will deliver in, from the options and the file's own format. Returns
 /// false when the file cannot be opened (yet).

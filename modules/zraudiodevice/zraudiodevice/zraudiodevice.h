@@ -25,6 +25,9 @@ struct ZRAudioDeviceOptions {
     Silence,     ///< zeros
     RawPcm,      ///< interleaved native-endian int16: `fileDescriptor`, or `path` ("-": stdin)
     Host,        ///< no source of its own: the host pushes buffers with ZRAudioDevice::deliver
+    /// the sound of a recording (docs/recording.md): `path`, replayed as it was recorded, with
+    /// its buffers, positions, gaps and capture times
+    Recording,
   };
 
   Source source = Source::Silence;
@@ -66,7 +69,8 @@ struct ZRAudioDeviceOptions {
   bool held = false;
 
   /// "tone" or "tone:440", "noise", "silence", "mic" or "mic:hw:1", "-" (raw PCM on standard
-  /// input), "raw:PATH", "fd:N", anything else a sound file path. Throws ZRError for an empty
+  /// input), "raw:PATH", "fd:N", a path ending in ".mcap" (a recording), anything else a sound
+  /// file path. Throws ZRError for an empty
   /// text or a malformed tone frequency or descriptor.
   static ZRAudioDeviceOptions fromInput(const std::string& input);
 

@@ -223,14 +223,17 @@ void MemoryCore::raiseEvent(const std::string& event, const ZRValue& value) {
     data_[event] = value;
     EventRecord& record = events_[event];
     ++record.raised;
-    if (const std::int64_t captured = detail::zrCurrentCaptureNs()) {
+    const std::int64_t captured = detail::zrCurrentCaptureNs();
+    if (captured) {
       if (!record.latency) record.latency = std::make_shared<detail::ZRLatencyWindow>();
       record.latency->add(detail::zrMonotonicNs() - captured);
     }
+    // The capture time goes on with the event, so that its subscribers (a recorder, an extractor
+    // of results) know what sound it was made from.
     for (const Subscription& s : record.subscriptions)
       line_->push(s.subscriber,
-                  ZRDelivery{s.callback, {ZRValue(event), value, ZRValue(s.subscriber)}}, nullptr,
-                  &warnings);
+                  ZRDelivery{s.callback, {ZRValue(event), value, ZRValue(s.subscriber)}, captured},
+                  nullptr, &warnings);
   }
   for (const auto& w : warnings) zrDeliveryWarn(kCategory, "raiseEvent", w);
   announceDrops();

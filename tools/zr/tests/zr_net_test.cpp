@@ -391,3 +391,58 @@ TEST(ZrNet, AHostWaitingForAMemoryServiceStopsOnASignal) {
   ASSERT_NE(lonely.waitFor("waiting for ZRMemory", kLimit), "");
   EXPECT_EQ(lonely.stop(SIGINT), 0);
 }
+
+namespace {
+
+// The rms values of the SoundLevel results in `text`, in order, however the lines frame them.
+std::vector<std::string> rmsValues(const std::string& text) {
+  std::vector<std::string> out;
+  const std::string key = "\"rms\"";
+  for (std::size_t at = text.find(key); at != std::string::npos; at = text.find(key, at + 1)) {
+    const std::size_t open = text.find('[', at), close = text.find(']', open);
+    out.push_back(text.substr(open, close - open + 1));
+  }
+  return out;
+}
+
+}  // namespace
+
+// A running system is recorded without being changed, and its recorded events, replayed into
+// another system, reach that system's clients as they were recorded.
+TEST(ZrNet, ARunningSystemIsRecordedAndItsEventsReplayedIntoAnother) {
+  const std::string rec = kTemp + "live.mcap";
+  {
+    Host h("--memory --device tone:440 --realtime -e SoundLevel");
+    Zr watch("watch SoundLevel/Levels --name Watcher" + h.dir);
+    watch.waitFor("\"event\":\"Levels\"", kLimit);
+    ASSERT_EQ(sh(kRun + " call SoundLevel updatePeriod Watcher 500" + h.dir).first, 0);
+    const auto [status, out] = sh(kRun + " record " + rec + " --duration 3" + h.dir);
+    EXPECT_EQ(status, 0) << out;
+    EXPECT_NE(out.find("recording the sound and the results of SoundLevel to"), std::string::npos)
+        << out;
+    EXPECT_EQ(watch.stop(SIGTERM), 0);
+  }
+  const auto summary = sh(kRun + " inspect " + rec).second;
+  for (const char* part : {"complete", "ZRAudioDevice/Sound", "16000 Hz, 1 channel"})
+    EXPECT_NE(summary.find(part), std::string::npos) << summary;
+  // Recorded at the period the system ran with, not at the recorder's own default.
+  const std::string events = sh(kRun + " inspect " + rec + " -f jsonl").second;
+  std::vector<double> times;
+  for (const std::string& line : words(events))
+    if (line.find("SoundLevel/Levels") != std::string::npos)
+      times.push_back(nlohmann::json::parse(line)["time"].get<double>());
+  ASSERT_GE(times.size(), 3u) << events;
+  for (std::size_t i = 1; i < times.size(); ++i) EXPECT_NEAR(times[i] - times[i - 1], 0.5, 1e-6);
+
+  Host other("--memory", "otherhost");
+  Zr watch("watch SoundLevel/Levels --wait -n " + std::to_string(times.size()) + other.dir);
+  watch.waitFor("watching", kLimit);
+  const auto [status, out] = sh(kRun + " replay " + rec + " --speed 20" + other.dir);
+  EXPECT_EQ(status, 0) << out;
+  EXPECT_NE(out.find("replayed " + std::to_string(times.size() + 0)), std::string::npos) << out;
+  std::string received;
+  for (std::size_t i = 0; i < times.size(); ++i) received += watch.waitFor("Levels", kLimit);
+  EXPECT_EQ(rmsValues(received), rmsValues(events));
+  EXPECT_EQ(watch.stop(SIGTERM), 0);
+  std::remove(rec.c_str());
+}
