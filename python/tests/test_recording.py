@@ -290,6 +290,10 @@ def test_reads_what_zr_run_recorded(tmp_path):
     assert recording.channels["ZRAudioDevice/Sound"].kind == "sound"
     levels = list(recording.events("SoundLevel/Levels"))
     assert [e["rms"] for e in levels] == [p["rms"] for p in printed if p["event"] == "Levels"]
+    # Each result is stamped with the capture time of the buffer it was made from (a window of
+    # SoundLevel's default period is one buffer).
+    captured = {b.sample: b.log_time for b in recording.sound()}
+    assert all(abs(e["log_time"] - captured[e["sample"]]) < 5_000_000 for e in levels)
     sound = recording.sound_array()
     assert sound.sample_rate == 16000 and sound.samples.shape[1] == 1
     assert list(sound.gaps) == [(16000, 800)]

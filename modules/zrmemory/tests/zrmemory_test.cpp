@@ -10,6 +10,7 @@
 
 #include <vo/log.h>
 #include <zrcommon/detail/zrcaller.h>
+#include <zrcommon/detail/zrlatencywindow.h>
 #include <zrmemory/zrmemory.h>
 #include <zrproducer.h>
 #include <zrproxies/zrmemoryproxy.h>
@@ -192,6 +193,19 @@ TEST(ZRMemory, DeliveryInRaiseOrderIdleAfterTheLastAndNothingAfterUnsubscribe) {
   ASSERT_TRUE(f.memory->waitForDeliveries(10s));
   const Strings got = client->received();
   EXPECT_EQ(Strings(got.begin() + 200, got.end()), (Strings{"F:1000", "F:1002"}));
+
+  // An event raised from sound reaches its subscribers with the sound's capture time, so that
+  // what they record or raise from it is timed from the capture too; one raised from nothing,
+  // with none.
+  std::vector<std::int64_t> captures;
+  client->hook = [&](int) { captures.push_back(ZR::detail::zrCurrentCaptureNs()); };
+  {
+    const ZR::detail::ZRCaptureScope scope(123456789);
+    f.proxy.raiseEvent("F", 2000);
+  }
+  f.proxy.raiseEvent("F", 2001);
+  ASSERT_TRUE(f.memory->waitForDeliveries(10s));
+  EXPECT_EQ(captures, (std::vector<std::int64_t>{123456789, 0}));
 }
 
 TEST(ZRMemory, ASubscriberThatDoesNotKeepUpLosesItsOldestEvents) {
