@@ -18,6 +18,7 @@
 #include <regex>
 #include <thread>
 
+#include <zrmcap/zrbase64.h>
 #include <nlohmann/json.hpp>
 
 namespace zr {
@@ -115,19 +116,6 @@ ZR::ZRValue fromJson(const nlohmann::json& j) {
     default:
       return ZR::ZRValue();
   }
-}
-
-std::string base64(const unsigned char* p, std::size_t n) {
-  static const char* abc = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-  std::string out;
-  for (std::size_t i = 0; i < n; i += 3) {
-    const unsigned v = (p[i] << 16) | (i + 1 < n ? p[i + 1] << 8 : 0) | (i + 2 < n ? p[i + 2] : 0);
-    out += abc[(v >> 18) & 63];
-    out += abc[(v >> 12) & 63];
-    out += i + 1 < n ? abc[(v >> 6) & 63] : '=';
-    out += i + 2 < n ? abc[v & 63] : '=';
-  }
-  return out;
 }
 
 char typeCode(const std::string& type) {
@@ -486,8 +474,7 @@ std::string toJson(const ZR::ZRValue& v) {
       return nlohmann::json(v.toStringRef())
           .dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
     case ZR::ZRValue::TypeBinary:
-      return "{\"binary\":\"" +
-             base64(static_cast<const unsigned char*>(v.GetBinary()), v.getBinarySize()) + "\"}";
+      return "{\"binary\":\"" + ZR::zrBase64Encode(v.GetBinary(), v.getBinarySize()) + "\"}";
     case ZR::ZRValue::TypeArray: {
       std::string out = "[";
       for (const ZR::ZRValue& e : v.arrayElements()) out += (out.size() > 1 ? "," : "") + toJson(e);

@@ -125,6 +125,10 @@ TEST(ZrRecord, ACutOrDamagedRecordingIsReadAsFarAsItGoes) {
   EXPECT_EQ(damaged.first, 1) << damaged.second;
   EXPECT_NE(damaged.second.find("byte"), std::string::npos) << damaged.second;
 
+  const auto full = shell(kZr + " run " + kSample + " -e SoundLevel --record /dev/full 2>&1");
+  EXPECT_EQ(full.first, 1);
+  EXPECT_NE(full.second.find("/dev/full::write: cannot write"), std::string::npos) << full.second;
+
   std::ofstream(part) << "not a recording at all";
   for (const std::string& command : {"inspect " + part, "run " + part}) {
     const auto [status, out] = shell(kZr + " " + command + " 2>&1");
