@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # The CPU that recording costs a live run: zr run on 8 channels of 16 kHz white noise (what
-# compresses least) paced at real time with SoundLevel and VoiceActivity, SECONDS long (default
-# 30), without and with --record; prints each run's user+system CPU seconds and the difference
-# as a share of one core.
+# compresses least) paced at real time with the stock extractors (SoundLocalization on an 8-mic
+# circle), SECONDS long (default 30), without and with --record; prints each run's user+system
+# CPU seconds and the difference as a share of one core.
 #   bench/zr_record_cpu.sh [ZR] [SECONDS]
 set -euo pipefail
 zr=${1:-build/tools/zr/zr}
@@ -11,7 +11,7 @@ out=$(mktemp -d)
 trap 'rm -rf "$out"' EXIT
 cpu() {
   /usr/bin/time -f "%U %S" -o "$out/time" timeout -s INT "$seconds" "$zr" run noise --channels 8 \
-    --realtime -e SoundLevel -e VoiceActivity -f jsonl -o "$out/results.jsonl" "$@" 2>/dev/null || true
+    --realtime -e SoundLevel -e VoiceActivity -e SoundLocalization --array circular8-r50mm -f jsonl -o "$out/results.jsonl" "$@" 2>/dev/null || true
   tail -1 "$out/time" | awk '{print $1 + $2}'
 }
 plain=$(cpu)

@@ -2,6 +2,7 @@
 // the data that keeps every complete record before a cut; messages by a walk through the data.
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -386,8 +387,12 @@ struct ZRMcapReader::Impl {
 
 ZRMcapReader::ZRMcapReader(const std::string& path) : impl_(std::make_unique<Impl>()) {
   impl_->name = path;
-  impl_->fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  // Not blocked by a FIFO that nobody writes to: only a regular file is a recording.
+  impl_->fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (impl_->fd < 0) throw impl_->error(std::string("cannot open (") + std::strerror(errno) + ")");
+  struct stat st {};
+  if (::fstat(impl_->fd, &st) != 0 || !S_ISREG(st.st_mode))
+    throw impl_->error("not a regular file: a recording is read from a file");
   const off_t end = ::lseek(impl_->fd, 0, SEEK_END);
   if (end < 0) throw impl_->error(std::string("cannot seek (") + std::strerror(errno) + ")");
   impl_->size = static_cast<std::uint64_t>(end);

@@ -46,7 +46,10 @@ ZR::ZRAudioDeviceOptions resolveInput(const std::string& input, bool given) {
   if (device.source != Source::File && device.source != Source::Recording) return device;
   if (access(device.path.c_str(), R_OK) != 0)
     throw std::runtime_error("cannot read input " + device.path + ": " + std::strerror(errno));
-  if (device.source == Source::Recording) return device;  // its reader says what is wrong
+  if (device.source == Source::Recording) {
+    checkRecordingInput(device.path);
+    return device;
+  }
   // Opening a FIFO to look at its header consumes it (or waits forever for a writer).
   struct stat st {};
   if (stat(device.path.c_str(), &st) != 0 || !S_ISREG(st.st_mode))

@@ -1,6 +1,7 @@
 // zr inspect: what a recording holds (channels, counts, duration, lost sound, compression), or
 // its events as JSON lines.
 
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <map>
@@ -91,6 +92,29 @@ class InspectCommand : public Command {
             return true;
           },
           soundIds);
+    }
+    // The device's own announcements of lost sound say it all, before the first buffer and after
+    // the last too; sound recorded elsewhere has only its position jumps.
+    std::map<std::string, std::uint16_t> soundOf;  // device -> sound channel
+    for (std::uint16_t id : soundIds)
+      if (auto m = s.channels.at(id).metadata.find(ZR::kModuleKey);
+          m != s.channels.at(id).metadata.end())
+        soundOf[m->second] = id;
+    for (const auto& [device, id] : soundOf) {
+      auto gaps =
+          std::find_if(s.channels.begin(), s.channels.end(),
+                       [&, d = device](const auto& c) { return c.second.topic == d + "/Gap"; });
+      if (gaps == s.channels.end()) continue;
+      SoundFacts& f = sound[id];
+      f.gaps = 0, f.lostFrames = 0;
+      reader.forEachMessage(
+          [&f](const ZR::ZRMcapMessage& m) {
+            const auto gap = nlohmann::json::parse(m.data, m.data + m.size, nullptr, false);
+            if (gap.is_object() && gap.value("samples", nlohmann::json()).is_number_integer())
+              ++f.gaps, f.lostFrames += gap["samples"].get<std::int64_t>();
+            return true;
+          },
+          {gaps->first});
     }
     std::printf("%s: %s%s\n", path_.c_str(), s.library.empty() ? "" : (s.library + ", ").c_str(),
                 s.complete ? "complete" : "cut short");

@@ -19,8 +19,8 @@ struct Result {
   ZR::ZRValue value;
   std::string file{};  // the input it came from, when a run has several; else empty
   int sampleRate = 0;  // of the device, when known: gives a result without "sample" its position
-  std::int64_t captureRealtimeNs = 0;  // of the sound it was made from, when known
-  std::string fullName{};              // the event's name as raised ("SoundLevel/Levels")
+  std::int64_t captureNs = 0;  // of the sound it was made from (monotonic clock), when known
+  std::string fullName{};      // the event's name as raised ("SoundLevel/Levels")
 };
 
 /// A value as JSON: a record as an object of its fields, a float as the shortest text that reads

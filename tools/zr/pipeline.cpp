@@ -2,7 +2,6 @@
 
 #include "eventclient.h"
 #include "gaps.h"
-#include "recording.h"
 
 #include <unistd.h>
 
@@ -190,7 +189,7 @@ void Pipeline::receive(const std::string& event, const ZR::ZRValue& value) {
       event.compare(0, prefix.size(), prefix) == 0 ? event.substr(prefix.size()) : event;
   Result r{extractor, shortName, value};
   r.sampleRate = rate_;
-  r.captureRealtimeNs = realtimeOf(ZR::detail::zrCurrentCaptureNs());
+  r.captureNs = ZR::detail::zrCurrentCaptureNs();
   r.fullName = event;
   if (sink_) sink_(r);
 }

@@ -7,6 +7,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <map>
 
@@ -102,7 +103,7 @@ int RecordCommand::run() {
       [&](const std::string& event, const ZR::ZRValue& value) {
         auto it = producerOf.find(event);
         recorder.event(event, it == producerOf.end() ? "" : it->second, value,
-                       realtimeOf(ZR::detail::zrCurrentCaptureNs()));
+                       ZR::detail::zrCurrentCaptureNs());
       });
   boost::shared_ptr<SoundClient> sound;
   std::unique_ptr<ZR::ZRAudioDeviceProxy> device;
@@ -134,7 +135,14 @@ int RecordCommand::run() {
                  names.empty() ? "no extractor (none is in use)" : names.c_str(),
                  record_.path.c_str());
     std::fflush(stderr);
-    waitForStop(signals, duration_);
+    // Until a signal, the duration, or a write that failed (a full disk), said at once.
+    const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(duration_);
+    for (;;) {
+      const double left =
+          std::chrono::duration<double>(end - std::chrono::steady_clock::now()).count();
+      if ((duration_ > 0 && left <= 0) || !recorder.failure().empty()) break;
+      if (waitForStop(signals, duration_ > 0 ? std::min(left, 0.2) : 0.2)) break;
+    }
   } catch (const ZR::ZRError& e) {
     std::fprintf(stderr, "zr: error: %s\n", e.what());
     status = kExitError;

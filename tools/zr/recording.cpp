@@ -2,6 +2,9 @@
 
 #include <time.h>
 
+#include <chrono>
+#include <cstdlib>
+
 #include <zrcommon/zraudiotimestamp.h>
 #include <zrcommon/zrversion.h>
 #include <zrmcap/zrsoundmessage.h>
@@ -14,6 +17,8 @@ namespace zr {
 namespace {
 
 constexpr const char* kValueKey = "zr.value";
+// Buffers whose capture times a result may still refer to: seconds of sound at any buffer size.
+constexpr std::size_t kRecentBuffers = 4096;
 
 bool isRecordValue(const ZR::ZRValue& v) {
   if (!v.isArray() || v.getSize() == 0) return false;
@@ -116,6 +121,27 @@ ZR::ZRValue eventValue(const std::string& json, bool record) {
   return it == j.end() ? ZR::ZRValue() : fromJson(*it);
 }
 
+void checkRecordingInput(const std::string& path) {
+  try {
+    ZR::ZRMcapReader reader(path);
+    const ZR::ZRMcapSummary& s = reader.summary();
+    for (const auto& [id, c] : s.channels) {
+      auto kind = c.metadata.find(ZR::kKindKey);
+      auto schema = s.schemas.find(c.schemaId);
+      if (kind != c.metadata.end()
+              ? kind->second == "sound"
+              : schema != s.schemas.end() && schema->second.name == ZR::kSoundSchemaName)
+        return;
+    }
+    throw std::runtime_error("cannot read input " + path + ": " +
+                             (s.complete
+                                  ? "a recording without sound (made with --record-sound none?)"
+                                  : "no sound before its damage: " + s.damage));
+  } catch (const ZR::ZRError& e) {
+    throw std::runtime_error("cannot read input " + path + ": " + e.getDescription());
+  }
+}
+
 double recordedSoundSeconds(const std::string& path) {
   try {
     ZR::ZRMcapReader reader(path);
@@ -143,7 +169,7 @@ std::int64_t realtimeOf(std::int64_t monotonicNs) {
 }
 
 Recorder::Recorder(const RecordOptions& options)
-    : writer_(options.path, [&] {
+    : path_(options.path), withSound_(options.withSound()), writer_(options.path, [&] {
         ZR::ZRMcapWriter::Options o;
         o.compression = ZR::zrMcapCompressionFromName(options.compression);
         o.library = std::string("zr ") + ZR::kPlatformVersion;
@@ -180,43 +206,78 @@ void Recorder::sound(const std::string& device, int sampleRate, int channels, in
       samples.getType() != ZR::ZRValue::TypeBinary ||
       samples.getBinarySize() < static_cast<std::size_t>(channels) * frames * 2)
     return;
+  const std::string message = ZR::zrSoundMessage(
+      sampleRate, channels, t.sample, t.sequence, t.realtimeNs,
+      static_cast<const std::int16_t*>(samples.GetBinary()), static_cast<std::size_t>(frames));
   std::lock_guard<std::mutex> lock(mutex_);
-  if (!failure_.empty()) return;
-  try {
-    const std::uint16_t channel = channelFor(device + ZR::kSoundTopicSuffix, device, nullptr);
-    const std::string message = ZR::zrSoundMessage(
-        sampleRate, channels, t.sample, t.sequence, t.realtimeNs,
-        static_cast<const std::int16_t*>(samples.GetBinary()), static_cast<std::size_t>(frames));
-    const auto at = static_cast<std::uint64_t>(t.realtimeNs);
-    writer_.write(channel, at, at, message.data(), message.size());
-  } catch (const ZR::ZRError& e) {
-    failure_ = e.what();
+  if (t.monotonicNs > 0) {
+    captured_[t.monotonicNs] = t.realtimeNs;
+    if (captured_.size() > kRecentBuffers) captured_.erase(captured_.begin());
   }
+  const auto at = static_cast<std::uint64_t>(t.realtimeNs);
+  write(device + ZR::kSoundTopicSuffix, device, nullptr, at, message);
+  // The results of this buffer that came before it now know their time.
+  while (!pending_.empty() && pending_.front().captureNs <= t.monotonicNs) writePending();
 }
 
 void Recorder::event(const std::string& event, const std::string& producer,
-                     const ZR::ZRValue& value, std::int64_t captureRealtimeNs) {
-  const std::int64_t now = realtimeOf(0);
-  const std::string message = eventJson(value);
+                     const ZR::ZRValue& value, std::int64_t captureNs) {
+  Pending p{event, producer, value, captureNs, std::chrono::steady_clock::now()};
   std::lock_guard<std::mutex> lock(mutex_);
+  // A result can overtake the buffer it was made from (each has its own way here): it waits for
+  // that buffer, so that it takes the time the buffer says (a replayed recording's own), but
+  // never long, nor for a buffer that will not come.
+  if (withSound_ && captureNs > 0 && (captured_.empty() || captureNs > captured_.rbegin()->first))
+    pending_.push_back(std::move(p));
+  else
+    writeResult(p);
+  const auto stale = std::chrono::steady_clock::now() - std::chrono::milliseconds(500);
+  while (!pending_.empty() &&
+         (pending_.size() > kRecentBuffers || pending_.front().received < stale))
+    writePending();
+}
+
+void Recorder::writePending() {
+  writeResult(pending_.front());
+  pending_.pop_front();
+}
+
+// A result, at the real time of its capture: as the buffer it was made from says
+// it (exactly in this process; within the clocks' conversion from another process of this host),
+// else as the clocks convert it.
+void Recorder::writeResult(const Pending& p) {
+  std::int64_t at = realtimeOf(p.captureNs);
+  auto after = captured_.lower_bound(p.captureNs);
+  if (after != captured_.end() && after->first == p.captureNs) {
+    at = after->second;
+  } else {
+    for (auto it : {after, after == captured_.begin() ? captured_.end() : std::prev(after)})
+      if (p.captureNs > 0 && it != captured_.end() && std::llabs(it->first - p.captureNs) < 1000000)
+        at = it->second + (p.captureNs - it->first);
+  }
+  write(p.event, p.producer, &p.value, static_cast<std::uint64_t>(at), eventJson(p.value));
+}
+
+void Recorder::write(const std::string& topic, const std::string& producer,
+                     const ZR::ZRValue* value, std::uint64_t logTime, const std::string& message) {
   if (!failure_.empty()) return;
   try {
-    const std::uint16_t channel = channelFor(event, producer, &value);
-    writer_.write(channel, static_cast<std::uint64_t>(captureRealtimeNs ? captureRealtimeNs : now),
-                  static_cast<std::uint64_t>(now), message.data(), message.size());
+    writer_.write(channelFor(topic, producer, value), logTime,
+                  static_cast<std::uint64_t>(realtimeOf(0)), message.data(), message.size());
   } catch (const ZR::ZRError& e) {
-    failure_ = e.what();
+    failure_ = "cannot record to " + path_ + ": " + e.getDescription();
   }
 }
 
 void Recorder::close() {
   std::lock_guard<std::mutex> lock(mutex_);
+  while (!pending_.empty()) writePending();
   if (failure_.empty()) {
     try {
       writer_.close();
       return;
     } catch (const ZR::ZRError& e) {
-      failure_ = e.what();
+      failure_ = "cannot record to " + path_ + ": " + e.getDescription();
     }
   }
   try {

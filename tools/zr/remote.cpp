@@ -485,20 +485,20 @@ std::string toJson(const ZR::ZRValue& v) {
   }
 }
 
-void waitForStop(const sigset_t& signals, double seconds) {
+bool waitForStop(const sigset_t& signals, double seconds) {
   if (seconds <= 0) {
     while (sigwaitinfo(&signals, nullptr) < 0 && errno == EINTR) {
     }
-    return;
+    return true;
   }
   const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
   for (;;) {
     const double left =
         std::chrono::duration<double>(end - std::chrono::steady_clock::now()).count();
-    if (left <= 0) return;
+    if (left <= 0) return false;
     const timespec wait{static_cast<time_t>(left),
                         static_cast<long>((left - std::floor(left)) * 1e9)};
-    if (sigtimedwait(&signals, nullptr, &wait) >= 0) return;  // else a timeout or EINTR
+    if (sigtimedwait(&signals, nullptr, &wait) >= 0) return true;  // else a timeout or EINTR
   }
 }
 

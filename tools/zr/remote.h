@@ -126,8 +126,9 @@ void requireDirectory(const ZR::ZRBrokerOptions& o);
 void subscribeNewModule(ZR::ZRMemoryProxy& memory, const std::string& event,
                         const std::string& module, const std::string& callback);
 
-/// Waits for one of `signals` (blocked by the caller), or for `seconds` when positive.
-void waitForStop(const sigset_t& signals, double seconds);
+/// Waits for one of `signals` (blocked by the caller), or for `seconds` when positive; true when
+/// a signal came.
+bool waitForStop(const sigset_t& signals, double seconds);
 
 /// One overload of a method, as its help page gives it.
 struct MethodInfo {

@@ -88,6 +88,11 @@ std::vector<Recorded> ReplayCommand::read(std::set<std::string>& skipped) {
     auto value = c.metadata.find("zr.value");
     channels[id] = {c.topic, value == c.metadata.end() || value->second == "record"};
   }
+  for (const std::string& e : events_) {
+    bool known = skipped.count(e) > 0;
+    for (const auto& [id, c] : channels) known = known || c.first == e;
+    if (!known) throw std::runtime_error("no event " + e + " in " + path_);
+  }
   std::vector<std::uint16_t> ids;
   for (const auto& [id, c] : channels) ids.push_back(id);
   std::vector<Recorded> out;
@@ -116,7 +121,13 @@ int ReplayCommand::run() {
 
   auto broker = joinNetwork(directory_, name_, listen_, {ZR::kMemoryServiceName});
   std::set<std::string> skipped;
-  const std::vector<Recorded> recorded = read(skipped);
+  std::vector<Recorded> recorded;
+  try {
+    recorded = read(skipped);
+  } catch (...) {
+    broker->shutdown();
+    throw;
+  }
   for (const std::string& topic : skipped)
     std::fprintf(stderr, "zr: %s is left out: its producer runs now, and only it raises it\n",
                  topic.c_str());

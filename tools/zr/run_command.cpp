@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <limits>
 #include <mutex>
 #include <optional>
@@ -254,7 +255,7 @@ InputOutcome RunCommand::runInput(const std::string& input, bool given, const st
     // them, and comes out in time order. Live input is shown as it comes.
     if (offlineFile && !config.device.realtime) order.emplace(config.extractors, emit);
     const auto sink = [&](const Result& r) {
-      if (recorder_) recorder_->event(r.fullName, r.extractor, r.value, r.captureRealtimeNs);
+      if (recorder_) recorder_->event(r.fullName, r.extractor, r.value, r.captureNs);
       Result tagged = r;
       tagged.file = file;
       if (!order) return emit(tagged);
@@ -364,6 +365,9 @@ int RunCommand::run() {
   if (record_.wanted()) {
     if (several)
       throw CLI::ValidationError("--record", "records one input; give one INPUT with --record");
+    std::error_code same;
+    if (!o.inputs.empty() && std::filesystem::equivalent(o.inputs[0], record_.path, same))
+      throw CLI::ValidationError("--record", "would write over its own input " + o.inputs[0]);
     recorder_ = std::make_unique<Recorder>(record_);
   }
 

@@ -67,6 +67,7 @@ void ZRAudioDevice::Core::run(std::unique_ptr<ZRAudioSource> source) {
   const double pacedRate = rate * (1.0 + options.clockSkewPpm * 1e-6);
   const Clock::time_point clockStart = Clock::now();
   position = source->firstPosition();
+  const std::int64_t paceFrom = position;
   sequence = 0;
   drift.reset(isLive() ? rate : 0);
   const std::size_t spb = static_cast<std::size_t>(samplesPerBuffer);
@@ -89,7 +90,7 @@ void ZRAudioDevice::Core::run(std::unique_ptr<ZRAudioSource> source) {
       if (paced) {
         const auto due =
             clockStart + std::chrono::nanoseconds(std::llround(
-                             static_cast<double>(position + frames) * 1e9 / pacedRate));
+                             static_cast<double>(position - paceFrom + frames) * 1e9 / pacedRate));
         std::unique_lock<std::mutex> lock(mutex);
         if (changed.wait_until(lock, due, [&] { return stop.load(); })) break;
       }

@@ -8,6 +8,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include <vo/log.h>
+
 #include <zrcommon/zrservicenames.h>
 #include <zrmcap/zrmcap.h>
 #include <zrmcap/zrsoundmessage.h>
@@ -33,8 +35,9 @@ const ZRMcapChannel* soundChannelOf(const ZRMcapSummary& summary) {
 
 class RecordingSource : public ZRAudioSource {
  public:
+  /// `announce`: says when the recording was cut short (the source that plays it; not a probe).
   RecordingSource(const ZRAudioDeviceOptions& options, const std::string& module,
-                  const std::string& method)
+                  const std::string& method, bool announce)
       : path_(options.path), module_(module), method_(method) {
     try {
       reader_ = std::make_unique<ZRMcapReader>(path_);
@@ -47,14 +50,21 @@ class RecordingSource : public ZRAudioSource {
       fail("holds no sound (no channel of \"" + std::string(kSoundSchemaName) + "\")" +
            (summary.complete ? "" : "; " + summary.damage));
     sound_ = sound->id;
-    readGapReasons(sound->metadata.count(kModuleKey) ? sound->metadata.at(kModuleKey)
-                                                     : std::string(kAudioDeviceServiceName));
+    readGaps(sound->metadata.count(kModuleKey) ? sound->metadata.at(kModuleKey)
+                                               : std::string(kAudioDeviceServiceName));
     cursor_ = reader_->messages({sound_});
-    if (!nextBlock()) fail("holds no sound");
+    if (!nextBlock()) fail("holds no sound" + (summary.complete ? "" : "; " + summary.damage));
     format_.sampleRate = block_.sampleRate;
     format_.channels = block_.channels;
     format_.samplesPerBuffer = static_cast<int>(block_.frames());
-    expected_ = first_ = block_.sample;
+    // The stream starts where the recording does, or before the sound it lost right away.
+    first_ = block_.sample;
+    for (auto g = gaps_.begin(); g != gaps_.end(); ++g)
+      if (g->first + g->second.samples == first_) first_ = g->first;
+    expected_ = first_;
+    if (announce && !summary.complete)
+      VO_LOG(vo::LogLevel_Warning, kAudioDeviceCategory)
+          << module << ": \"" << path_ << "\" " << summary.damage << "; replaying what it holds";
   }
 
   const ZRAudioFormat& format() const { return format_; }
@@ -63,13 +73,15 @@ class RecordingSource : public ZRAudioSource {
     std::size_t filled = 0;
     realtimeNs_ = 0;
     while (filled < frames && !stop) {
-      if (offset_ == block_.frames() && !nextBlock()) break;
+      if (offset_ == block_.frames() && !nextBlock()) {
+        // Sound lost after the last buffer ends the stream as it ended it.
+        auto last = gaps_.find(expected_);
+        if (filled == 0 && last != gaps_.end()) lose(last->second.samples);
+        break;
+      }
       if (offset_ == 0 && block_.sample > expected_) {
         if (filled > 0) break;  // the loss comes before the frames of the next read
-        loss_.frames += block_.sample - expected_;
-        auto reason = reasons_.find(expected_);
-        loss_.reason = reason != reasons_.end() ? reason->second : "not in the recording";
-        expected_ = block_.sample;
+        lose(block_.sample - expected_);
       }
       const std::size_t n = std::min(frames - filled, block_.frames() - offset_);
       if (filled == 0 && block_.realtimeNs > 0)
@@ -85,6 +97,14 @@ class RecordingSource : public ZRAudioSource {
   }
 
   Loss takeLoss() override { return std::exchange(loss_, {}); }
+
+  // `frames` lost at the expected position, for the reason recorded there.
+  void lose(std::int64_t frames) {
+    auto gap = gaps_.find(expected_);
+    loss_.frames += frames;
+    loss_.reason = gap != gaps_.end() ? gap->second.reason : "not in the recording";
+    expected_ += frames;
+  }
   std::int64_t firstPosition() const override { return first_; }
   std::int64_t capturedRealtimeNs() const override { return realtimeNs_; }
 
@@ -118,29 +138,35 @@ class RecordingSource : public ZRAudioSource {
   }
 
   // The recorded announcements of lost sound, by their position: a replayed loss says what the
-  // recorded one said.
-  void readGapReasons(const std::string& device) {
+  // recorded one said, and one before the first buffer or after the last is replayed too.
+  void readGaps(const std::string& device) {
     const std::string topic = device + "/Gap";
-    std::vector<std::uint16_t> gaps;
+    std::vector<std::uint16_t> ids;
     for (const auto& [id, channel] : reader_->summary().channels)
-      if (channel.topic == topic) gaps.push_back(id);
-    if (gaps.empty()) return;
+      if (channel.topic == topic) ids.push_back(id);
+    if (ids.empty()) return;
     reader_->forEachMessage(
         [&](const ZRMcapMessage& m) {
           const auto gap = nlohmann::json::parse(m.data, m.data + m.size, nullptr, false);
           if (gap.is_object() && gap.contains("start") && gap["start"].is_number_integer() &&
+              gap.contains("samples") && gap["samples"].is_number_integer() &&
               gap.contains("reason") && gap["reason"].is_string())
-            reasons_[gap["start"].get<std::int64_t>()] = gap["reason"].get<std::string>();
+            gaps_[gap["start"].get<std::int64_t>()] = {gap["samples"].get<std::int64_t>(),
+                                                       gap["reason"].get<std::string>()};
           return true;
         },
-        gaps);
+        ids);
   }
 
   std::string path_, module_, method_;
   std::unique_ptr<ZRMcapReader> reader_;
   ZRMcapReader::Cursor cursor_;
   std::uint16_t sound_ = 0;
-  std::map<std::int64_t, std::string> reasons_;
+  struct Gap {
+    std::int64_t samples = 0;
+    std::string reason;
+  };
+  std::map<std::int64_t, Gap> gaps_;  // by position
   ZRAudioFormat format_;
   ZRSoundBlock block_;
   std::size_t offset_ = 0;
@@ -152,7 +178,7 @@ class RecordingSource : public ZRAudioSource {
 
 bool probeRecordingFormat(const ZRAudioDeviceOptions& options, ZRAudioFormat& format) {
   try {
-    format = RecordingSource(options, kAudioDeviceServiceName, "probe").format();
+    format = RecordingSource(options, kAudioDeviceServiceName, "probe", false).format();
     // Asked for another format, the subscribe that opens it says why it cannot be.
     format.sampleRate = options.sampleRate.value_or(format.sampleRate);
     format.channels = options.channelCount.value_or(format.channels);
@@ -166,15 +192,18 @@ std::unique_ptr<ZRAudioSource> openRecordingSource(const ZRAudioDeviceOptions& o
                                                    const ZRAudioFormat& format,
                                                    const std::string& module,
                                                    const std::string& method) {
-  auto source = std::make_unique<RecordingSource>(options, module, method);
+  auto source = std::make_unique<RecordingSource>(options, module, method, true);
   const ZRAudioFormat& recorded = source->format();
+  const auto channels = [](int n) {
+    return std::to_string(n) + (n == 1 ? " channel" : " channels");
+  };
   if (recorded.sampleRate != format.sampleRate || recorded.channels != format.channels)
-    throw ZRError(
-        module, method,
-        "\"" + options.path + "\" was recorded at " + std::to_string(recorded.sampleRate) +
-            " Hz with " + std::to_string(recorded.channels) +
-            " channels; a recording is replayed as it was recorded, not at " +
-            std::to_string(format.sampleRate) + " Hz with " + std::to_string(format.channels));
+    throw ZRError(module, method,
+                  "\"" + options.path + "\" was recorded at " +
+                      std::to_string(recorded.sampleRate) + " Hz with " +
+                      channels(recorded.channels) +
+                      "; a recording is replayed as it was recorded, not at " +
+                      std::to_string(format.sampleRate) + " Hz with " + channels(format.channels));
   return source;
 }
 
