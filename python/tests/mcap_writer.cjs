@@ -8,7 +8,7 @@
 //   messages: [{channel, sequence, logTime, publishTime, data}]}]}
 // with schema and channel as indexes into the lists, times as decimal strings, data as text.
 // Output (stdout): [{"ends": [offset per message, in file order]}] per file.
-// Usage: node mcap_writer.cjs NODE_MODULES_DIR < spec.json
+// Usage: node mcap_writer.cjs NODE_MODULES_DIR < plan.json
 "use strict";
 
 const fs = require("fs");
@@ -81,7 +81,7 @@ function lz4Frame(data) {
   return Buffer.concat(parts);
 }
 
-async function write(spec) {
+async function write(plan) {
   const parts = [];
   let position = 0n;
   const writable = {
@@ -96,12 +96,12 @@ async function write(spec) {
     lz4: (d) => ({ compression: "lz4", compressedData: lz4Frame(d) }),
     "": undefined,
   };
-  const summary = spec.summary !== false;
+  const summary = plan.summary !== false;
   const writer = new McapWriter({
     writable,
-    useChunks: spec.chunked,
-    chunkSize: spec.chunkSize,
-    compressChunk: compress[spec.compression],
+    useChunks: plan.chunked,
+    chunkSize: plan.chunkSize,
+    compressChunk: compress[plan.compression],
     useStatistics: summary,
     useSummaryOffsets: summary,
     repeatSchemas: summary,
@@ -111,15 +111,15 @@ async function write(spec) {
     useAttachmentIndex: summary,
     useMetadataIndex: summary,
   });
-  await writer.start(spec.header);
+  await writer.start(plan.header);
   const schemaIds = [];
-  for (const s of spec.schemas) {
+  for (const s of plan.schemas) {
     schemaIds.push(
       await writer.registerSchema({ ...s, data: Buffer.from(s.data, "utf8") }),
     );
   }
   const channelIds = [];
-  for (const c of spec.channels) {
+  for (const c of plan.channels) {
     channelIds.push(
       await writer.registerChannel({
         schemaId: schemaIds[c.schema],
@@ -129,7 +129,7 @@ async function write(spec) {
       }),
     );
   }
-  for (const m of spec.messages) {
+  for (const m of plan.messages) {
     await writer.addMessage({
       channelId: channelIds[m.channel],
       sequence: m.sequence,
@@ -140,19 +140,19 @@ async function write(spec) {
   }
   await writer.end();
   const file = Buffer.concat(parts);
-  fs.writeFileSync(spec.path, file);
+  fs.writeFileSync(plan.path, file);
   return { file, channelIds };
 }
 
 // Reads the file back as the reference reads it; a message is readable once the record that
 // holds it (the message itself, or its chunk) has been read whole.
-async function check(spec, file, channelIds, decompressHandlers) {
+async function check(plan, file, channelIds, decompressHandlers) {
   const reader = new McapStreamReader({ decompressHandlers, validateCrcs: true });
   reader.append(file);
   const ends = [];
   for (let r; (r = reader.nextRecord()); ) {
     if (r.type !== "Message") continue;
-    const want = spec.messages[ends.length];
+    const want = plan.messages[ends.length];
     const text = Buffer.from(r.data).toString("utf8");
     if (
       r.channelId !== channelIds[want.channel] ||
@@ -160,21 +160,21 @@ async function check(spec, file, channelIds, decompressHandlers) {
       r.logTime !== BigInt(want.logTime) ||
       text !== want.data
     ) {
-      throw new Error(`${spec.path}: message ${ends.length} does not read back as written`);
+      throw new Error(`${plan.path}: message ${ends.length} does not read back as written`);
     }
     ends.push(file.length - reader.bytesRemaining());
   }
-  if (!reader.done() || ends.length !== spec.messages.length) {
-    throw new Error(`${spec.path}: ${ends.length} of ${spec.messages.length} messages read back`);
+  if (!reader.done() || ends.length !== plan.messages.length) {
+    throw new Error(`${plan.path}: ${ends.length} of ${plan.messages.length} messages read back`);
   }
-  if (spec.summary !== false) {
+  if (plan.summary !== false) {
     const readable = {
       size: async () => BigInt(file.length),
       read: async (offset, size) => file.subarray(Number(offset), Number(offset + size)),
     };
     const indexed = await McapIndexedReader.Initialize({ readable, decompressHandlers });
-    if (indexed.statistics.messageCount !== BigInt(spec.messages.length)) {
-      throw new Error(`${spec.path}: the summary counts the wrong number of messages`);
+    if (indexed.statistics.messageCount !== BigInt(plan.messages.length)) {
+      throw new Error(`${plan.path}: the summary counts the wrong number of messages`);
     }
   }
   return { ends };
@@ -185,9 +185,9 @@ async function main() {
   await zstd.isLoaded;
   const decompressHandlers = await loadDecompressHandlers();
   const results = [];
-  for (const spec of input.files) {
-    const { file, channelIds } = await write(spec);
-    results.push(await check(spec, file, channelIds, decompressHandlers));
+  for (const plan of input.files) {
+    const { file, channelIds } = await write(plan);
+    results.push(await check(plan, file, channelIds, decompressHandlers));
   }
   process.stdout.write(JSON.stringify(results));
 }

@@ -41,10 +41,8 @@ PipelineSite inProcess(const PipelineConfig& config, const ZR::ZRExtractorRegist
 
 PipelineSite onNetwork(const PipelineConfig& config, const DirectoryOptions& directory,
                        const ListenOptions& listen) {
-  char host[256] = "host";
-  gethostname(host, sizeof host - 1);
   PipelineSite site;
-  site.client = std::string("zr-run-") + host + "-" + std::to_string(getpid());
+  site.client = clientName("run");
   std::vector<std::string> needed{ZR::kMemoryServiceName, ZR::kAudioDeviceServiceName};
   needed.insert(needed.end(), config.extractors.begin(), config.extractors.end());
   site.broker = joinNetwork(directory, site.client, listen, needed);

@@ -26,12 +26,6 @@
 namespace zr {
 namespace {
 
-std::string defaultName() {
-  char host[256] = "host";
-  gethostname(host, sizeof host - 1);
-  return std::string("zr-record-") + host + "-" + std::to_string(getpid());
-}
-
 class RecordCommand : public Command {
  public:
   CLI::App* define(CLI::App& app) override {
@@ -73,7 +67,7 @@ class RecordCommand : public Command {
   RecordOptions record_;
   std::vector<std::string> extractors_;
   double duration_ = 0.0;
-  std::string name_ = defaultName();
+  std::string name_ = clientName("record");
   DirectoryOptions directory_;
   ListenOptions listen_;
 };

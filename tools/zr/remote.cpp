@@ -485,21 +485,4 @@ std::string toJson(const ZR::ZRValue& v) {
   }
 }
 
-bool waitForStop(const sigset_t& signals, double seconds) {
-  if (seconds <= 0) {
-    while (sigwaitinfo(&signals, nullptr) < 0 && errno == EINTR) {
-    }
-    return true;
-  }
-  const auto end = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
-  for (;;) {
-    const double left =
-        std::chrono::duration<double>(end - std::chrono::steady_clock::now()).count();
-    if (left <= 0) return false;
-    const timespec wait{static_cast<time_t>(left),
-                        static_cast<long>((left - std::floor(left)) * 1e9)};
-    if (sigtimedwait(&signals, nullptr, &wait) >= 0) return true;  // else a timeout or EINTR
-  }
-}
-
 }  // namespace zr

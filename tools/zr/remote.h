@@ -126,6 +126,9 @@ void requireDirectory(const ZR::ZRBrokerOptions& o);
 void subscribeNewModule(ZR::ZRMemoryProxy& memory, const std::string& event,
                         const std::string& module, const std::string& callback);
 
+/// The name a client of the tool takes in a network: "zr-COMMAND-HOST-PID".
+std::string clientName(const std::string& command);
+
 /// Waits for one of `signals` (blocked by the caller), or for `seconds` when positive; true when
 /// a signal came.
 bool waitForStop(const sigset_t& signals, double seconds);

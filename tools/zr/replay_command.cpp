@@ -26,12 +26,6 @@
 namespace zr {
 namespace {
 
-std::string defaultName() {
-  char host[256] = "host";
-  gethostname(host, sizeof host - 1);
-  return std::string("zr-replay-") + host + "-" + std::to_string(getpid());
-}
-
 struct Recorded {
   std::uint64_t logTime;
   std::string topic;
@@ -60,7 +54,7 @@ class ReplayCommand : public Command {
  private:
   std::vector<Recorded> read(std::set<std::string>& skipped);
 
-  std::string path_, name_ = defaultName();
+  std::string path_, name_ = clientName("replay");
   double speed_ = 1.0;
   std::vector<std::string> events_;
   DirectoryOptions directory_;

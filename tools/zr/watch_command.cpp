@@ -30,12 +30,6 @@
 namespace zr {
 namespace {
 
-std::string defaultName() {
-  char host[256] = "host";
-  gethostname(host, sizeof host - 1);
-  return std::string("zr-watch-") + host + "-" + std::to_string(getpid());
-}
-
 class WatchCommand : public Command {
  public:
   CLI::App* define(CLI::App& app) override {
@@ -59,7 +53,7 @@ class WatchCommand : public Command {
 
  private:
   std::vector<std::string> events_;
-  std::string name_ = defaultName(), format_ = "jsonl";
+  std::string name_ = clientName("watch"), format_ = "jsonl";
   long count_ = 0;  // 0: no limit
   double duration_ = 0.0;
   bool wait_ = false;
