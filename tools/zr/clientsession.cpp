@@ -1,6 +1,7 @@
 // What the tool's clients of a running system share: the name they take, and how they wait for
 // the signal that ends them.
 
+#include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -16,6 +17,15 @@ std::string clientName(const std::string& command) {
   char host[256] = "host";
   gethostname(host, sizeof host - 1);
   return "zr-" + command + "-" + host + "-" + std::to_string(getpid());
+}
+
+sigset_t blockStopSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  return signals;
 }
 
 bool waitForStop(const sigset_t& signals, double seconds) {

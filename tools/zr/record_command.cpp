@@ -74,11 +74,7 @@ class RecordCommand : public Command {
 
 int RecordCommand::run() {
   vo::log::setLogLevel(vo::LogLevel_Error);
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  const sigset_t signals = blockStopSignals();
 
   std::vector<std::string> needed{ZR::kMemoryServiceName};
   if (record_.withSound()) needed.push_back(ZR::kAudioDeviceServiceName);

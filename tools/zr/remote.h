@@ -129,6 +129,10 @@ void subscribeNewModule(ZR::ZRMemoryProxy& memory, const std::string& event,
 /// The name a client of the tool takes in a network: "zr-COMMAND-HOST-PID".
 std::string clientName(const std::string& command);
 
+/// Blocks SIGINT and SIGTERM in this thread (and the threads it starts), to be waited for; the
+/// set of them.
+sigset_t blockStopSignals();
+
 /// Waits for one of `signals` (blocked by the caller), or for `seconds` when positive; true when
 /// a signal came.
 bool waitForStop(const sigset_t& signals, double seconds);

@@ -107,11 +107,7 @@ std::vector<Recorded> ReplayCommand::read(std::set<std::string>& skipped) {
 
 int ReplayCommand::run() {
   vo::log::setLogLevel(vo::LogLevel_Error);
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  const sigset_t signals = blockStopSignals();
 
   auto broker = joinNetwork(directory_, name_, listen_, {ZR::kMemoryServiceName});
   std::set<std::string> skipped;
