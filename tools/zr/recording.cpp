@@ -7,6 +7,7 @@
 
 #include <zrcommon/zraudiotimestamp.h>
 #include <zrcommon/zrversion.h>
+#include <zrextractors/zrrecord.h>
 #include <zrmcap/zrsoundmessage.h>
 #include <zrvalue/zrvalue.h>
 
@@ -20,11 +21,9 @@ constexpr const char* kValueKey = "zr.value";
 // Buffers whose capture times a result may still refer to: seconds of sound at any buffer size.
 constexpr std::size_t kRecentBuffers = 4096;
 
+// An empty list is a value, not a record of no fields, as zr prints it.
 bool isRecordValue(const ZR::ZRValue& v) {
-  if (!v.isArray() || v.getSize() == 0) return false;
-  for (const ZR::ZRValue& e : v.arrayElements())
-    if (!e.isArray() || e.getSize() != 2 || !e[0].isString()) return false;
-  return true;
+  return ZR::isRecord(v) && v.getSize() > 0;
 }
 
 std::int64_t nowNs(clockid_t clock) {
