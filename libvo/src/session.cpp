@@ -147,8 +147,9 @@ boost::shared_ptr<DynamicObject> Session::service(const std::string& name) const
 boost::weak_ptr<DynamicObject> Session::serviceHandle(const std::string& name) const {
   std::lock_guard<std::mutex> lock(mutex_);
   auto it = services_.find(name);
-  return it == services_.end() || it->second.pending ? boost::weak_ptr<DynamicObject>()
-                                                     : it->second.object;
+  // A name still being published is reached already: once the network took it, other hosts
+  // may call it before the publish returns here.
+  return it == services_.end() ? boost::weak_ptr<DynamicObject>() : it->second.object;
 }
 
 std::vector<std::string> Session::services() const {

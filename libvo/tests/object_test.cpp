@@ -205,3 +205,29 @@ TEST(Session, RegistersForgetsTellsOfRemovalsAndCompletesWaits) {
   EXPECT_THROW(s.registerService("more", a), ZR::ZRError);
   EXPECT_EQ(s.service("a"), other);  // a closed session still answers lookups
 }
+
+// The network's publish is where other hosts learn the name: their calls may come before it
+// returns, so the object is reached from then on, though not listed until the publish succeeds.
+TEST(Session, ANameIsReachedFromItsPublishAndFreedWhenThePublishFails) {
+  struct Network : vo::SessionNetwork {
+    vo::Session* session = nullptr;
+    std::vector<std::string> seen;
+    void publish(const std::string& name) override {
+      seen.push_back(name + (session->service(name) ? " reached" : " missed") +
+                     (session->hasService(name) ? " listed" : ""));
+      if (name == "taken") throw ZR::ZRError("Directory", "publish", "held by hostB");
+    }
+    void unpublish(const std::string&) noexcept override {}
+  };
+  vo::Session s;
+  auto network = std::make_shared<Network>();
+  network->session = &s;
+  s.setNetwork(network);
+  auto a = boost::make_shared<vo::DynamicObject>();
+  s.registerService("a", a);
+  EXPECT_THROW(s.registerService("taken", a), ZR::ZRError);
+  EXPECT_THAT(network->seen, ElementsAre("a reached", "taken reached"));
+  EXPECT_TRUE(s.service("a") == a && s.hasService("a"));
+  EXPECT_TRUE(s.service("taken") == nullptr && !s.hasService("taken"));
+  s.setNetwork(nullptr);
+}

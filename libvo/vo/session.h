@@ -58,7 +58,8 @@ class Session {
   /// Forgets `name`, but only if it still designates `object` (null: whatever it designates).
   /// Returns whether something was removed.
   bool unregisterService(const std::string& name, const DynamicObject* object = nullptr);
-  /// The service, or null when there is none by that name (or it went away).
+  /// The local service, or null when there is none by that name (or it went away). A service
+  /// being registered is found from the moment its network publishes it.
   boost::shared_ptr<DynamicObject> service(const std::string& name) const;
   boost::weak_ptr<DynamicObject> serviceHandle(const std::string& name) const;
   /// Registered names in registration order.
@@ -102,7 +103,7 @@ class Session {
     const DynamicObject* raw;
     unsigned long order;
     std::optional<RemoteService> remote;
-    bool pending = false;  // a local name being published: taken, not yet visible
+    bool pending = false;  // a local name being published: taken, not yet listed
     bool live() const { return !pending && (remote || !object.expired()); }
   };
   void release(const std::string& name, std::vector<Promise<void>>& out);

@@ -223,10 +223,10 @@ using RemoteProxy = ProxyContract<Remote>;
 
 TEST_F(RemoteProxy, DeadlinesNamesOfOtherHostsAndShutdown) {
   boost::shared_ptr<ZR::ZRProxy> p = this->make("Shapes");
-  // A deadline fails the call, and the callee's pool goes on.
+  // A deadline fails the call, and the callee's pool goes on once the held call lets go (a slow
+  // host may also have dropped it, its deadline past before a thread took it).
   p->setDeadline(std::chrono::milliseconds(200));
   EXPECT_EQ(fieldsOf(errorOf([&] { p->call<bool>("hold"); })), "Shapes|hold|deadline exceeded");
-  ASSERT_TRUE(module->holding.waitFor());
   module->released.set_value(true);
   p->setDeadline(std::chrono::milliseconds(0));
   EXPECT_EQ(p->call<int>("scale", 5), 10);
