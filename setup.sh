@@ -30,6 +30,8 @@ PACKAGES=(
   # recordings: the container's chunk codecs and CRC-32; node runs the reference implementation
   # the container's tests compare with (npm comes with it, or below)
   libzstd-dev liblz4-dev zlib1g-dev nodejs
+  # the bridge's page is tested in a headless browser
+  chromium
   clang libfuzzer-14-dev clang-format
   # for Debian's /usr/bin/python3, which the Python client and its extractors run on (not a python3
   # that comes first on the PATH)
@@ -54,21 +56,22 @@ install_deps() {
     "${missing[@]}" >/dev/null
 }
 
-# install_npm DIR: the reference implementation's npm packages that the recording container's
-# tests run, pinned by libzrmcap/tests/package-lock.json, into DIR/npm (never the source tree).
+# install_npm DIR: the reference implementations' npm packages that the tests of the recording
+# container and the bridge run, pinned by tests/npm/package-lock.json, into DIR/npm (never the
+# source tree).
 install_npm() {
-  local dir=$1/npm lock=libzrmcap/tests/package-lock.json
+  local dir=$1/npm lock=tests/npm/package-lock.json
   if ! command -v npm >/dev/null 2>&1; then
     # Debian's nodejs comes without npm; another nodejs may bring its own (and conflict with it).
     local sudo=()
     if [ "$(id -u)" -ne 0 ]; then sudo=(sudo); fi
     DEBIAN_FRONTEND=noninteractive "${sudo[@]}" apt-get install -y -qq --no-install-recommends npm >/dev/null
   fi
-  if cmp -s "$lock" "$dir/package-lock.json" && [ -d "$dir/node_modules/@mcap/core" ]; then
+  if cmp -s "$lock" "$dir/package-lock.json" && [ -d "$dir/node_modules" ]; then
     return 0
   fi
   mkdir -p "$dir"
-  cp libzrmcap/tests/package.json "$lock" "$dir/"
+  cp tests/npm/package.json "$lock" "$dir/"
   npm ci --prefix "$dir" --ignore-scripts --no-audit --no-fund --loglevel=error
 }
 

@@ -30,5 +30,6 @@ std::unique_ptr<Command> makeKeygenCommand();
 std::unique_ptr<Command> makeInspectCommand();
 std::unique_ptr<Command> makeRecordCommand();
 std::unique_ptr<Command> makeReplayCommand();
+std::unique_ptr<Command> makeBridgeCommand();
 
 }  // namespace zr

@@ -19,6 +19,7 @@
 #include <zrsoundextractor/zrsoundextractor.h>
 
 #include "arrayoption.h"
+#include "bridge/bridge.h"
 #include "command.h"
 #include "input.h"
 #include "remote.h"
@@ -89,6 +90,16 @@ class HostCommand : public Command {
         "--directory", directory_,
         std::string("Directory address (default: ZR_DIRECTORY, else ") + kDefaultDirectory + ").");
     defineHeartbeat(cmd, heartbeat_);
+    cmd->add_option("--bridge", bridgePort_,
+                    "Serve this system live on PORT: viewers (WebSocket) and a page (0: any free "
+                    "port).")
+        ->check(CLI::Range(0, 65535));
+    cmd->add_option("--bridge-address", bridge_.address,
+                    "Address the bridge listens on; beyond loopback a token is required.")
+        ->capture_default_str();
+    cmd->add_option("--bridge-token", bridge_.token,
+                    "Token the bridge's page and viewers present (?token=); generated beyond "
+                    "loopback when not given.");
     cmd->add_option("--log-level", logLevel_,
                     "silent, fatal, error, warning (default), info, verbose or debug.");
     directoryOption_ = cmd->get_option("--directory");
@@ -108,8 +119,10 @@ class HostCommand : public Command {
 
   std::string name_ = defaultHostName(), listen_ = ZR::kDefaultListen, advertise_, input_;
   std::string curveKeys_, allow_, serverKey_, directory_, logLevel_ = "warning", array_;
+  std::string directoryAt_;  // where the directory answers, once the broker is up
   bool serve_ = false, memory_ = false, insecure_ = false;
-  int heartbeat_ = 0;
+  int heartbeat_ = 0, bridgePort_ = -1;
+  bridge::BridgeOptions bridge_;
   DeviceFlags deviceFlags_;
   std::vector<std::string> extractors_, libraries_;
   std::vector<boost::shared_ptr<ZR::ZRModuleCore>> made_;  // the extractors, until shutdown
@@ -129,6 +142,7 @@ boost::shared_ptr<ZR::ZRBroker> HostCommand::start(ZR::ZRBrokerOptions o) {
     try {
       auto broker = ZR::ZRBroker::createBroker(name_, o);
       say("host " + name_ + " serves the directory at " + broker->endpoint());
+      directoryAt_ = broker->endpoint();
       return broker;
     } catch (const ZR::ZRError& e) {
       // Of two hosts racing for the address, the one that bound it serves; this one joins,
@@ -137,6 +151,7 @@ boost::shared_ptr<ZR::ZRBroker> HostCommand::start(ZR::ZRBrokerOptions o) {
     }
   }
   o.serveDirectory = false;
+  directoryAt_ = o.directory;
   auto broker = ZR::ZRBroker::createBroker(name_, o);
   say("host " + name_ + " joined the directory at " + o.directory + ", takes calls at " +
       broker->endpoint());
@@ -276,6 +291,22 @@ int HostCommand::run() {
     broker->shutdown();
     throw;
   }
+  std::unique_ptr<bridge::Bridge> live;
+  if (signal < 0 && bridgePort_ >= 0) {
+    bridge_.name = name_ + "-bridge";
+    bridge_.port = static_cast<unsigned short>(bridgePort_);
+    ZR::ZRBrokerOptions at = o;
+    at.serveDirectory = false;
+    at.directory = directoryAt_;
+    try {
+      live = std::make_unique<bridge::Bridge>(broker, at, bridge_);
+    } catch (const std::runtime_error&) {
+      stopSoundExtractors();
+      broker->shutdown();
+      throw;
+    }
+    bridge::announce(*live);
+  }
   if (signal < 0) say("serving; stop with Ctrl-C");
 
   std::map<std::string, std::string> peers;
@@ -290,6 +321,7 @@ int HostCommand::run() {
     signal = sigtimedwait(&signals, nullptr, &tick);
   }
   say(std::string("shutting down (") + (signal == SIGINT ? "SIGINT" : "SIGTERM") + ")");
+  live.reset();
   stopSoundExtractors();
   broker->shutdown();
   say("host " + name_ + " stopped");

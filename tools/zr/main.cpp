@@ -22,10 +22,10 @@ int main(int argc, char** argv) {
   app.set_version_flag("--version", std::string("zr ") + ZR::kPlatformVersion);
 
   std::vector<std::pair<CLI::App*, std::unique_ptr<zr::Command>>> commands;
-  for (auto make :
-       {zr::makeRunCommand, zr::makeHostCommand, zr::makeCallCommand, zr::makeListCommand,
-        zr::makeDescribeCommand, zr::makeWatchCommand, zr::makeTopCommand, zr::makeKeygenCommand,
-        zr::makeRecordCommand, zr::makeReplayCommand, zr::makeInspectCommand}) {
+  for (auto make : {zr::makeRunCommand, zr::makeHostCommand, zr::makeCallCommand,
+                    zr::makeListCommand, zr::makeDescribeCommand, zr::makeWatchCommand,
+                    zr::makeTopCommand, zr::makeKeygenCommand, zr::makeRecordCommand,
+                    zr::makeReplayCommand, zr::makeInspectCommand, zr::makeBridgeCommand}) {
     std::unique_ptr<zr::Command> command = make();
     CLI::App* sub = command->define(app);
     commands.emplace_back(sub, std::move(command));

@@ -112,6 +112,13 @@ std::string eventJson(const ZR::ZRValue& value) {
   return eventObject(value).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
+std::string eventSchema(const std::string& topic, const ZR::ZRValue* value) {
+  nlohmann::ordered_json schema =
+      value ? schemaOf(eventObject(*value)) : nlohmann::ordered_json{{"type", "object"}};
+  schema["title"] = topic;
+  return schema.dump();
+}
+
 ZR::ZRValue eventValue(const std::string& json, bool record) {
   const auto j = nlohmann::ordered_json::parse(json, nullptr, false);
   if (j.is_discarded() || !j.is_object()) return ZR::ZRValue();
@@ -186,9 +193,8 @@ std::uint16_t Recorder::channelFor(const std::string& topic, const std::string& 
     id = writer_.addChannel(schema, topic, ZR::kJsonEncoding,
                             {{ZR::kKindKey, "sound"}, {ZR::kModuleKey, producer}});
   } else {
-    nlohmann::ordered_json schema = schemaOf(eventObject(*value));
-    schema["title"] = topic;
-    const std::uint16_t s = writer_.addSchema(topic, ZR::kSoundSchemaEncoding, schema.dump());
+    const std::uint16_t s =
+        writer_.addSchema(topic, ZR::kSoundSchemaEncoding, eventSchema(topic, value));
     id = writer_.addChannel(s, topic, ZR::kJsonEncoding,
                             {{ZR::kKindKey, "event"},
                              {ZR::kModuleKey, producer},

@@ -78,6 +78,9 @@ class Recorder {
 /// else as {"value": ...}), and back; `record` says which the channel holds.
 std::string eventJson(const ZR::ZRValue& value);
 ZR::ZRValue eventValue(const std::string& json, bool record);
+/// The JSON Schema of `topic`'s values as eventJson writes them, from one of them (null: none
+/// seen yet, any object).
+std::string eventSchema(const std::string& topic, const ZR::ZRValue* value);
 
 /// Throws std::runtime_error with a line for the user unless `path` is a recording with sound
 /// (what a device replays).

@@ -4,6 +4,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <map>
@@ -25,6 +26,10 @@ std::vector<std::string> strings(const ZR::ZRValue& v) {
   if (v.isArray())
     for (const ZR::ZRValue& e : v.arrayElements()) out.push_back(e.toStringRef());
   return out;
+}
+
+bool hasMethod(const ZR::ZRModuleInfo& info, const std::string& method) {
+  return std::find(info.methods.begin(), info.methods.end(), method) != info.methods.end();
 }
 
 double rounded(double v) {
@@ -181,6 +186,18 @@ std::vector<Json> TopCommand::snapshot(DirectoryView& view) {
              {"lost_samples", view.call(e.name, "getLostSampleCount").toInt()},
              {"subscribers", subscribers}});
         modules.insert(modules.end(), subscriberRows.begin(), subscriberRows.end());
+      } else if (hasMethod(view.info(e), "getViewers")) {
+        // A live bridge: its viewers and what each could not keep up with.
+        Json viewers = Json::array();
+        for (const ZR::ZRValue& v : view.call(e.name, "getViewers").arrayElements())
+          if (v.isArray() && v.getSize() == 5)
+            viewers.push_back({{"name", v[0].toStringRef()},
+                               {"address", v[1].toStringRef()},
+                               {"subscriptions", v[2].toInt()},
+                               {"sent", v[3].toInt()},
+                               {"dropped", v[4].toInt()}});
+        modules.push_back(
+            {{"type", "bridge"}, {"module", e.name}, {"host", e.host}, {"viewers", viewers}});
       } else {
         view.call(e.name, "ping");  // nothing else to ask: whether its host answers
       }
@@ -263,6 +280,15 @@ void TopCommand::print(const std::vector<Json>& rows, bool inPlace) {
                   s["dropped"].get<int>(), s["dropRate"].dump().c_str(),
                   figure(s["latency_p50_ms"], " ms").c_str(),
                   figure(s["latency_p99_ms"], " ms").c_str());
+  }
+  std::printf("\n%-16s %-32s %-22s %5s %10s %8s\n", "BRIDGE", "VIEWER", "ADDRESS", "SUBS", "SENT",
+              "DROPPED");
+  for (const Json& r : rows) {
+    if (r["type"] != "bridge") continue;
+    for (const Json& v : r["viewers"])
+      std::printf("%-16s %-32s %-22s %5d %10d %8d\n", r["module"].get<std::string>().c_str(),
+                  v["name"].get<std::string>().c_str(), v["address"].get<std::string>().c_str(),
+                  v["subscriptions"].get<int>(), v["sent"].get<int>(), v["dropped"].get<int>());
   }
   std::fflush(stdout);
 }

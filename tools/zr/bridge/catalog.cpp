@@ -1,0 +1,192 @@
+// The bridge's catalog: the directory's modules and the events they declared, turned into the
+// channels and services a viewer is offered, with their JSON Schemas.
+
+#include "catalog.h"
+
+#include <set>
+#include <stdexcept>
+
+#include <nlohmann/json.hpp>
+
+#include "recording.h"
+
+namespace zr::bridge {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+// A method's parameter or return type as a JSON Schema.
+Json typeSchema(const std::string& type, const std::string& description) {
+  Json s = Json::object();
+  if (type == "int")
+    s["type"] = "integer";
+  else if (type == "float" || type == "double")
+    s["type"] = "number";
+  else if (type == "bool")
+    s["type"] = "boolean";
+  else if (type == "string")
+    s["type"] = "string";
+  else if (type.rfind("vector", 0) == 0 || type.rfind("array", 0) == 0)
+    s["type"] = "array";
+  if (!description.empty()) s["description"] = description;
+  return s;
+}
+
+Json definition(const std::string& name, const Json& schema) {
+  return {{"encoding", "json"},
+          {"schemaName", name},
+          {"schemaEncoding", "jsonschema"},
+          {"schema", schema.dump()}};
+}
+
+}  // namespace
+
+Catalog::Catalog(const ZR::ZRBrokerOptions& directory, std::string hidden)
+    : hidden_(std::move(hidden)), view_(std::make_unique<DirectoryView>(directory)) {}
+
+Catalog::~Catalog() = default;
+
+std::string Catalog::schemaFor(const std::string& topic) {
+  // The memory service keeps an event's last value: its fields make the schema.
+  try {
+    const ZR::ZRValue last = view_->call(ZR::kMemoryServiceName, "getData", {topic});
+    return eventSchema(topic, &last);
+  } catch (const ZR::ZRError&) {
+    return eventSchema(topic, nullptr);
+  }
+}
+
+std::vector<MethodInfo> Catalog::overloadsOf(const std::string& module, const std::string& method) {
+  try {
+    return parseMethodHelp(view_->call(module, "getMethodHelp", {method}).toStringRef());
+  } catch (const ZR::ZRError&) {
+    return {};  // a foreign module without help: callable all the same
+  }
+}
+
+Catalog::Changes Catalog::refresh() {
+  view_->refresh();
+  Changes out;
+  std::set<std::string> topics;
+  std::set<std::pair<std::string, std::string>> methods;
+  for (const ZR::ZRDirectoryEntry& e : view_->entries()) {
+    if (e.name.rfind(hidden_, 0) == 0) continue;
+    ZR::ZRModuleInfo info;
+    try {
+      info = view_->info(e);
+    } catch (const ZR::ZRError&) {
+      continue;  // its host stopped answering since the directory listed it
+    }
+    for (const std::string& event : info.events) {
+      topics.insert(event);
+      if (channels_.count(event)) continue;
+      Channel c{nextChannel_++, event, e.name, schemaFor(event)};
+      channels_[event] = c;
+      out.added.push_back(c);
+    }
+    for (const std::string& method : info.methods) {
+      const auto key = std::make_pair(e.name, method);
+      methods.insert(key);
+      auto known = services_.find(key);
+      // A module that came back on another host is asked again: it may be another version.
+      if (known != services_.end() && known->second.endpoint == e.endpoint) continue;
+      if (known != services_.end()) out.servicesRemoved.push_back(known->second.id);
+      Service s{nextService_++, e.name, method, e.endpoint, overloadsOf(e.name, method)};
+      services_[key] = s;
+      out.servicesAdded.push_back(s);
+    }
+  }
+  for (auto it = channels_.begin(); it != channels_.end();) {
+    if (topics.count(it->first)) {
+      ++it;
+      continue;
+    }
+    out.removed.push_back(it->second.id);
+    it = channels_.erase(it);
+  }
+  for (auto it = services_.begin(); it != services_.end();) {
+    if (methods.count(it->first)) {
+      ++it;
+      continue;
+    }
+    out.servicesRemoved.push_back(it->second.id);
+    it = services_.erase(it);
+  }
+  return out;
+}
+
+std::string advertiseJson(const std::vector<Channel>& channels) {
+  Json list = Json::array();
+  for (const Channel& c : channels)
+    list.push_back({{"id", c.id},
+                    {"topic", c.topic},
+                    {"encoding", "json"},
+                    {"schemaName", c.topic},
+                    {"schema", c.schema},
+                    {"schemaEncoding", "jsonschema"}});
+  return Json{{"op", "advertise"}, {"channels", list}}.dump();
+}
+
+std::string advertiseServicesJson(const std::vector<Service>& services) {
+  Json list = Json::array();
+  for (const Service& s : services) {
+    const std::string name = s.module + "/" + s.method;
+    Json request = {{"type", "object"}, {"properties", Json::object()}};
+    Json response = Json::object();
+    std::string description;
+    for (const MethodInfo& o : s.overloads) {
+      description += (description.empty() ? "" : "\n") + o.signature +
+                     (o.description.empty() ? "" : ": " + o.description);
+      for (const MethodInfo::Parameter& p : o.parameters)
+        if (!p.name.empty() && !request["properties"].contains(p.name))
+          request["properties"][p.name] = typeSchema(p.type, p.documentation);
+      if (response.empty() && o.returnType != "void")
+        response = typeSchema(o.returnType, o.returnDocumentation);
+    }
+    request["description"] = description;
+    list.push_back({{"id", s.id},
+                    {"name", name},
+                    {"type", name},
+                    {"description", description},
+                    {"request", definition(name + ".request", request)},
+                    {"response", definition(name + ".response", response)}});
+  }
+  return Json{{"op", "advertiseServices"}, {"services", list}}.dump();
+}
+
+std::string removalJson(const char* op, const char* field, const std::vector<std::uint32_t>& ids) {
+  return Json{{"op", op}, {field, ids}}.dump();
+}
+
+std::vector<ZR::ZRValue> requestArguments(const Service& s, const std::string& json) {
+  const Json j = Json::parse(json.empty() ? "[]" : json, nullptr, false);
+  if (j.is_discarded()) throw std::runtime_error("the request is no JSON");
+  std::vector<ZR::ZRValue> args;
+  if (j.is_array()) {
+    for (const Json& a : j) args.push_back(parseArgument(a.dump()));
+  } else if (j.is_object()) {
+    // By name: the overload whose parameters the request names, all of them.
+    const MethodInfo* chosen = nullptr;
+    for (const MethodInfo& o : s.overloads) {
+      std::size_t named = 0;
+      for (const MethodInfo::Parameter& p : o.parameters) named += j.contains(p.name);
+      if (named == o.parameters.size() && named == j.size()) chosen = &o;
+    }
+    if (!chosen) {
+      std::string expected;
+      for (const MethodInfo& o : s.overloads)
+        expected += (expected.empty() ? "" : " or ") + o.signature;
+      throw std::runtime_error("the request's fields match no parameters of " + s.module + "/" +
+                               s.method + (expected.empty() ? "" : " (" + expected + ")"));
+    }
+    for (const MethodInfo::Parameter& p : chosen->parameters)
+      args.push_back(parseArgument(j[p.name].dump()));
+  } else if (!j.is_null()) {
+    args.push_back(parseArgument(j.dump()));
+  }
+  fitArguments(s.overloads, args);
+  return args;
+}
+
+}  // namespace zr::bridge

@@ -1,0 +1,71 @@
+#pragma once
+
+// What the bridge offers viewers, read from the directory: a channel per event the modules
+// declared to the memory service, a service per remote method of each module; and the JSON a
+// viewer's service call becomes a call with, and back.
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <zrcommon/zrbroker.h>
+#include <zrvalue/zrvalue.h>
+
+#include "remote.h"
+
+namespace zr::bridge {
+
+struct Channel {
+  std::uint32_t id = 0;
+  std::string topic, producer, schema;
+};
+
+struct Service {
+  std::uint32_t id = 0;
+  std::string module, method, endpoint;
+  std::vector<MethodInfo> overloads;
+};
+
+/// Used from one thread (the bridge's discovery); each refresh asks the directory once, and a
+/// module's methods once per appearance.
+class Catalog {
+ public:
+  /// `hidden`: a prefix of module names not offered (the bridge's own viewers).
+  Catalog(const ZR::ZRBrokerOptions& directory, std::string hidden);
+  ~Catalog();
+
+  struct Changes {
+    std::vector<Channel> added;
+    std::vector<std::uint32_t> removed;
+    std::vector<Service> servicesAdded;
+    std::vector<std::uint32_t> servicesRemoved;
+    bool empty() const {
+      return added.empty() && removed.empty() && servicesAdded.empty() && servicesRemoved.empty();
+    }
+  };
+  /// What changed since the previous refresh. ZRError when the directory does not answer.
+  Changes refresh();
+
+ private:
+  std::string schemaFor(const std::string& topic);
+  std::vector<MethodInfo> overloadsOf(const std::string& module, const std::string& method);
+
+  const std::string hidden_;
+  std::unique_ptr<DirectoryView> view_;
+  std::map<std::string, Channel> channels_;                          // by topic
+  std::map<std::pair<std::string, std::string>, Service> services_;  // by (module, method)
+  std::uint32_t nextChannel_ = 1, nextService_ = 1;
+};
+
+/// The advertisement of channels and services, as the protocol has them.
+std::string advertiseJson(const std::vector<Channel>& channels);
+std::string advertiseServicesJson(const std::vector<Service>& services);
+std::string removalJson(const char* op, const char* field, const std::vector<std::uint32_t>& ids);
+
+/// A service call's JSON request (an object of the parameters by name, or an array of them) as
+/// arguments; std::runtime_error saying what is wrong with it.
+std::vector<ZR::ZRValue> requestArguments(const Service& s, const std::string& json);
+
+}  // namespace zr::bridge
