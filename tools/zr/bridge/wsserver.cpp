@@ -77,7 +77,10 @@ bool offers(std::string_view header, const std::string& protocol) {
 }  // namespace
 
 class WsConnection;
+class HttpSession;
 
+// Owned by the server and by every connection and session it made: a connection kept by the
+// handler after the server is gone still has the I/O context its socket belongs to.
 class WsServer::Impl : public std::enable_shared_from_this<Impl> {
  public:
   Impl(ServerOptions o, ConnectionHandler& h) : options(std::move(o)), handler(h) {}
@@ -90,21 +93,27 @@ class WsServer::Impl : public std::enable_shared_from_this<Impl> {
   asio::io_context io{1};
   tcp::acceptor acceptor{io};
   std::thread thread;
+  unsigned short port = 0;
   std::atomic<bool> stopping{false};
   std::atomic<std::uint64_t> nextId{1};
   mutable std::mutex mutex;
   std::map<std::uint64_t, std::weak_ptr<WsConnection>> live;
+  std::map<const HttpSession*, std::weak_ptr<HttpSession>> sessions;
 };
 
 class WsConnection : public Connection, public std::enable_shared_from_this<WsConnection> {
  public:
   WsConnection(std::uint64_t id, std::string peer, beast::tcp_stream stream,
-               std::weak_ptr<WsServer::Impl> server)
-      : Connection(id, std::move(peer)), ws_(std::move(stream)), server_(std::move(server)) {}
+               std::shared_ptr<WsServer::Impl> server)
+      : Connection(id, std::move(peer)), server_(std::move(server)), ws_(std::move(stream)) {}
 
   void start(http::request<http::string_body> request, const ServerOptions& options) {
     beast::get_lowest_layer(ws_).expires_never();
-    ws_.set_option(websocket::stream_base::timeout::suggested(beast::role_type::server));
+    // No timers of its own: the request was read under the HTTP session's, and a connection
+    // left idle is the client's business (timers still armed would also hold the server's
+    // thread when it stops).
+    ws_.set_option(websocket::stream_base::timeout{websocket::stream_base::none(),
+                                                   websocket::stream_base::none(), false});
     const std::string protocol = options.subprotocol;
     ws_.set_option(websocket::stream_base::decorator([protocol](websocket::response_type& r) {
       r.set(http::field::server, "zr bridge");
@@ -113,11 +122,9 @@ class WsConnection : public Connection, public std::enable_shared_from_this<WsCo
     ws_.read_message_max(options.maxFrame);
     dataLimit_ = options.dataQueue;
     ws_.async_accept(request, [self = shared_from_this()](beast::error_code ec) {
-      if (ec) return self->finish();
-      std::shared_ptr<WsServer::Impl> server = self->server_.lock();
-      if (!server || server->stopping) return self->finish();
+      if (ec || self->server_->stopping) return self->finish();
       self->open_ = true;
-      server->handler.opened(self);
+      self->server_->handler.opened(self);
       self->read();
     });
   }
@@ -127,6 +134,10 @@ class WsConnection : public Connection, public std::enable_shared_from_this<WsCo
   void sendData(std::string message) override { push({std::move(message), true, true}); }
 
   void close() override {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (done_) return;
+    }
     post([self = shared_from_this()] {
       if (!self->open_ || self->closing_) return;
       self->closing_ = true;
@@ -148,8 +159,7 @@ class WsConnection : public Connection, public std::enable_shared_from_this<WsCo
 
   template <class F>
   void post(F&& f) {
-    if (std::shared_ptr<WsServer::Impl> server = server_.lock())
-      asio::post(server->io, std::forward<F>(f));
+    asio::post(server_->io, std::forward<F>(f));
   }
 
   void push(Item item) {
@@ -211,12 +221,11 @@ class WsConnection : public Connection, public std::enable_shared_from_this<WsCo
       if (ec) return self->finish();
       std::string message = beast::buffers_to_string(self->buffer_.data());
       self->buffer_.consume(self->buffer_.size());
-      std::shared_ptr<WsServer::Impl> server = self->server_.lock();
-      if (!server || server->stopping) return self->finish();
+      if (self->server_->stopping) return self->finish();
       if (self->ws_.got_text())
-        server->handler.text(self, std::move(message));
+        self->server_->handler.text(self, std::move(message));
       else
-        server->handler.binary(self, std::move(message));
+        self->server_->handler.binary(self, std::move(message));
       self->read();
     });
   }
@@ -229,17 +238,15 @@ class WsConnection : public Connection, public std::enable_shared_from_this<WsCo
       done_ = true;
       queue_.clear();
     }
-    std::shared_ptr<WsServer::Impl> server = server_.lock();
-    if (!server) return;
     {
-      std::lock_guard<std::mutex> lock(server->mutex);
-      server->live.erase(id());
+      std::lock_guard<std::mutex> lock(server_->mutex);
+      server_->live.erase(id());
     }
-    if (open_ && !server->stopping) server->handler.closed(shared_from_this());
+    if (open_ && !server_->stopping) server_->handler.closed(shared_from_this());
   }
 
+  const std::shared_ptr<WsServer::Impl> server_;  // first made, last gone: the socket's context
   websocket::stream<beast::tcp_stream> ws_;
-  const std::weak_ptr<WsServer::Impl> server_;
   beast::flat_buffer buffer_;
   std::mutex mutex_;
   std::deque<Item> queue_;
@@ -249,13 +256,29 @@ class WsConnection : public Connection, public std::enable_shared_from_this<WsCo
   bool open_ = false, closing_ = false;  // the I/O thread's
 };
 
-namespace {
-
 // One HTTP connection: files, or the upgrade to a WebSocket connection.
 class HttpSession : public std::enable_shared_from_this<HttpSession> {
  public:
-  HttpSession(tcp::socket socket, WsServer::Impl* server)
-      : stream_(std::move(socket)), server_(server) {}
+  HttpSession(tcp::socket socket, std::shared_ptr<WsServer::Impl> server)
+      : server_(std::move(server)), stream_(std::move(socket)) {}
+  ~HttpSession() {
+    std::lock_guard<std::mutex> lock(server_->mutex);
+    server_->sessions.erase(this);
+  }
+
+  void start() {
+    {
+      std::lock_guard<std::mutex> lock(server_->mutex);
+      server_->sessions[this] = weak_from_this();
+    }
+    read();
+  }
+
+  // From the server's thread, when it stops.
+  void abort() {
+    beast::error_code ignored;
+    stream_.socket().close(ignored);
+  }
 
   void read() {
     parser_.emplace();
@@ -292,7 +315,7 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
       auto c = std::make_shared<WsConnection>(
           server_->nextId++,
           ec ? "?" : peer.address().to_string() + ":" + std::to_string(peer.port()),
-          std::move(stream_), server_->shared_from_this());
+          std::move(stream_), server_);
       {
         std::lock_guard<std::mutex> lock(server_->mutex);
         server_->live[c->id()] = c;
@@ -330,36 +353,38 @@ class HttpSession : public std::enable_shared_from_this<HttpSession> {
     stream_.socket().shutdown(tcp::socket::shutdown_send, ignored);
   }
 
+  const std::shared_ptr<WsServer::Impl> server_;
   beast::tcp_stream stream_;
   beast::flat_buffer buffer_;
   std::optional<http::request_parser<http::string_body>> parser_;
-  WsServer::Impl* const server_;  // outlives its I/O, and so every session
 };
 
-}  // namespace
-
 void WsServer::Impl::accept() {
-  acceptor.async_accept([this](beast::error_code ec, tcp::socket socket) {
-    if (stopping) return;
-    if (!ec) std::make_shared<HttpSession>(std::move(socket), this)->read();
-    accept();
+  acceptor.async_accept([self = shared_from_this()](beast::error_code ec, tcp::socket socket) {
+    if (self->stopping) return;
+    if (!ec) std::make_shared<HttpSession>(std::move(socket), self)->start();
+    self->accept();
   });
 }
 
 void WsServer::Impl::stop() {
-  stopping = true;
-  std::vector<std::shared_ptr<WsConnection>> open;
-  {
-    std::lock_guard<std::mutex> lock(mutex);
-    for (auto& [id, weak] : live)
-      if (auto c = weak.lock()) open.push_back(c);
-  }
-  asio::post(io, [this, open] {
+  // Every socket closes on the server's thread; what was waiting on them completes, and the
+  // thread ends once nothing waits any more.
+  asio::post(io, [self = shared_from_this()] {
+    self->stopping = true;
+    std::vector<std::shared_ptr<WsConnection>> open;
+    std::vector<std::shared_ptr<HttpSession>> reading;
+    {
+      std::lock_guard<std::mutex> lock(self->mutex);
+      for (auto& [id, weak] : self->live)
+        if (auto c = weak.lock()) open.push_back(c);
+      for (auto& [at, weak] : self->sessions)
+        if (auto h = weak.lock()) reading.push_back(h);
+    }
     beast::error_code ignored;
-    acceptor.close(ignored);
+    self->acceptor.close(ignored);
     for (const auto& c : open) c->abort();
-    // Behind what the closed sockets complete: they end before the thread does.
-    asio::post(io, [this] { io.stop(); });
+    for (const auto& h : reading) h->abort();
   });
 }
 
@@ -373,6 +398,7 @@ WsServer::WsServer(ServerOptions options, ConnectionHandler& handler)
   tcp::acceptor& a = impl_->acceptor;
   if (!a.open(at.protocol(), ec) && !a.set_option(asio::socket_base::reuse_address(true), ec) &&
       !a.bind(at, ec) && !a.listen(asio::socket_base::max_listen_connections, ec)) {
+    impl_->port = a.local_endpoint(ec).port();  // read here: the acceptor is the thread's next
     impl_->accept();
     impl_->thread = std::thread([impl = impl_.get()] { impl->io.run(); });
     return;
@@ -387,8 +413,7 @@ WsServer::~WsServer() {
 }
 
 unsigned short WsServer::port() const {
-  beast::error_code ec;
-  return impl_->acceptor.local_endpoint(ec).port();
+  return impl_->port;
 }
 
 std::size_t WsServer::connections() const {
