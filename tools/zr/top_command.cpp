@@ -189,7 +189,8 @@ std::vector<Json> TopCommand::snapshot(DirectoryView& view) {
       } else if (hasMethod(view.info(e), "getViewers")) {
         // A live bridge: its viewers and what each could not keep up with.
         Json viewers = Json::array();
-        for (const ZR::ZRValue& v : view.call(e.name, "getViewers").arrayElements())
+        const ZR::ZRValue list = view.call(e.name, "getViewers");
+        for (const ZR::ZRValue& v : list.arrayElements())
           if (v.isArray() && v.getSize() == 5)
             viewers.push_back({{"name", v[0].toStringRef()},
                                {"address", v[1].toStringRef()},

@@ -13,6 +13,7 @@
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
 #include <boost/beast/websocket.hpp>
@@ -30,6 +31,10 @@ namespace {
 // Protocol messages a client has not read: beyond them it is closed (it reads nothing at all).
 constexpr std::size_t kControlLimit = 4096;
 constexpr std::size_t kRequestLimit = 16 * 1024;
+// Frames are read in pieces of this size; one larger than the ceiling is refused outright.
+constexpr std::size_t kReadChunk = 64 * 1024;
+constexpr std::uint64_t kFrameCeiling = 1ull << 30;
+constexpr auto kDrainTime = std::chrono::seconds(1);
 constexpr auto kHttpTimeout = std::chrono::seconds(30);
 
 // The query parameter `key` of a request target, undecoded ("" when absent).
@@ -92,6 +97,7 @@ class WsServer::Impl : public std::enable_shared_from_this<Impl> {
   ConnectionHandler& handler;
   asio::io_context io{1};
   tcp::acceptor acceptor{io};
+  asio::steady_timer drain{io};  // the time clients have to answer a close, when it stops
   std::thread thread;
   unsigned short port = 0;
   std::atomic<bool> stopping{false};
@@ -119,7 +125,8 @@ class WsConnection : public Connection, public std::enable_shared_from_this<WsCo
       r.set(http::field::server, "zr bridge");
       if (!protocol.empty()) r.set(http::field::sec_websocket_protocol, protocol);
     }));
-    ws_.read_message_max(options.maxFrame);
+    ws_.read_message_max(kFrameCeiling);
+    maxFrame_ = options.maxFrame;
     dataLimit_ = options.dataQueue;
     ws_.async_accept(request, [self = shared_from_this()](beast::error_code ec) {
       if (ec || self->server_->stopping) return self->finish();
@@ -139,13 +146,18 @@ class WsConnection : public Connection, public std::enable_shared_from_this<WsCo
       if (done_) return;
     }
     post([self = shared_from_this()] {
-      if (!self->open_ || self->closing_) return;
-      self->closing_ = true;
-      self->ws_.async_close(websocket::close_code::normal, [self](beast::error_code) {});
+      if (self->open_) self->shut(websocket::close_code::normal, "");
     });
   }
 
-  // From the server's thread, when it stops.
+  // From the server's thread, when it stops: a client is told, one still in its handshake is
+  // cut off.
+  void goAway() {
+    if (open_)
+      shut(websocket::close_code::going_away, "the bridge stops");
+    else
+      abort();
+  }
   void abort() {
     beast::error_code ignored;
     beast::get_lowest_layer(ws_).socket().close(ignored);
@@ -188,7 +200,10 @@ class WsConnection : public Connection, public std::enable_shared_from_this<WsCo
         if (start) writing_ = true;
       }
     }
-    if (overrun) return close();
+    if (overrun)
+      return post([self = shared_from_this()] {
+        self->shut(websocket::close_code::policy_error, "too many unread messages");
+      });
     if (start) post([self = shared_from_this()] { self->write(); });
   }
 
@@ -216,18 +231,37 @@ class WsConnection : public Connection, public std::enable_shared_from_this<WsCo
                     });
   }
 
+  // A message is read piecewise so that one over the limit is answered with a close handshake
+  // (1009) while the rest of it is drained, rather than a torn connection.
   void read() {
-    ws_.async_read(buffer_, [self = shared_from_this()](beast::error_code ec, std::size_t) {
-      if (ec) return self->finish();
-      std::string message = beast::buffers_to_string(self->buffer_.data());
-      self->buffer_.consume(self->buffer_.size());
-      if (self->server_->stopping) return self->finish();
-      if (self->ws_.got_text())
-        self->server_->handler.text(self, std::move(message));
-      else
-        self->server_->handler.binary(self, std::move(message));
-      self->read();
-    });
+    ws_.async_read_some(buffer_, kReadChunk,
+                        [self = shared_from_this()](beast::error_code ec, std::size_t) {
+                          if (ec || self->server_->stopping) return self->finish();
+                          self->received();
+                        });
+  }
+
+  void received() {
+    if (buffer_.size() > maxFrame_) {
+      buffer_.consume(buffer_.size());
+      return shut(websocket::close_code::too_big, "a message over the size limit");
+    }
+    if (!ws_.is_message_done()) return read();
+    std::string message = beast::buffers_to_string(buffer_.data());
+    buffer_.consume(buffer_.size());
+    if (ws_.got_text())
+      server_->handler.text(shared_from_this(), std::move(message));
+    else
+      server_->handler.binary(shared_from_this(), std::move(message));
+    read();
+  }
+
+  // Starts the closing handshake; the read that awaits the peer's answer ends the connection.
+  void shut(websocket::close_code code, const char* reason) {
+    if (closing_) return;
+    closing_ = true;
+    ws_.async_close(websocket::close_reason(code, reason),
+                    [self = shared_from_this()](beast::error_code) { self->finish(); });
   }
 
   // The connection ended (closed by either side, or failed): the handler hears of it once.
@@ -238,10 +272,13 @@ class WsConnection : public Connection, public std::enable_shared_from_this<WsCo
       done_ = true;
       queue_.clear();
     }
+    bool last;
     {
       std::lock_guard<std::mutex> lock(server_->mutex);
       server_->live.erase(id());
+      last = server_->live.empty();
     }
+    if (last && server_->stopping) server_->drain.cancel();
     if (open_ && !server_->stopping) server_->handler.closed(shared_from_this());
   }
 
@@ -251,7 +288,7 @@ class WsConnection : public Connection, public std::enable_shared_from_this<WsCo
   std::mutex mutex_;
   std::deque<Item> queue_;
   Item current_;
-  std::size_t data_ = 0, dataLimit_ = 256;
+  std::size_t data_ = 0, dataLimit_ = 256, maxFrame_ = 1 << 20;
   bool writing_ = false, done_ = false, overrun_ = false;
   bool open_ = false, closing_ = false;  // the I/O thread's
 };
@@ -383,8 +420,21 @@ void WsServer::Impl::stop() {
     }
     beast::error_code ignored;
     self->acceptor.close(ignored);
-    for (const auto& c : open) c->abort();
     for (const auto& h : reading) h->abort();
+    if (open.empty()) return;
+    for (const auto& c : open) c->goAway();
+    // Clients that do not answer their close in time are cut off.
+    self->drain.expires_after(kDrainTime);
+    self->drain.async_wait([self](beast::error_code ec) {
+      if (ec) return;
+      std::vector<std::shared_ptr<WsConnection>> left;
+      {
+        std::lock_guard<std::mutex> lock(self->mutex);
+        for (auto& [id, weak] : self->live)
+          if (auto c = weak.lock()) left.push_back(c);
+      }
+      for (const auto& c : left) c->abort();
+    });
   });
 }
 
