@@ -36,6 +36,18 @@ inline std::pair<int, std::string> shell(const std::string& command, bool withSt
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
 }
 
+// A command line's words, split at spaces (no quoting: test command lines have none).
+inline std::vector<std::string> words(const std::string& text) {
+  std::vector<std::string> out;
+  std::size_t at = 0;
+  while ((at = text.find_first_not_of(" \t\n", at)) != std::string::npos) {
+    const std::size_t end = text.find_first_of(" \t\n", at);
+    out.push_back(text.substr(at, end - at));
+    at = end;
+  }
+  return out;
+}
+
 class HostProcess {
  public:
   HostProcess(const std::string& program, std::vector<std::string> args) {

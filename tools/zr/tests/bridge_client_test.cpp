@@ -27,12 +27,7 @@ const std::string kBeat = "";
 #endif
 constexpr std::chrono::seconds kLimit{60};
 
-std::vector<std::string> words(const std::string& text) {
-  std::istringstream in(text);
-  std::vector<std::string> out;
-  for (std::string w; in >> w;) out.push_back(w);
-  return out;
-}
+using zrtest::words;
 
 // A zr process whose lines the test waits for; a line that does not come fails the test.
 struct Zr : zrtest::HostProcess {

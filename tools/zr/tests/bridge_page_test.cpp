@@ -32,12 +32,7 @@ const std::string kBeat = " --heartbeat 1000";
 const std::string kBeat = "";
 #endif
 
-std::vector<std::string> words(const std::string& text) {
-  std::istringstream in(text);
-  std::vector<std::string> out;
-  for (std::string w; in >> w;) out.push_back(w);
-  return out;
-}
+using zrtest::words;
 
 bool has(const nlohmann::json& list, const std::string& item) {
   return std::find(list.begin(), list.end(), item) != list.end();

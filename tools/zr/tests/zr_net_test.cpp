@@ -37,12 +37,7 @@ std::pair<int, std::string> sh(const std::string& command) {
   return zrtest::shell(command, true);
 }
 
-std::vector<std::string> words(const std::string& text) {
-  std::istringstream in(text);
-  std::vector<std::string> out;
-  for (std::string w; in >> w;) out.push_back(w);
-  return out;
-}
+using zrtest::words;
 
 // A zr process, its output read line by line; a line that does not come fails the test.
 struct Zr : zrtest::HostProcess {
