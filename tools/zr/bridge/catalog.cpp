@@ -47,13 +47,13 @@ Catalog::Catalog(const ZR::ZRBrokerOptions& directory, std::string hidden)
 
 Catalog::~Catalog() = default;
 
-std::string Catalog::schemaFor(const std::string& topic) {
-  // The memory service keeps an event's last value: its fields make the schema.
+void Catalog::learnFields(Channel& c) {
   try {
-    const ZR::ZRValue last = view_->call(ZR::kMemoryServiceName, "getData", {topic});
-    return eventSchema(topic, &last);
+    const ZR::ZRValue last = view_->call(ZR::kMemoryServiceName, "getData", {c.topic});
+    c.schema = eventSchema(c.topic, &last);
+    c.knowsFields = true;
   } catch (const ZR::ZRError&) {
-    return eventSchema(topic, nullptr);
+    c.schema = eventSchema(c.topic, nullptr);  // never raised yet: any object
   }
 }
 
@@ -80,8 +80,17 @@ Catalog::Changes Catalog::refresh() {
     }
     for (const std::string& event : info.events) {
       topics.insert(event);
-      if (channels_.count(event)) continue;
-      Channel c{nextChannel_++, event, e.name, schemaFor(event)};
+      auto known = channels_.find(event);
+      if (known != channels_.end()) {
+        // Its fields, once the event was raised: the same channel, advertised again.
+        if (!known->second.knowsFields) {
+          learnFields(known->second);
+          if (known->second.knowsFields) out.added.push_back(known->second);
+        }
+        continue;
+      }
+      Channel c{nextChannel_++, event, e.name, "", false};
+      learnFields(c);
       channels_[event] = c;
       out.added.push_back(c);
     }

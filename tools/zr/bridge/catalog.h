@@ -20,6 +20,7 @@ namespace zr::bridge {
 struct Channel {
   std::uint32_t id = 0;
   std::string topic, producer, schema;
+  bool knowsFields = false;  // the schema comes from a value of the event
 };
 
 struct Service {
@@ -37,7 +38,7 @@ class Catalog {
   ~Catalog();
 
   struct Changes {
-    std::vector<Channel> added;
+    std::vector<Channel> added;  // new, or advertised again with the fields of a first value
     std::vector<std::uint32_t> removed;
     std::vector<Service> servicesAdded;
     std::vector<std::uint32_t> servicesRemoved;
@@ -49,7 +50,8 @@ class Catalog {
   Changes refresh();
 
  private:
-  std::string schemaFor(const std::string& topic);
+  // The schema of `c`'s event from its last value, when the memory service has one.
+  void learnFields(Channel& c);
   std::vector<MethodInfo> overloadsOf(const std::string& module, const std::string& method);
 
   const std::string hidden_;

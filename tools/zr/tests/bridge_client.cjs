@@ -341,6 +341,14 @@ async function reference(url) {
   let sub = a.subscribe(LEVELS);
   const messages = await a.take(sub, 20);
   checkLevels(messages, sub);
+  // Once raised, the event's fields are known: its channel is advertised again with them.
+  await a.until(() => {
+    try {
+      return JSON.parse(a.channel(LEVELS).schema).properties.rms.type === "array";
+    } catch {
+      return false;
+    }
+  }, `${LEVELS} advertised with its fields`);
   found.firstPayload = JSON.parse(messages[0].text);
   found.timestampsNs = [messages[0].ts.toString(), messages[messages.length - 1].ts.toString()];
   const watching = await soundLevelViewers(a);

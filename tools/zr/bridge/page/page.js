@@ -160,8 +160,10 @@ function onText(message) {
       break;
     case "advertise":
       for (const channel of message.channels) {
-        // A topic advertised again under another id replaces its former self.
-        for (const [id, old] of channels) if (old.topic === channel.topic) dropChannel(id);
+        // A topic advertised again under another id replaces its former self; under the same id
+        // it is the same channel with a new schema, its subscription kept.
+        for (const [id, old] of channels)
+          if (old.topic === channel.topic && id !== channel.id) dropChannel(id);
         if (channel.encoding === "json") channels.set(channel.id, channel);
       }
       updateSubscriptions();
