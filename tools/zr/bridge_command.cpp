@@ -42,7 +42,7 @@ class BridgeCommand : public Command {
       bridge::Bridge bridge(broker, o, bridge_);
       bridge::announce(bridge);
       waitForStop(signals, 0);
-    } catch (const std::runtime_error& e) {
+    } catch (const std::exception& e) {  // a taken port or name, an address not ours
       std::fprintf(stderr, "zr: error: %s\n", e.what());
       status = kExitError;
     }

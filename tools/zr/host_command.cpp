@@ -300,7 +300,7 @@ int HostCommand::run() {
     at.directory = directoryAt_;
     try {
       live = std::make_unique<bridge::Bridge>(broker, at, bridge_);
-    } catch (const std::runtime_error&) {
+    } catch (...) {
       stopSoundExtractors();
       broker->shutdown();
       throw;

@@ -123,9 +123,8 @@ class Bridge::Impl : public ConnectionHandler, public std::enable_shared_from_th
     for (auto& [id, v] : left) forget(v);
     pool.join();
     calls.join();
-    // The connections go before the server that runs them.
     left.clear();
-    server.reset();
+    server.reset();  // viewers still connected are told it stops
     if (module) broker->removeModule(options.name);
     module.reset();
   }
