@@ -69,6 +69,12 @@ void SoundLevel::startDetection() {
   ZRSoundExtractor::startDetection();
 }
 
+void SoundLevel::xStartDetection(int period, float precision) {
+  // The first subscriber's period arrives here, not through xUpdateParameters.
+  xUpdateParameters(period, precision);
+  ZRSoundExtractor::xStartDetection(period, precision);
+}
+
 void SoundLevel::xUpdateParameters(int period, float /*precision*/) {
   if (period > 0) periodMs_ = period;
 }

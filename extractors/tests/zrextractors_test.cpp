@@ -175,6 +175,8 @@ TEST(StockExtractors, SoundLevelAndVoiceActivityStartEachRunAfresh) {
   const char* events[] = {"SoundLevel/Levels", "SoundLevel/ThresholdCrossed"};
   for (int run = 0; run < 2; ++run) {
     if (run) {  // the last subscriber leaves, so SoundLevel stops, and comes back
+      // ... at its new first subscriber's period, not the one it ran with.
+      p.level->updatePeriod("client", 50);
       for (const char* e : events) m.unsubscribeToEvent(e, "client");
       for (const char* e : events) m.subscribeToEvent(e, "client", "onEvent");
     }

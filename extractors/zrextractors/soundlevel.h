@@ -41,6 +41,7 @@ class SoundLevel : public ZRSoundExtractor {
 
   int getDefaultPeriod() override { return defaultPeriodMs_; }
   void startDetection() override;
+  void xStartDetection(int period, float precision) override;
   void xUpdateParameters(int period, float precision) override;
   void process(const int& nbOfChannels, const int& nbOfSamplesByChannel, const short* buffer,
                const ZRValue& timestamp) override;
