@@ -51,7 +51,11 @@ class BridgeCommand : public Command {
   }
 
  private:
-  bridge::BridgeOptions bridge_{clientName("bridge")};
+  bridge::BridgeOptions bridge_ = [] {
+    bridge::BridgeOptions o;
+    o.name = clientName("bridge");
+    return o;
+  }();
   DirectoryOptions directory_;
   ListenOptions listen_;
 };
