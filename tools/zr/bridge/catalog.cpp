@@ -40,6 +40,19 @@ Json definition(const std::string& name, const Json& schema) {
           {"schema", schema.dump()}};
 }
 
+// Forgets the entries of `known` whose key is no longer in `present`, saying their ids.
+template <class Map, class Keys>
+void forgetMissing(Map& known, const Keys& present, std::vector<std::uint32_t>& gone) {
+  for (auto it = known.begin(); it != known.end();) {
+    if (present.count(it->first)) {
+      ++it;
+      continue;
+    }
+    gone.push_back(it->second.id);
+    it = known.erase(it);
+  }
+}
+
 }  // namespace
 
 Catalog::Catalog(const ZR::ZRBrokerOptions& directory, std::string hidden)
@@ -106,22 +119,8 @@ Catalog::Changes Catalog::refresh() {
       out.servicesAdded.push_back(s);
     }
   }
-  for (auto it = channels_.begin(); it != channels_.end();) {
-    if (topics.count(it->first)) {
-      ++it;
-      continue;
-    }
-    out.removed.push_back(it->second.id);
-    it = channels_.erase(it);
-  }
-  for (auto it = services_.begin(); it != services_.end();) {
-    if (methods.count(it->first)) {
-      ++it;
-      continue;
-    }
-    out.servicesRemoved.push_back(it->second.id);
-    it = services_.erase(it);
-  }
+  forgetMissing(channels_, topics, out.removed);
+  forgetMissing(services_, methods, out.servicesRemoved);
   return out;
 }
 

@@ -20,11 +20,7 @@
 namespace {
 
 const std::string kZr = ZR_BINARY;
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-const std::string kBeat = " --heartbeat 1000";
-#else
-const std::string kBeat = "";
-#endif
+const std::string kBeat = zrtest::kSanitizedHeartbeat;
 constexpr std::chrono::seconds kLimit{60};
 
 using zrtest::words;

@@ -25,12 +25,7 @@ namespace {
 const std::string kZr = ZR_BINARY;
 // Turns a hang into a failure; never a pace.
 constexpr std::chrono::seconds kLimit{60};
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-// Sanitized processes on a loaded machine can stay silent for 3 heartbeats of 250 ms alive.
-const std::string kBeat = " --heartbeat 1000";
-#else
-const std::string kBeat = "";
-#endif
+const std::string kBeat = zrtest::kSanitizedHeartbeat;
 
 using zrtest::words;
 

@@ -24,12 +24,7 @@ namespace {
 
 const std::string kZr = ZR_BINARY, kRun = "timeout 60 " + kZr, kSample = ZR_SAMPLE;
 const std::string kTemp = ::testing::TempDir() + "zr_net_" + std::to_string(getpid()) + "_";
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-// Sanitized processes on a loaded machine can stay silent for 3 heartbeats of 250 ms alive.
-const std::string kBeat = " --heartbeat 1000";
-#else
-const std::string kBeat = "";
-#endif
+const std::string kBeat = zrtest::kSanitizedHeartbeat;
 // Turns a hang into a failure; never a pace.
 constexpr std::chrono::seconds kLimit{60};
 
