@@ -19,16 +19,7 @@
 
 namespace {
 
-// Sanitized processes on a loaded machine can miss 3 heartbeats of 250 ms without being dead;
-// three ThreadSanitizer hosts starting at once on two busy cores took over 5 s for their first
-// exchange with the directory.
-#if defined(__SANITIZE_THREAD__)
-const std::string kBeat = "2000";
-#elif defined(__SANITIZE_ADDRESS__)
-const std::string kBeat = "1000";
-#else
-const std::string kBeat = "250";
-#endif
+const std::string kBeat = std::to_string(zrtest::kHeartbeat.count());
 
 // `zr host --name NAME ARGS...`, beating at the rate above, its modules from the test plugin
 // ("Alpha" and "Beta": "add", and "hold" that prints "holding NAME"). Constructed once it

@@ -20,12 +20,7 @@ using namespace ZR;
 
 namespace {
 
-// The default, or for sanitized hosts on a loaded machine, which miss 3 of 250 ms while alive.
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-const auto kBeat = std::chrono::milliseconds(1000);
-#else
-const auto kBeat = std::chrono::milliseconds(250);
-#endif
+const auto kBeat = zrtest::kHeartbeat;
 
 ZRTransportOptions options(const std::string& host, const std::string& listen) {
   ZRTransportOptions o;

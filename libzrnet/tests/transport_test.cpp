@@ -27,7 +27,7 @@ using zrtest::errorOf;
 namespace {
 
 thread_local bool onExecutor = false;
-const auto kHeartbeat = std::chrono::milliseconds(250);  // the default
+const auto kHeartbeat = zrtest::kHeartbeat;
 const auto kHangGuard = std::chrono::seconds(10);        // far beyond any answer; only stops a hang
 
 struct Pool {

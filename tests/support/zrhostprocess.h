@@ -18,6 +18,8 @@
 #include <utility>
 #include <vector>
 
+#include "zrtest.h"
+
 namespace zrtest {
 
 /// How a failed wait is reported: tests make it a test failure, benchmarks print it.
@@ -36,13 +38,10 @@ inline std::pair<int, std::string> shell(const std::string& command, bool withSt
   return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, out};
 }
 
-// Options for a zr process under a sanitizer: sanitized processes on a loaded machine can stay
-// silent for 3 heartbeats of 250 ms and still be alive.
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-inline const std::string kSanitizedHeartbeat = " --heartbeat 1000";
-#else
-inline const std::string kSanitizedHeartbeat = "";
-#endif
+// Options for a zr process: the tests' heartbeat where it differs from the default.
+inline const std::string kSanitizedHeartbeat =
+    kHeartbeat == std::chrono::milliseconds(250) ? ""
+                                                 : " --heartbeat " + std::to_string(kHeartbeat.count());
 
 // A command line's words, split at spaces (no quoting: test command lines have none).
 inline std::vector<std::string> words(const std::string& text) {

@@ -24,6 +24,17 @@ namespace zrtest {
 
 inline constexpr std::chrono::seconds kWaitLimit{20};
 
+// The heartbeat of the tests' transports and hosts. Sanitized processes on a loaded machine can
+// stay silent for 3 heartbeats of 250 ms (the default) and still be alive: three ThreadSanitizer
+// hosts starting at once on two busy cores took over 5 s for their first exchange.
+#if defined(__SANITIZE_THREAD__)
+inline constexpr std::chrono::milliseconds kHeartbeat{2000};
+#elif defined(__SANITIZE_ADDRESS__)
+inline constexpr std::chrono::milliseconds kHeartbeat{1000};
+#else
+inline constexpr std::chrono::milliseconds kHeartbeat{250};
+#endif
+
 // The ZRError `f` throws; a test failure when it throws none.
 template <class F>
 ZR::ZRError errorOf(F&& f) {
