@@ -99,12 +99,14 @@ struct Remote {
     o.directory = "tcp://127.0.0.1:0";
     o.serveDirectory = true;
     o.threads = kHostThreads;
+    o.heartbeat = zrtest::kHeartbeat;
     return o;
   }
   boost::shared_ptr<ZR::ZRBroker> host = ZR::ZRBroker::createBroker("hostA", directory());
   boost::shared_ptr<ZR::ZRBroker> caller = [this] {
     ZR::ZRBrokerOptions o;
     o.directory = host->endpoint();
+    o.heartbeat = zrtest::kHeartbeat;
     return ZR::ZRBroker::createBroker("hostB", o);
   }();
 };

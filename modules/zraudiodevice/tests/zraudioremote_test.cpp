@@ -24,6 +24,7 @@ class RemoteSubscribersTest : public ::testing::Test {
     ZR::ZRBrokerOptions o;
     o.directory = "tcp://127.0.0.1:0";
     o.serveDirectory = true;
+    o.heartbeat = zrtest::kHeartbeat;
     device_ = ZR::ZRBroker::createBroker("deviceHost", o);
     o.serveDirectory = false;
     o.directory = device_->endpoint();
