@@ -28,7 +28,7 @@ namespace {
 
 thread_local bool onExecutor = false;
 const auto kHeartbeat = zrtest::kHeartbeat;
-const auto kHangGuard = std::chrono::seconds(10);        // far beyond any answer; only stops a hang
+const auto kHangGuard = std::chrono::seconds(10);  // far beyond any answer; only stops a hang
 
 struct Pool {
   boost::asio::thread_pool pool{4};

@@ -40,8 +40,9 @@ inline std::pair<int, std::string> shell(const std::string& command, bool withSt
 
 // Options for a zr process: the tests' heartbeat where it differs from the default.
 inline const std::string kSanitizedHeartbeat =
-    kHeartbeat == std::chrono::milliseconds(250) ? ""
-                                                 : " --heartbeat " + std::to_string(kHeartbeat.count());
+    kHeartbeat == std::chrono::milliseconds(250)
+        ? ""
+        : " --heartbeat " + std::to_string(kHeartbeat.count());
 
 // A command line's words, split at spaces (no quoting: test command lines have none).
 inline std::vector<std::string> words(const std::string& text) {
