@@ -318,13 +318,14 @@ std::optional<ZR::ZRDirectoryEntry> DirectoryView::find(const std::string& name)
 }
 
 ZR::ZRValue DirectoryView::call(const std::string& module, const std::string& method,
-                                std::vector<ZR::ZRValue> args) {
+                                std::vector<ZR::ZRValue> args, std::chrono::milliseconds deadline) {
   const auto where = find(module);
   if (!where)
     throw ZR::ZRError(module, method,
                       "no module called \"" + module + "\" is published at " + address_);
   ZR::ZRCallOptions o;
   o.caller = "zr";
+  o.deadline = deadline;
   return transport_->call(where->endpoint, module, method, std::move(args), o);
 }
 

@@ -5,6 +5,7 @@
 // What the subcommands that talk to a running directory share: where the directory is, the
 // CURVE keys, the exit statuses, and the rules for reading arguments and printing results.
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -82,10 +83,11 @@ class DirectoryView {
   /// Every published module, sorted by name.
   const std::vector<ZR::ZRDirectoryEntry>& entries() const { return entries_; }
   std::optional<ZR::ZRDirectoryEntry> find(const std::string& name) const;
-  /// Calls `method` of the module called `module`: the module's ZRError, or one saying that no
-  /// such module is published.
+  /// Calls `method` of the module called `module` (within `deadline`, when given): the module's
+  /// ZRError, or one saying that no such module is published.
   ZR::ZRValue call(const std::string& module, const std::string& method,
-                   std::vector<ZR::ZRValue> args = {});
+                   std::vector<ZR::ZRValue> args = {},
+                   std::chrono::milliseconds deadline = std::chrono::milliseconds(0));
   /// Asks the directory again.
   void refresh();
   /// What `e` is and offers: as its host published it, or, from a host that did not say (an

@@ -89,7 +89,9 @@ void Bridge::Impl::discover() {
     lock.unlock();
     try {
       if (!catalog) catalog = std::make_unique<Catalog>(directory, options.name + ".viewer");
-      apply(catalog->refresh());
+      // Channels first: a module that does not answer its description holds up no event.
+      apply(catalog->refreshChannels());
+      apply(catalog->refreshServices());
     } catch (const std::exception&) {
       // No directory answers now: the next round asks again.
     }

@@ -3,10 +3,13 @@
 
 #include "catalog.h"
 
+#include <optional>
 #include <set>
 #include <stdexcept>
 
 #include <nlohmann/json.hpp>
+
+#include <zrerror/zrerrortexts.h>
 
 #include "recording.h"
 
@@ -62,36 +65,38 @@ Catalog::~Catalog() = default;
 
 void Catalog::learnFields(Channel& c) {
   try {
-    const ZR::ZRValue last = view_->call(ZR::kMemoryServiceName, "getData", {c.topic});
+    const ZR::ZRValue last = view_->call(ZR::kMemoryServiceName, "getData", {c.topic}, kAskLimit);
     c.schema = eventSchema(c.topic, &last);
     c.knowsFields = true;
   } catch (const ZR::ZRError&) {
-    c.schema = eventSchema(c.topic, nullptr);  // never raised yet: any object
+    c.schema = eventSchema(c.topic, nullptr);  // never raised yet (or no answer): any object
   }
 }
 
-std::vector<MethodInfo> Catalog::overloadsOf(const std::string& module, const std::string& method) {
+std::optional<std::vector<MethodInfo>> Catalog::overloadsOf(const std::string& module,
+                                                            const std::string& method) {
   try {
-    return parseMethodHelp(view_->call(module, "getMethodHelp", {method}).toStringRef());
-  } catch (const ZR::ZRError&) {
-    return {};  // a foreign module without help: callable all the same
+    return parseMethodHelp(view_->call(module, "getMethodHelp", {method}, kAskLimit).toStringRef());
+  } catch (const ZR::ZRError& e) {
+    if (e.getDescription() == ZR::kModuleDestroyed || e.getDescription() == ZR::kDeadlineExceeded)
+      return std::nullopt;             // gone or stuck: not one call more to it in this round
+    return std::vector<MethodInfo>{};  // a foreign module without help: callable all the same
   }
 }
 
-Catalog::Changes Catalog::refresh() {
+Catalog::Changes Catalog::refreshChannels() {
   view_->refresh();
+  infos_.clear();
   Changes out;
   std::set<std::string> topics;
-  std::set<std::pair<std::string, std::string>> methods;
   for (const ZR::ZRDirectoryEntry& e : view_->entries()) {
     if (e.name.rfind(hidden_, 0) == 0) continue;
-    ZR::ZRModuleInfo info;
     try {
-      info = view_->info(e);
+      infos_.emplace_back(e, view_->info(e));
     } catch (const ZR::ZRError&) {
       continue;  // its host stopped answering since the directory listed it
     }
-    for (const std::string& event : info.events) {
+    for (const std::string& event : infos_.back().second.events) {
       topics.insert(event);
       auto known = channels_.find(event);
       if (known != channels_.end()) {
@@ -107,19 +112,33 @@ Catalog::Changes Catalog::refresh() {
       channels_[event] = c;
       out.added.push_back(c);
     }
+  }
+  forgetMissing(channels_, topics, out.removed);
+  return out;
+}
+
+Catalog::Changes Catalog::refreshServices() {
+  Changes out;
+  std::set<std::pair<std::string, std::string>> methods;
+  for (const auto& [e, info] : infos_) {
+    bool answers = true;
     for (const std::string& method : info.methods) {
       const auto key = std::make_pair(e.name, method);
       methods.insert(key);
       auto known = services_.find(key);
       // A module that came back on another host is asked again: it may be another version.
-      if (known != services_.end() && known->second.endpoint == e.endpoint) continue;
+      if (!answers || (known != services_.end() && known->second.endpoint == e.endpoint)) continue;
+      auto overloads = overloadsOf(e.name, method);
+      if (!overloads) {
+        answers = false;  // asked again in the next round, while it is listed
+        continue;
+      }
       if (known != services_.end()) out.servicesRemoved.push_back(known->second.id);
-      Service s{nextService_++, e.name, method, e.endpoint, overloadsOf(e.name, method)};
+      Service s{nextService_++, e.name, method, e.endpoint, std::move(*overloads)};
       services_[key] = s;
       out.servicesAdded.push_back(s);
     }
   }
-  forgetMissing(channels_, topics, out.removed);
   forgetMissing(services_, methods, out.servicesRemoved);
   return out;
 }

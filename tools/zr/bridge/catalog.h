@@ -4,9 +4,11 @@
 // declared to the memory service, a service per remote method of each module; and the JSON a
 // viewer's service call becomes a call with, and back.
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,7 +31,7 @@ struct Service {
   std::vector<MethodInfo> overloads;
 };
 
-/// Used from one thread (the bridge's discovery); each refresh asks the directory once, and a
+/// Used from one thread (the bridge's discovery); each round asks the directory once, and a
 /// module's methods once per appearance.
 class Catalog {
  public:
@@ -46,18 +48,27 @@ class Catalog {
       return added.empty() && removed.empty() && servicesAdded.empty() && servicesRemoved.empty();
     }
   };
-  /// What changed since the previous refresh. ZRError when the directory does not answer.
-  Changes refresh();
+  /// The channels that changed since the previous round, from the directory asked afresh.
+  /// ZRError when the directory does not answer.
+  Changes refreshChannels();
+  /// The services that changed, of the modules the last refreshChannels() listed. Asking a
+  /// module that is gone or stuck costs the round one call of at most kAskLimit.
+  Changes refreshServices();
+
+  static constexpr std::chrono::milliseconds kAskLimit{2000};
 
  private:
   // The schema of `c`'s event from its last value, when the memory service has one.
   void learnFields(Channel& c);
-  std::vector<MethodInfo> overloadsOf(const std::string& module, const std::string& method);
+  // A method's overloads as its module describes them; none when the module did not answer.
+  std::optional<std::vector<MethodInfo>> overloadsOf(const std::string& module,
+                                                     const std::string& method);
 
   const std::string hidden_;
   std::unique_ptr<DirectoryView> view_;
-  std::map<std::string, Channel> channels_;                          // by topic
-  std::map<std::pair<std::string, std::string>, Service> services_;  // by (module, method)
+  std::vector<std::pair<ZR::ZRDirectoryEntry, ZR::ZRModuleInfo>> infos_;  // of the last round
+  std::map<std::string, Channel> channels_;                               // by topic
+  std::map<std::pair<std::string, std::string>, Service> services_;       // by (module, method)
   std::uint32_t nextChannel_ = 1, nextService_ = 1;
 };
 

@@ -48,12 +48,13 @@ struct Zr : zrtest::HostProcess {
 
 // A tone host serving a directory; with `extra` (e.g. a bridge) too.
 struct ToneHost : Zr {
-  explicit ToneHost(const std::string& extra = "", const std::string& name = "tonehost")
+  explicit ToneHost(const std::string& extra = "", const std::string& name = "tonehost",
+                    const std::string& beat = kBeat)
       : Zr("host --name " + name +
            " --serve-directory --directory tcp://127.0.0.1:0 --device tone:440 --realtime"
            " --memory -e SoundLevel" +
-           kBeat + " " + extra) {
-    directory = " --directory " + after("serves the directory at ") + kBeat;
+           beat + " " + extra) {
+    directory = " --directory " + after("serves the directory at ") + beat;
     after("serving");
   }
   std::string directory;
@@ -213,6 +214,22 @@ TEST_F(ZrBridge, ABridgeProcessFollowsTheDirectory) {
   EXPECT_EQ(callUntil(host.directory, "SoundLevel getSubscribersInfo", "[]\n"), "[]\n");
   EXPECT_EQ(callUntil(host.directory, "ZRMemory getSubscribers SoundLevel/Levels", "[]\n"), "[]\n");
   EXPECT_EQ(eventually([&] { return bridgeRows(host.directory).size(); }, 0u), 0u);
+}
+
+// A frozen host stays listed for as long as its lease (here, minutes): a bridge that joins
+// meanwhile offers the other modules' channels at once, and the levels flow.
+TEST_F(ZrBridge, AFrozenHostHoldsUpNoViewer) {
+  const std::string beat = " --heartbeat 60000";
+  ToneHost host("", "tonehost", beat);
+  Zr peaks("host --name peakhost --load " ZR_TEST_PLUGIN " -e PeakMeter" + host.directory);
+  peaks.after("serving");
+  peaks.signal(SIGSTOP);
+  Zr bridge("bridge --port 0" + host.directory);
+  zrtest::HostProcess follower(nodeProgram(),
+                               {ZR_BRIDGE_CLIENT, ZR_BRIDGE_NPM, "follow", bridge.url(), "-"});
+  EXPECT_NE(follower.waitFor("{\"initial\":", kLimit).find("PeakMeter/Peak"), std::string::npos);
+  EXPECT_NE(follower.waitFor("{\"watching\":", kLimit), "");
+  peaks.signal(SIGCONT);
 }
 
 // Loopback by default; another address only with a token, given or generated, and every
