@@ -15,6 +15,7 @@
 #include <zrcommon/detail/zrmoduleinternals.h>
 #include <zrcommon/zrproxy.h>
 #include <zrcommon/zrservicenames.h>
+#include <zrerror/zrerrortexts.h>
 
 #include "zrreaper.h"
 
@@ -22,7 +23,6 @@ namespace ZR {
 
 namespace {
 
-const char* const kModuleDestroyed = "module destroyed";
 const char* const kProxyCategory = "zrcommon.ZRProxy";
 // A proxy's one-way calls to another host: how many may wait for the stream (beyond them a
 // sender outside any lossless delivery waits), go in one message, and be unanswered at once.

@@ -3,14 +3,11 @@
 
 #include <zrcommon/detail/zrstream.h>
 
+#include <zrerror/zrerrortexts.h>
 #include <zrnet/zrtransport.h>
 
 namespace ZR {
 namespace detail {
-
-namespace {
-const char* const kModuleDestroyed = "module destroyed";
-}
 
 ZRStreamSender::ZRStreamSender(std::weak_ptr<ZRTransport> transport, std::string endpoint,
                                std::string stream)

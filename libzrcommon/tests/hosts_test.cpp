@@ -55,7 +55,7 @@ bool appears(const boost::shared_ptr<ZR::ZRBroker>& broker, const std::string& n
 boost::shared_ptr<ZR::ZRBroker> join(const std::string& name, const std::string& directory) {
   ZR::ZRBrokerOptions o;
   o.directory = directory;
-  o.heartbeat = std::chrono::milliseconds(std::stoi(kBeat));
+  o.heartbeat = zrtest::kHeartbeat;
   return ZR::ZRBroker::createBroker(name, o);
 }
 

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include <vo/log.h>
+#include <zrerror/zrerrortexts.h>
 
 namespace ZR {
 
@@ -253,7 +254,7 @@ void ZRDirectoryClient::publish(const std::string& name, const ZRModuleInfo& inf
       const std::string atOurs = "(" + transport_.endpoint() + ")";
       const bool ours = d.rfind(ZRDirectoryServer::kHeldBy, 0) == 0 && d.size() > atOurs.size() &&
                         d.compare(d.size() - atOurs.size(), atOurs.size(), atOurs) == 0;
-      if ((d != "module destroyed" && !ours) || Clock::now() >= until) throw;
+      if ((d != kModuleDestroyed && !ours) || Clock::now() >= until) throw;
       if (ours) std::this_thread::sleep_for(heartbeat_ / 2);
     }
   }

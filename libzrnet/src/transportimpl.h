@@ -5,6 +5,7 @@
 // coming in with their credits (incoming.cpp), heartbeats and deaths (liveness.cpp), CURVE and
 // the listening socket (security.cpp). Internal to zrnet.
 
+#include <zrerror/zrerrortexts.h>
 #include <zrnet/zrtransport.h>
 
 #include <algorithm>
@@ -31,7 +32,6 @@ namespace net {
 
 using Clock = std::chrono::steady_clock;
 
-inline const char* const kModuleDestroyed = "module destroyed";
 inline const char* const kShuttingDown = "the host is shutting down";
 // How long a silent caller's name is remembered, should it speak again.
 inline const Clock::duration kForgetTime = std::chrono::seconds(60);

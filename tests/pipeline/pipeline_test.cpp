@@ -21,20 +21,16 @@
 
 namespace {
 
-using std::chrono::milliseconds;
 using Strings = std::vector<std::string>;
 using Process = std::unique_ptr<zrtest::HostProcess>;
 
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-// Sanitized hosts on a loaded machine need longer heartbeats to not be found dead.
-const std::string kBeat = "500";
 // Events a test sends, divided: a sanitizer slows every host several times over.
 const int kLighter = 5;
 // What a host's peak memory may grow by while it holds events (kB): AddressSanitizer keeps
 // freed memory in quarantine, up to 256 MB.
 const long kMemoryGrowth = 384 * 1024;
 #else
-const std::string kBeat = "250";
 const int kLighter = 1;
 const long kMemoryGrowth = 32 * 1024;
 #endif
@@ -47,12 +43,13 @@ struct Net : ::testing::Test {
     ZR::ZRBrokerOptions o;
     o.directory = "tcp://127.0.0.1:0";
     o.serveDirectory = true;
-    o.heartbeat = milliseconds(std::stoi(kBeat));
+    o.heartbeat = zrtest::kHeartbeat;
     broker = ZR::ZRBroker::createBroker("test", o);
   }
   ~Net() override { broker->shutdown(); }
   Process zr(Strings args) {
-    args.insert(args.end(), {"--directory", broker->endpoint(), "--heartbeat", kBeat});
+    args.insert(args.end(), {"--directory", broker->endpoint(), "--heartbeat",
+                             std::to_string(zrtest::kHeartbeat.count())});
     return std::make_unique<zrtest::HostProcess>(ZR_BINARY, args);
   }
   // A `zr host` with these modules, logging what the pipeline does, once it serves.

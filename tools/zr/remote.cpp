@@ -18,6 +18,7 @@
 #include <regex>
 #include <thread>
 
+#include <zrerror/zrerrortexts.h>
 #include <zrmcap/zrbase64.h>
 #include <nlohmann/json.hpp>
 
@@ -43,10 +44,6 @@ std::vector<std::string> keyLines(const std::string& path) {
     keys.push_back(line);
   }
   return keys;
-}
-
-bool isTransportFailure(const ZR::ZRError& e) {
-  return e.getDescription() == "deadline exceeded" || e.getDescription() == "module destroyed";
 }
 
 // Whether anything accepts a connection at a tcp:// or ipc:// address: a directory that did not
@@ -484,6 +481,10 @@ std::string toJson(const ZR::ZRValue& v) {
     default:
       return "null";
   }
+}
+
+bool isTransportFailure(const ZR::ZRError& e) {
+  return e.getDescription() == ZR::kDeadlineExceeded || e.getDescription() == ZR::kModuleDestroyed;
 }
 
 }  // namespace zr

@@ -118,6 +118,9 @@ boost::shared_ptr<ZR::ZRBroker> joinNetwork(const DirectoryOptions& options,
                                             const std::string& name, const ListenOptions& listen,
                                             const std::vector<std::string>& needed);
 
+/// Whether `e` says the callee is gone or did not answer in time, rather than that it refused.
+bool isTransportFailure(const ZR::ZRError& e);
+
 /// Fails with NoDirectory unless a directory answers at the address within kDirectoryWaitMs.
 void requireDirectory(const DirectoryOptions& options);
 void requireDirectory(const ZR::ZRBrokerOptions& o);

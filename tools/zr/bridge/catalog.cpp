@@ -9,8 +9,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include <zrerror/zrerrortexts.h>
-
 #include "recording.h"
 
 namespace zr::bridge {
@@ -78,7 +76,7 @@ std::optional<std::vector<MethodInfo>> Catalog::overloadsOf(const std::string& m
   try {
     return parseMethodHelp(view_->call(module, "getMethodHelp", {method}, kAskLimit).toStringRef());
   } catch (const ZR::ZRError& e) {
-    if (e.getDescription() == ZR::kModuleDestroyed || e.getDescription() == ZR::kDeadlineExceeded)
+    if (isTransportFailure(e))
       return std::nullopt;             // gone or stuck: not one call more to it in this round
     return std::vector<MethodInfo>{};  // a foreign module without help: callable all the same
   }
