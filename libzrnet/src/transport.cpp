@@ -69,8 +69,10 @@ void ZRAnswer::fail(const ZRError& error) const {
 bool ZRTransport::Impl::post(std::function<void()> command) {
   std::lock_guard<std::mutex> lock(mutex);
   if (stopping) return false;
+  // A queue that already holds commands has woken the I/O thread, which takes them all at once.
+  const bool first = commands.empty();
   commands.push_back(std::move(command));
-  wake();  // under the lock: the I/O thread closes the descriptor under it
+  if (first) wake();  // under the lock: the I/O thread closes the descriptor under it
   return true;
 }
 
