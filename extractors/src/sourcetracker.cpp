@@ -29,8 +29,16 @@ constexpr double kQualityScale = 2.0;
 
 }  // namespace
 
+double SourceTracker::toTrack(double azimuth) const {
+  return folded_ ? 90.0 - std::cos(azimuth * kDeg) / kDeg : azimuth;
+}
+
+double SourceTracker::fromTrack(double value) const {
+  return folded_ ? std::acos(std::clamp((90.0 - value) * kDeg, -1.0, 1.0)) / kDeg : value;
+}
+
 double SourceTracker::wrap(double a) const {
-  if (folded_) return std::clamp(a, 0.0, 180.0);
+  if (folded_) return std::clamp(a, 90.0 - 1.0 / kDeg, 90.0 + 1.0 / kDeg);
   a = std::remainder(a, 360.0);
   return a <= -180.0 ? a + 360.0 : a;
 }
@@ -40,7 +48,7 @@ double SourceTracker::difference(double a, double b) const {
 }
 
 std::array<double, 3> SourceTracker::direction(const Track& t) const {
-  const double a = t.azimuth * kDeg, e = t.elevation * kDeg;
+  const double a = fromTrack(t.azimuth) * kDeg, e = t.elevation * kDeg;
   return {std::cos(e) * std::cos(a), std::cos(e) * std::sin(a), std::sin(e)};
 }
 
@@ -98,8 +106,9 @@ SourceTracker::Track SourceTracker::born(const SourceObservation& o) {
   return t;
 }
 
-std::vector<TrackedSource> SourceTracker::update(const std::vector<SourceObservation>& observations,
+std::vector<TrackedSource> SourceTracker::update(std::vector<SourceObservation> observations,
                                                  double seconds, int maxSources) {
+  for (SourceObservation& o : observations) o.azimuth = toTrack(o.azimuth);
   for (Track& t : tracks_) {
     predict(t, seconds);
     t.silence += seconds;
@@ -177,7 +186,7 @@ std::vector<TrackedSource> SourceTracker::update(const std::vector<SourceObserva
   std::vector<TrackedSource> out;
   for (const Track* t : shown) {
     if (static_cast<int>(out.size()) >= maxSources) break;
-    out.push_back({t->id, t->azimuth, t->elevation, t->energyDb});
+    out.push_back({t->id, fromTrack(t->azimuth), t->elevation, t->energyDb});
   }
   return out;
 }

@@ -41,8 +41,8 @@ class SourceTracker {
   std::vector<std::array<double, 3>> candidates(int count) const;
   /// One period of `seconds` with its observations; returns the sources to report, at most
   /// `maxSources`, strongest first.
-  std::vector<TrackedSource> update(const std::vector<SourceObservation>& observations,
-                                    double seconds, int maxSources);
+  std::vector<TrackedSource> update(std::vector<SourceObservation> observations, double seconds,
+                                    int maxSources);
   void clear() { tracks_.clear(); }
 
   // Tuned on the evaluation's tuning material (tools/loceval).
@@ -57,7 +57,8 @@ class SourceTracker {
   /// the share of the period's phase agreement they explain.
   float keepPurity = 0.2f;
   float keepCoherence = 0.02f;
-  /// Degrees a new direction may lie from a track's predicted direction to belong to it.
+  /// Degrees a new direction may lie from a track's predicted direction to belong to it (for a
+  /// line, on its track coordinate: see toTrack).
   double gate = 20.0;
   /// Seconds a track is still reported, and kept, after its last observation.
   double reportHold = 0.5;
@@ -74,6 +75,10 @@ class SourceTracker {
     float score = 0.0f;  // coherence gathered, less what was missed
     bool seen = false;   // observed in this period
   };
+  // A line resolves the cosine of the angle from its axis evenly, not the angle: its tracks live
+  // on 90 - cos(angle) in degrees, which is the angle itself near broadside.
+  double toTrack(double azimuth) const;
+  double fromTrack(double value) const;
   double difference(double a, double b) const;
   double wrap(double a) const;
   std::array<double, 3> direction(const Track& t) const;
