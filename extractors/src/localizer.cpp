@@ -44,7 +44,7 @@ constexpr float kTailOver = 1.5f;
 // every direction towards zero delay (broadside, for a line). Its share of a bin (what the tail
 // accounts for, counted this many times over) times the diffuse field's coherence between the
 // pair's mics is taken out of the pair's cross-spectrum.
-constexpr float kDiffuseOver = 0.5f;
+constexpr float kDiffuseOver = 1.0f;
 // A bin goes to the candidate its phases fit best when they fit it at least this well (the
 // mean phase agreement of its pairs once aligned on the candidate, -1/(M-1) to 1); otherwise it
 // stays free for new sources.
