@@ -8,6 +8,7 @@
 #include <atomic>
 #include <functional>
 #include <future>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -59,7 +60,16 @@ class Shapes : public ZR::ZRModule {
   std::string scale(const std::string& unit, const int& count) {
     return std::to_string(count) + " " + unit;
   }
-  ZR::ZRValue echo(const ZR::ZRValue& v) { return seen = v; }
+  ZR::ZRValue echo(const ZR::ZRValue& v) {
+    std::lock_guard<std::mutex> lock(seenMutex);
+    return seen = v;
+  }
+  // Under a lock: across hosts the only other hand-off to the caller is ZeroMQ's, which
+  // ThreadSanitizer does not see.
+  ZR::ZRValue lastSeen() {
+    std::lock_guard<std::mutex> lock(seenMutex);
+    return seen;
+  }
   void fail() { throw std::runtime_error("no luck"); }
   bool hold() {
     holding.notify();
@@ -79,6 +89,7 @@ class Shapes : public ZR::ZRModule {
   }
   zrtest::Signal holding;
   std::promise<bool> released;
+  std::mutex seenMutex;
   ZR::ZRValue seen;
   std::string blobReleasedOn;
   zrtest::Signal blobReleased;
@@ -310,7 +321,7 @@ TEST_F(RemoteProxy, BinariesCrossWithoutACopyBothWays) {
                         std::shared_ptr<const void>(&bytes, [](const void*) {}));
   // The method and the caller each read the bytes where they arrived.
   const ZR::ZRValue back = p->call<ZR::ZRValue>("echo", arg);
-  EXPECT_TRUE(insideItsMessage(module->seen));
+  EXPECT_TRUE(insideItsMessage(module->lastSeen()));
   EXPECT_TRUE(insideItsMessage(back));
   EXPECT_EQ(back, arg);
   // A result leaves by reference: ZeroMQ's own thread lets its storage go, once it is sent.
