@@ -79,7 +79,7 @@ class ZRProxy {
   virtual void send(std::string_view method, std::vector<ZRValue> args);
   template <class... Args>
   void sendArgs(std::string_view method, const Args&... args) {
-    send(method, std::vector<ZRValue>{vo::toArgument(args)...});
+    send(method, zrValues(vo::toArgument(args)...));
   }
   ZRValue callValues(const std::string& method, const std::vector<ZRValue>& args) {
     return metaCall(method, args.data(), args.size());

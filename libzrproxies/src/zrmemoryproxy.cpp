@@ -36,7 +36,7 @@ void ZRMemoryProxy::declareEvent(const std::string& eventName, const std::string
 
 void ZRMemoryProxy::raiseEvent(const std::string& eventName, const ZRValue& value) {
   // One way: a memory service on another host is not waited for, event by event.
-  proxy_->send("raiseEvent", {ZRValue(eventName), value});
+  proxy_->send("raiseEvent", zrValues(eventName, value));
 }
 
 void ZRMemoryProxy::subscribeToEvent(const std::string& eventName, const std::string& moduleName,

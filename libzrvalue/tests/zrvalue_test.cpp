@@ -75,6 +75,18 @@ TEST(ZRValue, ArraysCopyDeeplyCompareAndPrint) {
   v.arrayPush(1);
   v.arraySetSize(3);  // grows, keeping what is there
   EXPECT_EQ(v.toString(), "[1, <invalid>, <invalid>]");
+
+  // A list of arguments takes what it is given without copying it, and copies the rest once.
+  std::string text(100, 'x');
+  const char* bytes = text.data();
+  ZRValue nested = arrayOf({arrayOf({1, 2}), 3});
+  const ZRValue* first = &nested.arrayElements()[0];
+  const std::vector<ZRValue> args = ZR::zrValues(std::move(text), std::move(nested), outer, 7);
+  ASSERT_EQ(args.size(), 4u);
+  EXPECT_EQ(args[0].toStringRef().data(), bytes);
+  EXPECT_EQ(&args[1].arrayElements()[0], first);
+  EXPECT_EQ(args[2], outer);
+  EXPECT_EQ(args[3], ZRValue(7));
 }
 
 TEST(ZRValue, BinaryIsSharedNotCopied) {

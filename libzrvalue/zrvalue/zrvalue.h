@@ -156,4 +156,14 @@ class ZRValue {
 
 std::ostream& operator<<(std::ostream& os, const ZRValue& v);
 
+/// The values as a vector, each copied once or moved: a braced list would copy an array or a
+/// string twice, once into the list and once out of it.
+template <class... T>
+std::vector<ZRValue> zrValues(T&&... values) {
+  std::vector<ZRValue> out;
+  out.reserve(sizeof...(values));
+  (out.emplace_back(std::forward<T>(values)), ...);
+  return out;
+}
+
 }  // namespace ZR

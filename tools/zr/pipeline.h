@@ -75,7 +75,8 @@ PipelineSite onNetwork(const PipelineConfig& config, const DirectoryOptions& dir
 /// delivered (at most 10 s), the destructor until the broker has shut down.
 class Pipeline {
  public:
-  using Sink = std::function<void(const Result&)>;
+  /// It may take the result: nothing reads it after the sink.
+  using Sink = std::function<void(Result&)>;
   /// One buffer of the device: its name, sample rate, then what its "processRemote" got.
   using SoundSink =
       std::function<void(const std::string& device, int sampleRate, int channels, int frames,

@@ -254,13 +254,12 @@ InputOutcome RunCommand::runInput(const std::string& input, bool given, const st
     // A file is read as fast as the extractors go: what they say can wait for the slowest of
     // them, and comes out in time order. Live input is shown as it comes.
     if (offlineFile && !config.device.realtime) order.emplace(config.extractors, emit);
-    const auto sink = [&](const Result& r) {
+    const auto sink = [&](Result& r) {
       if (recorder_) recorder_->event(r.fullName, r.extractor, r.value, r.captureNs);
-      Result tagged = r;
-      tagged.file = file;
-      if (!order) return emit(tagged);
+      r.file = file;
+      if (!order) return emit(r);
       std::lock_guard<std::mutex> lock(orderMutex);
-      order->add(tagged);
+      order->add(std::move(r));
     };
     const auto drive = [&](auto& pipeline) {
       // The bar shares the terminal with the results only when they go elsewhere.

@@ -7,7 +7,7 @@ TimeOrder::TimeOrder(const std::vector<std::string>& extractors, Sink sink)
   for (const std::string& e : extractors) streams_[e];
 }
 
-void TimeOrder::add(const Result& r) {
+void TimeOrder::add(Result r) {
   // A stream not named at the start (the device's gaps) is ordered but holds nobody back: it
   // may never speak again.
   const auto [it, fresh] = streams_.try_emplace(r.extractor);
@@ -22,7 +22,7 @@ void TimeOrder::add(const Result& r) {
   s.timed = true;
   s.untimedOnly = false;
   s.latest = *time;
-  s.waiting.emplace_back(*time, r);
+  s.waiting.emplace_back(*time, std::move(r));
   ++held_;
   release(false);
 }

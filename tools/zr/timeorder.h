@@ -29,7 +29,7 @@ class TimeOrder {
   using Sink = std::function<void(const Result&)>;
   /// `extractors`: every extractor of the run, so that one that has said nothing yet holds back.
   TimeOrder(const std::vector<std::string>& extractors, Sink sink);
-  void add(const Result& r);
+  void add(Result r);
   /// Passes on what is held from before `before` seconds, in order; drops the rest.
   void flush(double before = std::numeric_limits<double>::infinity());
   /// Results held now.

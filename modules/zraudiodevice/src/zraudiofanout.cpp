@@ -92,11 +92,11 @@ bool ZRAudioDevice::Core::publish(const ZRValue& buffer, std::size_t frames, std
   t.sequence = sequence++;
   position += static_cast<std::int64_t>(frames);
   recorder.record(buffer, frames, name);
-  return line->publish(detail::ZRDelivery{"processRemote",
-                                          {ZRValue(channels), ZRValue(static_cast<int>(frames)),
-                                           t.toValue(), buffer},
-                                          captureNs},
-                       &stop);
+  return line->publish(
+      detail::ZRDelivery{"processRemote",
+                         zrValues(channels, static_cast<int>(frames), t.toValue(), buffer),
+                         captureNs},
+      &stop);
 }
 
 }  // namespace ZR

@@ -232,8 +232,8 @@ void MemoryCore::raiseEvent(const std::string& event, const ZRValue& value) {
     // of results) know what sound it was made from.
     for (const Subscription& s : record.subscriptions)
       line_->push(s.subscriber,
-                  ZRDelivery{s.callback, {ZRValue(event), value, ZRValue(s.subscriber)}, captured},
-                  nullptr, &warnings);
+                  ZRDelivery{s.callback, zrValues(event, value, s.subscriber), captured}, nullptr,
+                  &warnings);
   }
   for (const auto& w : warnings) zrDeliveryWarn(kCategory, "raiseEvent", w);
   announceDrops();
