@@ -24,6 +24,7 @@ std::string peerAddress(int fd) {
 }  // namespace
 
 bool ZRTransport::Impl::sendRouted(Frames& frames) {
+  routerUsed = true;
   try {
     return trySend(*router, frames);
   } catch (const zmq::error_t& e) {
@@ -87,13 +88,13 @@ void ZRTransport::Impl::disconnect(const std::string& identity, Remote& remote) 
   forget(identity);
 }
 
-void ZRTransport::Impl::receiveFromRouter() {
+bool ZRTransport::Impl::receiveFromRouter() {
   // A slice at a time, so that a flood does not keep liveness and the queues waiting.
   const auto sliceEnd = Clock::now() + heartbeat() / 10;
   while (Clock::now() < sliceEnd) {
     Frames frames;
     if (!zmq::recv_multipart(*router, std::back_inserter(frames), zmq::recv_flags::dontwait))
-      return;
+      return true;
     const std::string identity(static_cast<const char*>(frames[0].data()), frames[0].size());
     frames.erase(frames.begin());
     Remote& remote = remotes[identity];
@@ -122,6 +123,7 @@ void ZRTransport::Impl::receiveFromRouter() {
       refuse(identity, remote, e, saidHello);
     }
   }
+  return false;
 }
 
 void ZRTransport::Impl::decodeAside(const std::string& identity, Remote& remote, Frames frames,

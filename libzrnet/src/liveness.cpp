@@ -26,6 +26,7 @@ void ZRTransport::Impl::timers() {
     if (now - peer->lastPing >= heartbeat() && peer->outbox.empty()) {
       Frames f = encode(ping);
       trySend(*peer->socket, f);  // not connected: nothing to keep alive
+      peer->used = true;
       peer->lastPing = now;
     }
     for (auto it = peer->pending.begin(); it != peer->pending.end();) {

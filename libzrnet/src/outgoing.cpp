@@ -85,6 +85,7 @@ ZRTransport::Impl::Peer& ZRTransport::Impl::peerFor(const std::string& endpoint)
 }
 
 void ZRTransport::Impl::queue(Peer& peer, Frames frames, bool control) {
+  peer.used = true;
   if (peer.outbox.empty() && trySend(*peer.socket, frames)) return;
   peer.outbox.push(std::move(frames), control);
 }
@@ -124,13 +125,13 @@ void ZRTransport::Impl::lose(const std::string& endpoint, const std::string& why
   });
 }
 
-void ZRTransport::Impl::receiveFromPeer(Peer& peer) {
+bool ZRTransport::Impl::receiveFromPeer(Peer& peer) {
   const std::string endpoint = peer.endpoint;
   const auto sliceEnd = Clock::now() + heartbeat() / 10;
   while (Clock::now() < sliceEnd) {
     Frames frames;
     if (!zmq::recv_multipart(*peer.socket, std::back_inserter(frames), zmq::recv_flags::dontwait))
-      return;
+      return true;
     peer.lastReceived = Clock::now();
     Message m;
     try {
@@ -141,7 +142,7 @@ void ZRTransport::Impl::receiveFromPeer(Peer& peer) {
       if (!peer.greeted) {  // its hello is unreadable (another protocol version): give up
         failAll(peer, e.getDescription());
         lose(endpoint, e.getDescription());
-        return;
+        return false;
       }
       auto it = peer.pending.find(e.callId());
       if (it != peer.pending.end())
@@ -164,7 +165,7 @@ void ZRTransport::Impl::receiveFromPeer(Peer& peer) {
           ZRNET_LOG(vo::LogLevel_Error) << endpoint << " refused this host: " << m.description;
           failAll(peer, m.description);
           lose(endpoint, m.description);
-          return;
+          return false;
         }
         fail(peer, m.id, ZRError(m.module, m.method, m.description));
         break;
@@ -191,7 +192,7 @@ void ZRTransport::Impl::receiveFromPeer(Peer& peer) {
       }
       case MsgType::Bye:
         lose(endpoint, "it said bye");
-        return;
+        return false;
       case MsgType::Ping:
         break;
       default:
@@ -199,6 +200,7 @@ void ZRTransport::Impl::receiveFromPeer(Peer& peer) {
             << "dropped an unexpected " << msgTypeName(m.type) << " message from " << endpoint;
     }
   }
+  return false;
 }
 
 }  // namespace ZR

@@ -8,6 +8,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 
 namespace ZR {
 
@@ -107,36 +109,53 @@ void ZRTransport::Impl::stop() {
 }
 
 void ZRTransport::Impl::rebuildItems() {
-  items.clear();
+  fds.clear();
   polled.clear();
-  items.push_back({nullptr, wakeFd, ZMQ_POLLIN, 0});
-  if (router) items.push_back({router->handle(), 0, ZMQ_POLLIN, 0});
-  if (zap) items.push_back({zap->handle(), 0, ZMQ_POLLIN, 0});
-  if (monitor) items.push_back({monitor->handle(), 0, ZMQ_POLLIN, 0});
-  for (auto& [endpoint, peer] : peers) {
-    polled.push_back(peer.get());
-    items.push_back({peer->socket->handle(), 0, ZMQ_POLLIN, 0});
-  }
+  fds.push_back({wakeFd, POLLIN, 0});
+  auto add = [&](zmq::socket_t* socket, Peer* peer) {
+    fds.push_back({socket->get(zmq::sockopt::fd), POLLIN, 0});
+    polled.push_back({socket, peer});
+  };
+  if (router) add(router.get(), nullptr);
+  if (zap) add(zap.get(), nullptr);
+  if (monitor) add(monitor.get(), nullptr);
+  for (auto& [endpoint, peer] : peers) add(peer->socket.get(), peer.get());
   itemsStale = false;
+}
+
+bool ZRTransport::Impl::askReadable(Polled& p) {
+  // Asking takes what the descriptor signalled: it stays quiet until something new happens.
+  const int events = p.socket->get(zmq::sockopt::events);
+  p.dirty = false;
+  // A peer's queue waiting for room is retried on every pass; the listening socket's, on a timer.
+  p.readable =
+      (events & ZMQ_POLLIN) || (p.peer && !p.peer->outbox.empty() && (events & ZMQ_POLLOUT));
+  return p.readable;
+}
+
+void ZRTransport::Impl::markUsed() {
+  for (Polled& p : polled) {
+    if (!p.peer && p.socket != router.get()) continue;
+    bool& used = p.peer ? p.peer->used : routerUsed;
+    p.dirty = p.dirty || used;
+    used = false;
+  }
 }
 
 void ZRTransport::Impl::run() {
   ioThread.store(std::this_thread::get_id());
   for (;;) {
     if (itemsStale) rebuildItems();
-    // Only the wanting-to-write bits change between passes.
-    std::size_t at = 1;
-    // A listening socket always looks writable: its callers' queues are retried on a timer.
-    if (router) ++at;
-    if (zap) ++at;
-    if (monitor) ++at;
-    for (Peer* p : polled)
-      items[at++].events = static_cast<short>(ZMQ_POLLIN | (p->outbox.empty() ? 0 : ZMQ_POLLOUT));
-    zmq::poll(items, pollTimeout());
+    bool ready = false;
+    for (Polled& p : polled)
+      if (p.dirty && askReadable(p)) ready = true;
+    const int timeout = ready ? 0 : static_cast<int>(pollTimeout().count());
+    if (::poll(fds.data(), fds.size(), timeout) < 0 && errno != EINTR)
+      throw ZRError("zrnet", "poll",
+                    std::string("waiting on the sockets failed: ") + std::strerror(errno));
 
     std::uint64_t count;
-    while (::read(wakeFd, &count, sizeof count) > 0) {
-    }
+    if (fds[0].revents & POLLIN) (void)!::read(wakeFd, &count, sizeof count);
     std::deque<std::function<void()>> todo;
     bool stopNow;
     {
@@ -146,19 +165,35 @@ void ZRTransport::Impl::run() {
     }
     for (auto& c : todo) c();
     if (stopNow) break;
+    // Commands may have replaced the peers: only the sockets still polled are asked.
+    if (!itemsStale)
+      for (std::size_t i = 0; i < polled.size(); ++i)
+        if (fds[i + 1].revents & POLLIN) askReadable(polled[i]);
 
-    at = 1;
-    if (router) ++at;
-    if (zap && (items[at++].revents & ZMQ_POLLIN)) authenticate();
-    if (monitor && (items[at++].revents & ZMQ_POLLIN)) countConnections();
-    if (router) receiveFromRouter();
-    // A peer lost while reading another leaves the map: look each one up again.
-    for (Peer* p : std::vector<Peer*>(polled)) {
-      auto it = peers.find(p->endpoint);
-      if (it != peers.end() && it->second.get() == p) receiveFromPeer(*p);
+    // A socket read until it had nothing more says so itself next time; one that may hold more
+    // than a slice took is asked again.
+    std::vector<Polled*> readable;
+    for (Polled& p : polled) {
+      if (itemsStale || !p.readable) continue;
+      p.readable = false;
+      if (p.peer) {
+        readable.push_back(&p);
+      } else if (p.socket == router.get()) {
+        p.dirty = !receiveFromRouter();
+      } else {
+        p.dirty = true;
+        if (p.socket == zap.get())
+          authenticate();
+        else
+          countConnections();
+      }
     }
+    // A peer lost while reading another leaves the map (and the polled list goes stale).
+    for (Polled* p : readable)
+      if (!itemsStale) p->dirty = !receiveFromPeer(*p->peer);
     flush();
     timers();
+    if (!itemsStale) markUsed();
   }
   finish();
 }
@@ -199,6 +234,8 @@ void ZRTransport::Impl::flush() {
   sendCredits(nullptr);
   for (auto& entry : peers) {  // (clang does not let a lambda capture a structured binding)
     Peer& peer = *entry.second;
+    if (peer.outbox.empty()) continue;
+    peer.used = true;
     peer.outbox.flush([&](Frames& f) { return trySend(*peer.socket, f); });
   }
   flushRemotes();

@@ -5,6 +5,8 @@
 // coming in with their credits (incoming.cpp), heartbeats and deaths (liveness.cpp), CURVE and
 // the listening socket (security.cpp). Internal to zrnet.
 
+#include <poll.h>
+
 #include <zrerror/zrerrortexts.h>
 #include <zrnet/zrtransport.h>
 
@@ -164,6 +166,7 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
     std::map<std::uint64_t, Pending> pending;
     Clock::time_point lastReceived, lastPing;
     bool greeted = false;
+    bool used = false;  // sent on since the loop last asked its socket
   };
   // A stream a caller sends us: its messages' answers, held back until those before them are
   // answered, so that credits go out in message order.
@@ -205,10 +208,20 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
   std::map<std::pair<std::string, std::string>, Owed> credits;
   std::uint64_t nextId = 1, nextSeq = 1;
   bool stopped = false;  // the I/O thread saw the stop
-  // What zmq::poll watches, rebuilt only when the set of peers changes.
-  std::vector<zmq::pollitem_t> items;
-  std::vector<Peer*> polled;
+  // What the loop waits on: the wake-up, then each socket's descriptor, rebuilt only when the set
+  // of peers changes. A ZeroMQ socket's descriptor only says that something may have changed,
+  // and a socket's own sends and receives may take that news without it saying so again: a
+  // socket used since it last said nothing is asked (`dirty`) before the loop sleeps.
+  struct Polled {
+    zmq::socket_t* socket = nullptr;
+    Peer* peer = nullptr;  // null for the listening, authenticating and monitoring sockets
+    bool dirty = true;
+    bool readable = false;
+  };
+  std::vector<pollfd> fds;
+  std::vector<Polled> polled;  // fds[i + 1] is polled[i]'s
   bool itemsStale = true;
+  bool routerUsed = false;  // sent on since the loop last asked it
 
   std::chrono::milliseconds heartbeat() const { return options.heartbeat; }
   Clock::duration deathTime() const { return 3 * options.heartbeat; }
@@ -220,6 +233,8 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
   void stop();
   void run();
   void rebuildItems();
+  bool askReadable(Polled& p);
+  void markUsed();
   std::chrono::milliseconds pollTimeout() const;
   void flush();
   void finish();
@@ -245,13 +260,14 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
   void fail(Peer& peer, std::uint64_t id, const ZRError& error);
   void failAll(Peer& peer, const std::string& description);
   void lose(const std::string& endpoint, const std::string& why);
-  void receiveFromPeer(Peer& peer);
+  /// Reads what the socket has, a slice of time at most; true when it has nothing more.
+  bool receiveFromPeer(Peer& peer);
 
   // incoming.cpp
   bool sendRouted(Frames& frames);
   void sendToRemote(const std::string& identity, Frames frames, bool keep = true,
                     bool control = false);
-  void receiveFromRouter();
+  bool receiveFromRouter();  // likewise
   void forget(const std::string& identity);
   void decodeAside(const std::string& identity, Remote& remote, Frames frames, bool saidHello);
   void refuse(const std::string& identity, Remote& remote, const net::DecodeError& e,

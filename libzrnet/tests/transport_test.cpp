@@ -214,6 +214,43 @@ TEST(Transport, CallsFromOneCallerToOneModuleKeepTheirOrder) {
   EXPECT_EQ(seen["M2"], even);
 }
 
+// Both ends send and receive on the same sockets at once (a stream one way, its credits and
+// calls' replies the other). With a heartbeat of an hour the loop's own timer never fires
+// within the test, so no message may wait for it: each must wake the loop that takes it.
+TEST(Transport, EveryMessageWakesItsLoopWithoutTheTimer) {
+  for (const std::string listen :
+       {"ipc:///tmp/zrnet-wake-" + std::to_string(getpid()), std::string("tcp://127.0.0.1:0")}) {
+    SCOPED_TRACE(listen);
+    Pool pool;
+    zrtest::Signal pushed;
+    ZRTransportOptions o = options("B", listen);
+    o.heartbeat = std::chrono::hours(1);
+    ZRTransport callee(o, ZRTransport::answering([&](const ZRIncomingCall& c) -> ZRValue {
+                         if (c.method == "push") pushed.notify();
+                         return c.args.empty() ? ZRValue() : c.args[0];
+                       }),
+                       pool.executor());
+    o.listen = "";
+    ZRTransport caller(o, noCalls(), pool.executor());
+    zrtest::Signal credits;
+    caller.setCreditListener([&](const std::string&, const std::string&, std::uint32_t n,
+                                 std::int64_t) { credits.notify(static_cast<int>(n)); });
+    const std::vector<char> block(12800, 1);
+    const int kMessages = 2000;
+    for (int i = 1; i <= kMessages; ++i) {
+      ZRSendOptions s;
+      s.stream = "s";
+      s.seq = static_cast<std::uint64_t>(i);
+      caller.send(callee.endpoint(), "M", "push", {ZRValue(block.data(), block.size())}, s);
+      if (i % 50 == 0) {
+        auto echoed = caller.callAsync(callee.endpoint(), "M", "echo", {ZRValue(i)});
+        ASSERT_EQ(ready(echoed), ZRValue(i));
+      }
+    }
+    ASSERT_TRUE(pushed.waitFor(kMessages, kHangGuard));
+    ASSERT_TRUE(credits.waitFor(kMessages, kHangGuard));
+  }
+}
 TEST(Transport, ADeadlineFailsTheCallAndTheCalleeNeverRunsIt) {
   std::promise<void> entered, gate;
   std::shared_future<void> open = gate.get_future().share();
