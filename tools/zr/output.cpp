@@ -1,5 +1,6 @@
 #include "output.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
@@ -17,11 +18,17 @@ namespace {
 
 // A 32-bit float as the double that prints as its shortest exact text: 0.002f prints as 0.002,
 // not 0.0020000000949949026, and every digit a program reads back is the float's own.
+double shortestDouble(float f) {
+  char text[32];
+  const char* end = std::to_chars(text, text + sizeof text, f).ptr;
+  double d = 0;
+  std::from_chars(text, end, d);
+  return d;
+}
+
 nlohmann::ordered_json floatJson(float f) {
   if (!std::isfinite(f)) return nullptr;
-  char text[32];
-  *std::to_chars(text, text + sizeof text - 1, f).ptr = '\0';
-  return std::strtod(text, nullptr);
+  return shortestDouble(f);
 }
 
 }  // namespace
@@ -71,9 +78,9 @@ nlohmann::ordered_json gapObject(const Result& r) {
   return o;
 }
 
-/// The result as one flat object: the input file (when a run has several), extractor, event,
-/// then the record's fields (or "value"), and "sample", where its window starts in the stream.
-nlohmann::ordered_json toObject(const Result& r) {
+}  // namespace
+
+nlohmann::ordered_json resultJson(const Result& r) {
   if (isGap(r)) return gapObject(r);
   nlohmann::ordered_json o;
   if (!r.file.empty()) o["file"] = r.file;
@@ -98,6 +105,147 @@ nlohmann::ordered_json toObject(const Result& r) {
       }
   return o;
 }
+
+namespace {
+
+// ---- the same line written straight from the record, without building the object
+
+// A name or text as JSON: plain printable ASCII as it is, anything else as the library
+// escapes (and checks) it.
+void appendString(std::string& out, const std::string& s) {
+  for (char c : s)
+    if (c < 0x20 || c > 0x7e || c == '"' || c == '\\') {
+      out += nlohmann::ordered_json(s).dump();
+      return;
+    }
+  out += '"';
+  out += s;
+  out += '"';
+}
+
+}  // namespace
+
+void appendFloat(std::string& out, float f) {
+  if (!std::isfinite(f)) {
+    out += "null";
+    return;
+  }
+  // What the library's serializer writes for that double, without building one for each number.
+  char text[64];
+  out.append(text, nlohmann::detail::to_chars(text, text + sizeof text, shortestDouble(f)));
+}
+
+namespace {
+
+// False for what only the object gets right (a record inside it).
+bool appendValue(std::string& out, const ZR::ZRValue& v) {
+  switch (v.getType()) {
+    case ZR::ZRValue::TypeBool:
+      out += v.toBool() ? "true" : "false";
+      return true;
+    case ZR::ZRValue::TypeInt:
+      out += std::to_string(v.toInt());
+      return true;
+    case ZR::ZRValue::TypeFloat:
+      appendFloat(out, v.toFloat());
+      return true;
+    case ZR::ZRValue::TypeString:
+      appendString(out, v.toStringRef());
+      return true;
+    case ZR::ZRValue::TypeBinary:
+      appendString(out, "<" + std::to_string(v.getBinarySize()) + " bytes>");
+      return true;
+    case ZR::ZRValue::TypeArray: {
+      if (ZR::isRecord(v) && v.getSize() > 0) return false;
+      out += '[';
+      bool first = true;
+      for (const ZR::ZRValue& e : v.arrayElements()) {
+        if (!first) out += ',';
+        first = false;
+        if (!appendValue(out, e)) return false;
+      }
+      out += ']';
+      return true;
+    }
+    default:
+      out += "null";
+      return true;
+  }
+}
+
+// resultJson(r).dump() without the object, which cost more than all the rest of a result's way
+// through `zr run`. False for what is rare (a gap, a record inside the record, a field named
+// twice): the caller then builds the object.
+bool appendFlat(std::string& out, const Result& r) {
+  if (isGap(r)) return false;
+  bool first = true;
+  auto key = [&](const std::string& name) {
+    out += first ? '{' : ',';
+    first = false;
+    appendString(out, name);
+    out += ':';
+  };
+  if (!r.file.empty()) {
+    key("file");
+    appendString(out, r.file);
+  }
+  key("extractor");
+  appendString(out, r.extractor);
+  key("event");
+  appendString(out, r.event);
+  bool hasSample = false;
+  const ZR::ZRValue* position = nullptr;  // "start", else "time", when a number
+  bool positionIsStart = false;
+  if (ZR::isRecord(r.value) && r.value.getSize() > 0) {
+    const auto& fields = r.value.arrayElements();
+    for (std::size_t i = 0; i < fields.size(); ++i) {
+      const std::string& name = fields[i][0].toStringRef();
+      if (name == "file" || name == "extractor" || name == "event") continue;
+      for (std::size_t j = 0; j < i; ++j)
+        if (fields[j][0].toStringRef() == name) return false;
+      const ZR::ZRValue& v = fields[i][1];
+      key(name);
+      if (name == "sample") {
+        hasSample = true;
+        std::int64_t sample = 0;
+        if (ZR::zrReadSample(v, sample))
+          out += std::to_string(sample);
+        else if (!appendValue(out, v))
+          return false;
+        continue;
+      }
+      if (!appendValue(out, v)) return false;
+      const bool number = v.isInt() || (v.isFloat() && std::isfinite(v.toFloat()));
+      if (number && name == "start") {
+        position = &v;
+        positionIsStart = true;
+      } else if (number && name == "time" && !positionIsStart) {
+        position = &v;
+      }
+    }
+  } else {
+    key("value");
+    if (!appendValue(out, r.value)) return false;
+  }
+  if (!hasSample && r.sampleRate > 0 && position) {
+    const double at = position->isInt() ? position->toInt() : shortestDouble(position->toFloat());
+    key("sample");
+    out += std::to_string(std::llround(at * r.sampleRate));
+  }
+  out += '}';
+  return true;
+}
+
+}  // namespace
+
+std::string jsonLine(const Result& r) {
+  std::string line;
+  line.reserve(256);
+  if (!appendFlat(line, r)) line = resultJson(r).dump();
+  return line;
+}
+
+namespace {
 
 // Of a result with a list of "sources" (SoundLocalization), the one with the most energy; null
 // when the list is empty. Table and CSV show only that one.
@@ -133,7 +281,7 @@ class JsonLinesWriter : public ResultWriter {
  public:
   explicit JsonLinesWriter(std::FILE* out) : ResultWriter(out) {}
   void write(const Result& r) override {
-    const std::string line = toObject(r).dump() + "\n";
+    const std::string line = jsonLine(r) + "\n";
     std::fwrite(line.data(), 1, line.size(), out_);
   }
 };
@@ -146,7 +294,7 @@ class CsvWriter : public ResultWriter {
     std::fputs("extractor,event,time,channel,rms,peak,start,end,value\n", out_);
   }
   void write(const Result& r) override {
-    const nlohmann::ordered_json o = toObject(r);
+    const nlohmann::ordered_json o = resultJson(r);
     auto num = [&](const char* k) -> std::string {
       return o.contains(k) && o[k].is_number() ? o[k].dump() : std::string();
     };
@@ -207,7 +355,7 @@ class TableWriter : public ResultWriter {
       std::fprintf(out_, "%s== %s ==\n", wroteFile_ ? "\n" : "", file_.c_str());
       wroteFile_ = true;
     }
-    const nlohmann::ordered_json o = toObject(r);
+    const nlohmann::ordered_json o = resultJson(r);
     // A finished segment stands where it ended, as an offline run orders it.
     const std::optional<double> at = resultTime(r);
     std::string time = at ? fixed(*at, 3) : "";

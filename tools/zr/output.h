@@ -29,6 +29,15 @@ nlohmann::ordered_json valueJson(const ZR::ZRValue& v);
 /// A stream position, whether an int or [high, low] past 32 bits, as one integer.
 nlohmann::ordered_json sampleJson(const ZR::ZRValue& v);
 
+/// The result as one flat object: the input file (when a run has several), extractor, event,
+/// then the record's fields (or "value"), and "sample", where its window starts in the stream.
+nlohmann::ordered_json resultJson(const Result& r);
+/// resultJson(r) as one line of JSON (without its line feed), written straight from the record.
+std::string jsonLine(const Result& r);
+
+/// A float as the JSON text of the double that prints as its shortest exact text.
+void appendFloat(std::string& out, float f);
+
 /// True for the device's announcement of lost samples ("ZRAudioDevice/Gap").
 bool isGap(const Result& r);
 

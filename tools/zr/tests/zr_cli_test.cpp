@@ -4,9 +4,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
+#include <random>
 #include <set>
 #include <sstream>
 #include <string>
@@ -18,8 +21,10 @@
 #include <zrhostprocess.h>
 #include <nlohmann/json.hpp>
 
+#include <zrcommon/zrservicenames.h>
 #include <zrextractors/zrrecord.h>
 
+#include "output.h"
 #include "progress.h"
 #include "timeorder.h"
 
@@ -453,6 +458,69 @@ TEST(ZrRun, TimeOrderPassesOnWhatNoExtractorCanStillPrecede) {
   EXPECT_EQ(out.back(), "A@12");
   EXPECT_EQ(out.size(), 7u);
   EXPECT_EQ(order.held(), 0u);
+}
+
+// A JSON line is written straight from the record: it must be the object's own text, whatever
+// the record holds.
+TEST(ZrRun, AJsonLineIsTheResultsObjectWhateverItHolds) {
+  using ZR::ZRValue;
+  const unsigned char bytes[3] = {1, 2, 3};
+  ZRValue nested = ZR::makeRecord({{"x", ZRValue(1)}});
+  ZRValue list;
+  for (const ZRValue& e : {ZRValue(0.1f), ZRValue(-3), ZRValue(100.0f), ZRValue(1e-7f),
+                           ZRValue(std::nanf("")), ZRValue(true), ZRValue("a\"b\n\xc3\xa9")})
+    list.arrayPush(e);
+  ZRValue twice = ZR::makeRecord({{"v", ZRValue(1)}, {"v", ZRValue(2)}});
+  ZRValue bigSample;  // a position past 32 bits: [high, low]
+  bigSample.arrayPush(ZRValue(1));
+  bigSample.arrayPush(ZRValue(5));
+  const std::vector<zr::Result> results = {
+      {"SoundLevel", "Levels",
+       ZR::makeRecord({{"time", ZRValue(12.345f)}, {"rms", list}, {"peak", ZRValue(-0.5f)}})},
+      {"S", "E", ZR::makeRecord({{"time", ZRValue(0.3f)}, {"start", ZRValue(0.1f)}})},
+      {"S", "E", ZR::makeRecord({{"start", ZRValue(0.1f)}, {"time", ZRValue(0.3f)}})},
+      {"S", "E", ZR::makeRecord({{"start", ZRValue("later")}, {"time", ZRValue(7)}})},
+      {"S", "E", ZR::makeRecord({{"time", ZRValue(1.0f)}, {"sample", ZRValue(3)}})},
+      {"S", "E", ZR::makeRecord({{"sample", bigSample}, {"end", ZRValue(2.5f)}})},
+      {"S", "E", ZR::makeRecord({{"event", ZRValue("x")}, {"inner", nested}})},
+      {"S", "E", twice},
+      {"S", "E", ZRValue(bytes, sizeof bytes)},
+      {"S", "E", list},
+      {"S", "E", ZRValue()},
+      {"S", "E", ZRValue(std::vector<std::string>{})},
+      {ZR::kAudioDeviceServiceName, "Gap",
+       ZR::makeRecord({{"start", ZRValue(1600)}, {"samples", ZRValue(160)}})},
+      {"S\t", "\x01", ZR::makeRecord({{"na\"me", ZRValue(std::nanf(""))}})}};
+  for (zr::Result r : results)
+    for (const char* file : {"", "dir/a b.wav"})
+      for (int rate : {0, 16000}) {
+        r.file = file;
+        r.sampleRate = rate;
+        EXPECT_EQ(zr::jsonLine(r), zr::resultJson(r).dump()) << r.value.toString();
+      }
+  // Floats: the edges of the plain layout, and a million bit patterns.
+  std::vector<float> floats = {0.0f,   -0.0f,  1e-4f,   9.9999e-5f, 1e15f,  1e16f, 123456789.0f,
+                               0.001f, 1e-45f, 3.4e38f, -2.5f,      1e-10f, 7e22f};
+  std::mt19937 bits(7);
+  for (int i = 0; i < 1000000; ++i) {
+    const std::uint32_t b = bits();
+    float f;
+    std::memcpy(&f, &b, sizeof f);
+    floats.push_back(f);
+  }
+  int differ = 0;
+  for (float f : floats) {
+    // The library's text of the double that the float's shortest text reads as.
+    char shortest[32];
+    *std::to_chars(shortest, shortest + sizeof shortest - 1, f).ptr = '\0';
+    const std::string expected =
+        std::isfinite(f) ? nlohmann::json(std::strtod(shortest, nullptr)).dump() : "null";
+    std::string text;
+    zr::appendFloat(text, f);
+    if (text != expected && ++differ < 5) ADD_FAILURE() << text << " for " << expected;
+    if (zr::valueJson(ZRValue(f)).dump() != expected && ++differ < 5) ADD_FAILURE() << expected;
+  }
+  EXPECT_EQ(differ, 0);
 }
 
 // A 4-channel recording of noise arriving from azimuth 0 at circular4-r32mm (mic 0 on +x hears
