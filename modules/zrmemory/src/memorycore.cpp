@@ -28,6 +28,18 @@ const int kPublishWaitMs = 5000;
 const int kDrainBatch = 64;
 const int kMessageBatch = 256;
 
+// `to = from`, into the storage `to` already has where both have the same shape: an event's value
+// is much like its last one, and copying it afresh (and freeing the last) cost more than all the
+// rest of raising it. `from` is the caller's, never part of `to`.
+void assignReusing(ZRValue& to, const ZRValue& from, int depth = 0) {
+  const int n = from.getSize();
+  if (!from.isArray() || !to.isArray() || to.getSize() != n || depth > 8) {
+    to = from;
+    return;
+  }
+  for (int i = 0; i < n; ++i) assignReusing(to[i], from[i], depth + 1);
+}
+
 std::string heldBack(std::int64_t suppressed) {
   return suppressed > 0 ? " (" + std::to_string(suppressed) + " similar warnings held back)" : "";
 }
@@ -136,7 +148,7 @@ MemoryCore::Target MemoryCore::target(const std::string& name) {
 void MemoryCore::insertData(const std::string& key, const ZRValue& value) {
   requireName("insertData", "the key", key);
   std::lock_guard<std::mutex> lock(mutex_);
-  data_[key] = value;
+  assignReusing(data_[key], value);
 }
 
 ZRValue MemoryCore::getData(const std::string& key) {
@@ -220,7 +232,7 @@ void MemoryCore::raiseEvent(const std::string& event, const ZRValue& value) {
     // Queued under the lock, so that an unsubscription either sees the event queued (and
     // discards it) or happens before it is raised.
     std::lock_guard<std::mutex> lock(mutex_);
-    data_[event] = value;
+    assignReusing(data_[event], value);
     EventRecord& record = events_[event];
     ++record.raised;
     const std::int64_t captured = detail::zrCurrentCaptureNs();

@@ -81,6 +81,20 @@ TEST(ZRMemory, DataAndDeclarationsWithTheirErrors) {
   f.proxy.insertData("b", 2);
   EXPECT_EQ(f.proxy.getData("b"), 2);
   EXPECT_EQ(f.proxy.getData("a"), std::string("x"));
+  // A value is stored over the last one, whether its shape is the same or not.
+  auto array = [](std::initializer_list<ZR::ZRValue> elements) {
+    ZR::ZRValue a;
+    a.arraySetSize(0);
+    for (const ZR::ZRValue& e : elements) a.arrayPush(e);
+    return a;
+  };
+  for (const ZR::ZRValue& v :
+       {array({1, array({2.5f, "long enough to be on the heap"})}), array({3, array({4.5f, "y"})}),
+        array({5, 6}), array({array({7}), 8, 9}), array({1, 2}), ZR::ZRValue(10)}) {
+    f.proxy.insertData("c", v);
+    EXPECT_EQ(f.proxy.getData("c"), v);
+  }
+  f.proxy.removeData("c");
   f.proxy.removeData("a");
   f.proxy.declareEvent("P/a", "P");  // again: harmless
   f.proxy.declareEvent("loose", "");
