@@ -139,10 +139,10 @@ void SoundLevel::emitWindow() {
     rms[c] = toDb(std::sqrt(sumSquares_[c] / static_cast<double>(filled_)) / 32768.0);
     peak[c] = toDb(peak_[c] / 32768.0);
   }
-  const ZRValue record = makeRecord({{"time", ZRValue(static_cast<float>(windowStart_))},
-                                     {"sample", zrSampleValue(windowStartSample_)},
-                                     {"rms", floatArray(rms.data(), channels_)},
-                                     {"peak", floatArray(peak.data(), channels_)}});
+  ZRValue record = makeRecord({{"time", ZRValue(static_cast<float>(windowStart_))},
+                               {"sample", zrSampleValue(windowStartSample_)},
+                               {"rms", floatArray(rms.data(), channels_)},
+                               {"peak", floatArray(peak.data(), channels_)}});
   std::vector<ZRValue> crossings;
   const float threshold = thresholdDb_.load(), hysteresis = hysteresisDb_.load();
   for (int c = 0; c < channels_; ++c) {
@@ -163,8 +163,8 @@ void SoundLevel::emitWindow() {
   std::fill(peak_.begin(), peak_.end(), 0);
   filled_ = 0;
 
-  memory_->raiseEvent(levelsEvent(), record);
-  for (const ZRValue& c : crossings) memory_->raiseEvent(thresholdEvent(), c);
+  memory_->raiseEvent(levelsEvent(), std::move(record));
+  for (ZRValue& c : crossings) memory_->raiseEvent(thresholdEvent(), std::move(c));
 }
 
 }  // namespace ZR

@@ -39,6 +39,10 @@ void ZRMemoryProxy::raiseEvent(const std::string& eventName, const ZRValue& valu
   proxy_->send("raiseEvent", zrValues(eventName, value));
 }
 
+void ZRMemoryProxy::raiseEvent(const std::string& eventName, ZRValue&& value) {
+  proxy_->send("raiseEvent", zrValues(eventName, std::move(value)));
+}
+
 void ZRMemoryProxy::subscribeToEvent(const std::string& eventName, const std::string& moduleName,
                                      const std::string& callbackMethod) {
   proxy_->call<void>("subscribeToEvent", eventName, moduleName, callbackMethod);
