@@ -27,6 +27,8 @@ PACKAGES=(
   # the live-latency benchmark keeps the other core busy with it
   stress-ng
   libzmq3-dev cppzmq-dev libmsgpack-cxx-dev
+  # zr's allocator
+  libjemalloc-dev
   # recordings: the container's chunk codecs and CRC-32; node runs the reference implementation
   # the container's tests compare with (npm comes with it, or below)
   libzstd-dev liblz4-dev zlib1g-dev nodejs
