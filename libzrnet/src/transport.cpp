@@ -150,9 +150,12 @@ void ZRTransport::Impl::run() {
     for (Polled& p : polled)
       if (p.dirty && askReadable(p)) ready = true;
     const int timeout = ready ? 0 : static_cast<int>(pollTimeout().count());
-    if (::poll(fds.data(), fds.size(), timeout) < 0 && errno != EINTR)
-      throw ZRError("zrnet", "poll",
-                    std::string("waiting on the sockets failed: ") + std::strerror(errno));
+    if (::poll(fds.data(), fds.size(), timeout) < 0) {
+      if (errno != EINTR)
+        throw ZRError("zrnet", "poll",
+                      std::string("waiting on the sockets failed: ") + std::strerror(errno));
+      for (pollfd& f : fds) f.revents = 0;
+    }
 
     std::uint64_t count;
     if (fds[0].revents & POLLIN) (void)!::read(wakeFd, &count, sizeof count);

@@ -1,6 +1,5 @@
 #include "output.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
@@ -130,7 +129,8 @@ void appendFloat(std::string& out, float f) {
     out += "null";
     return;
   }
-  // What the library's serializer writes for that double, without building one for each number.
+  // What the library's serializer writes for that double (its own formatting function, which
+  // the serializer calls), without building a serializer for each number.
   char text[64];
   out.append(text, nlohmann::detail::to_chars(text, text + sizeof text, shortestDouble(f)));
 }
