@@ -175,12 +175,12 @@ void ZRTransport::Impl::run() {
 
     // A socket read until it had nothing more says so itself next time; one that may hold more
     // than a slice took is asked again.
-    std::vector<Polled*> readable;
     for (Polled& p : polled) {
+      // A peer lost while reading another leaves the map, and the list goes stale.
       if (itemsStale || !p.readable) continue;
       p.readable = false;
       if (p.peer) {
-        readable.push_back(&p);
+        p.dirty = !receiveFromPeer(*p.peer);
       } else if (p.socket == router.get()) {
         p.dirty = !receiveFromRouter();
       } else {
@@ -191,9 +191,6 @@ void ZRTransport::Impl::run() {
           countConnections();
       }
     }
-    // A peer lost while reading another leaves the map (and the polled list goes stale).
-    for (Polled* p : readable)
-      if (!itemsStale) p->dirty = !receiveFromPeer(*p->peer);
     flush();
     timers();
     if (!itemsStale) markUsed();

@@ -34,12 +34,8 @@ void ZRMemoryProxy::declareEvent(const std::string& eventName, const std::string
     detail::ZRModuleAccess::noteDeclaredEvent(*broker, producerName, eventName);
 }
 
-void ZRMemoryProxy::raiseEvent(const std::string& eventName, const ZRValue& value) {
+void ZRMemoryProxy::raiseEvent(const std::string& eventName, ZRValue value) {
   // One way: a memory service on another host is not waited for, event by event.
-  proxy_->send("raiseEvent", zrValues(eventName, value));
-}
-
-void ZRMemoryProxy::raiseEvent(const std::string& eventName, ZRValue&& value) {
   proxy_->send("raiseEvent", zrValues(eventName, std::move(value)));
 }
 

@@ -36,10 +36,8 @@ class ZRMemoryProxy {
   /// Stores `value` under the event's name and notifies the event's subscribers. In process it
   /// returns once the event is queued for them, with the service's error if it fails; to a memory
   /// service on another host it goes one way (ZRProxy::send): an error comes back to this proxy's
-  /// next raiseEvent.
-  void raiseEvent(const std::string& eventName, const ZRValue& value);
-  /// The same, with a value the caller gives away: it goes on without a copy.
-  void raiseEvent(const std::string& eventName, ZRValue&& value);
+  /// next raiseEvent. A value given away (`std::move`, or a temporary) goes on without a copy.
+  void raiseEvent(const std::string& eventName, ZRValue value);
   /// `callbackMethod` of `moduleName` is called as (eventName, value, subscriberIdentifier).
   void subscribeToEvent(const std::string& eventName, const std::string& moduleName,
                         const std::string& callbackMethod);

@@ -105,6 +105,17 @@ nlohmann::ordered_json resultJson(const Result& r) {
   return o;
 }
 
+void appendFloat(std::string& out, float f) {
+  if (!std::isfinite(f)) {
+    out += "null";
+    return;
+  }
+  // What the library's serializer writes for that double (its own formatting function, which
+  // the serializer calls), without building a serializer for each number.
+  char text[64];
+  out.append(text, nlohmann::detail::to_chars(text, text + sizeof text, shortestDouble(f)));
+}
+
 namespace {
 
 // ---- the same line written straight from the record, without building the object
@@ -121,21 +132,6 @@ void appendString(std::string& out, const std::string& s) {
   out += s;
   out += '"';
 }
-
-}  // namespace
-
-void appendFloat(std::string& out, float f) {
-  if (!std::isfinite(f)) {
-    out += "null";
-    return;
-  }
-  // What the library's serializer writes for that double (its own formatting function, which
-  // the serializer calls), without building a serializer for each number.
-  char text[64];
-  out.append(text, nlohmann::detail::to_chars(text, text + sizeof text, shortestDouble(f)));
-}
-
-namespace {
 
 // False for what only the object gets right (a record inside it).
 bool appendValue(std::string& out, const ZR::ZRValue& v) {
@@ -281,7 +277,8 @@ class JsonLinesWriter : public ResultWriter {
  public:
   explicit JsonLinesWriter(std::FILE* out) : ResultWriter(out) {}
   void write(const Result& r) override {
-    const std::string line = jsonLine(r) + "\n";
+    std::string line = jsonLine(r);
+    line += '\n';
     std::fwrite(line.data(), 1, line.size(), out_);
   }
 };
