@@ -47,6 +47,7 @@ void ZRTransport::Impl::sendToRemote(const std::string& identity, Frames frames,
   if ((control ? box.control.empty() : box.empty()) && sendRouted(frames)) return;
   if (!keep) return;
   box.push(std::move(frames), control);
+  loopNeeded = true;
   if (!it->second.full && box.bytes > outboxLimit()) {
     it->second.full = true;
     ZRNET_LOG(vo::LogLevel_Warning)
@@ -236,10 +237,13 @@ void ZRTransport::Impl::dispatch(const std::string& identity, Remote& remote, Me
     if (!self) return;
     std::optional<ZRError> failure;
     if (error) failure = *error;
-    if (std::this_thread::get_id() == self->ioThread.load()) {
+    auto now = [&] {
       self->answered(identity, asked, std::move(result), std::move(failure), *cancelled);
-      return;
-    }
+    };
+    // A call's answer goes out from here when the loop is free: its caller waits for it. The
+    // credits of one-way messages wait for the loop, which gathers many into one message.
+    if (std::this_thread::get_id() == self->ioThread.load()) return now();
+    if (!asked.oneWay && self->runInline(now)) return;
     auto r = std::make_shared<ZRValue>(std::move(result));
     self->post([self, identity, asked, r, failure, cancelled] {
       self->answered(identity, asked, std::move(*r), failure, *cancelled);

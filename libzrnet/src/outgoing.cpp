@@ -31,6 +31,7 @@ void ZRTransport::Impl::startCall(const std::string& endpoint, Message m,
   m.id = nextId++;
   m.seq = nextSeq++;
   peer.pending[m.id] = Pending{promise, m.module, m.method, deadline};
+  if (deadline < wakeAt) loopNeeded = true;  // the loop must wake to time it
   Frames frames;
   try {
     frames = encode(m);
@@ -88,6 +89,7 @@ void ZRTransport::Impl::queue(Peer& peer, Frames frames, bool control) {
   peer.used = true;
   if (peer.outbox.empty() && trySend(*peer.socket, frames)) return;
   peer.outbox.push(std::move(frames), control);
+  loopNeeded = true;
 }
 
 void ZRTransport::Impl::fail(Peer& peer, std::uint64_t id, const ZRError& error) {

@@ -1,5 +1,6 @@
 // The transport's I/O loop and its public face: one thread owns every socket and waits on all of
-// them at once; other threads reach it through a command queue and an eventfd.
+// them at once; other threads reach it through a command queue and an eventfd, or, while it
+// sleeps, send a call or its answer themselves.
 
 #include "transportimpl.h"
 
@@ -142,7 +143,24 @@ void ZRTransport::Impl::markUsed() {
   }
 }
 
+void ZRTransport::Impl::afterInline() {
+  // The loop sleeps on what it saw before this command: it is woken for what the command added
+  // (a socket, a queue left to send, an earlier deadline) or for input a send took the news of.
+  bool wakeLoop = itemsStale || loopNeeded;
+  loopNeeded = false;
+  if (!wakeLoop)
+    for (Polled& p : polled) {
+      if (!p.peer && p.socket != router.get()) continue;
+      bool& used = p.peer ? p.peer->used : routerUsed;
+      if (!used) continue;
+      used = false;
+      if (askReadable(p)) wakeLoop = true;
+    }
+  if (wakeLoop) wake();
+}
+
 void ZRTransport::Impl::run() {
+  std::unique_lock<std::mutex> own(loopMutex);
   ioThread.store(std::this_thread::get_id());
   for (;;) {
     if (itemsStale) rebuildItems();
@@ -150,10 +168,16 @@ void ZRTransport::Impl::run() {
     for (Polled& p : polled)
       if (p.dirty && askReadable(p)) ready = true;
     const int timeout = ready ? 0 : static_cast<int>(pollTimeout().count());
-    if (::poll(fds.data(), fds.size(), timeout) < 0) {
-      if (errno != EINTR)
+    wakeAt = Clock::now() + std::chrono::milliseconds(timeout);
+    loopNeeded = false;
+    own.unlock();
+    const int polledCount = ::poll(fds.data(), fds.size(), timeout);
+    const int pollError = errno;
+    own.lock();
+    if (polledCount < 0) {
+      if (pollError != EINTR)
         throw ZRError("zrnet", "poll",
-                      std::string("waiting on the sockets failed: ") + std::strerror(errno));
+                      std::string("waiting on the sockets failed: ") + std::strerror(pollError));
       for (pollfd& f : fds) f.revents = 0;
     }
 
@@ -334,7 +358,8 @@ std::future<ZRValue> ZRTransport::callAsync(const std::string& endpoint, const s
     m->deadlineMs = static_cast<std::uint32_t>(options.deadline.count());
   }
   Impl* impl = impl_.get();
-  if (!impl_->post([impl, endpoint, m, deadline, promise] {
+  if (!impl->runInline([&] { impl->startCall(endpoint, std::move(*m), deadline, promise); }) &&
+      !impl->post([impl, endpoint, m, deadline, promise] {
         impl->startCall(endpoint, std::move(*m), deadline, promise);
       }))
     promise->set_exception(std::make_exception_ptr(ZRError(module, method, kShuttingDown)));
@@ -361,10 +386,12 @@ void ZRTransport::send(const std::string& endpoint, const std::string& module,
   m->captured = options.captureNs ? net::realtimeOf(options.captureNs) : 0;
   m->args = std::move(args);
   Impl* impl = impl_.get();
+  // One-way messages wait for the loop even when it is free: it sends many in one pass, where
+  // senders each on their own would contend for it message by message.
   if (std::this_thread::get_id() == impl->ioThread.load())
     impl->startSend(endpoint, std::move(*m));
   else
-    impl_->post([impl, endpoint, m] { impl->startSend(endpoint, std::move(*m)); });
+    impl->post([impl, endpoint, m] { impl->startSend(endpoint, std::move(*m)); });
 }
 
 bool ZRTransport::runOnIoThread(std::function<void()> task) {

@@ -153,7 +153,12 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
   std::mutex laneMutex;
   std::map<std::string, Lane> lanes;
 
-  // ---- owned by the I/O thread
+  // ---- the loop's state: all that follows. The I/O thread holds it except while it sleeps in
+  // poll; another thread that finds it free then does its command itself, and wakes the loop
+  // only when that left the loop something to do (`runInline`).
+  std::mutex loopMutex;
+  bool loopNeeded = false;                              // something was left for the loop
+  Clock::time_point wakeAt = Clock::time_point::max();  // when the sleeping loop wakes anyway
   struct Pending {
     std::shared_ptr<std::promise<ZRValue>> promise;
     std::string module, method;
@@ -228,6 +233,26 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
 
   // transport.cpp: the loop and what it owns
   bool post(std::function<void()> command);
+  /// Runs `command` now on this thread, when the loop's state is free and no command queued
+  /// before it waits; false (and `command` not run) otherwise. Such a command must call no
+  /// listener: its caller may hold locks of its own.
+  template <class Command>
+  bool runInline(Command&& command) {
+    if (std::this_thread::get_id() == ioThread.load()) {
+      command();
+      return true;
+    }
+    std::unique_lock<std::mutex> own(loopMutex, std::try_to_lock);
+    if (!own.owns_lock()) return false;
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      if (stopping || !commands.empty()) return false;
+    }
+    command();
+    afterInline();
+    return true;
+  }
+  void afterInline();
   void wake();
   void start();
   void stop();
