@@ -121,13 +121,14 @@ struct ZRTransportExecutors {
 /// Calls to modules of other hosts by endpoint, one-way messages to them, and the calls and
 /// messages of other hosts to this host's modules.
 ///
-/// One I/O thread owns every socket. Incoming calls and messages run on the executors the host
-/// gives, never on the I/O thread (but those of ZRTransportOptions::answeredOnIoThread); those
-/// from one connection to one module start one after another, in order, on one serial executor.
-/// Every member function may be called from any thread at the same time. call() blocks until the
-/// result, an error, the deadline, or the death of the callee (about 3 heartbeats); send() never
-/// blocks; the destructor returns once the I/O thread is gone (it waits for no call in flight,
-/// and fails them).
+/// One I/O thread owns every socket; while it sleeps, a thread that makes a call or answers one
+/// sends it itself under the I/O thread's lock, sparing a wake-up. Incoming calls and messages run
+/// on the executors the host gives, never on the I/O thread (but those of
+/// ZRTransportOptions::answeredOnIoThread); those from one connection to one module start one after
+/// another, in order, on one serial executor. Every member function may be called from any thread
+/// at the same time. call() blocks until the result, an error, the deadline, or the death of the
+/// callee (about 3 heartbeats); send() never blocks; the destructor returns once the I/O thread is
+/// gone (it waits for no call in flight, and fails them).
 class ZRTransport {
  public:
   using Executor = ZRTransportExecutors::Executor;
