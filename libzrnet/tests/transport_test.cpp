@@ -271,6 +271,7 @@ TEST(Transport, ADeadlineFailsTheCallAndTheCalleeNeverRunsIt) {
         return ZRValue(lateRuns.load());
       },
       pool.executor());
+  slow.hostName = "A";
   slow.listen = "";
   ZRTransport caller(slow, noCalls(), pool.executor());
   auto blocked = caller.callAsync(callee.endpoint(), "M", "block", {});
