@@ -148,15 +148,18 @@ void ZRTransport::Impl::afterInline() {
   // (a socket, a queue left to send, an earlier deadline) or for input a send took the news of.
   bool wakeLoop = itemsStale || loopNeeded;
   loopNeeded = false;
-  if (!wakeLoop)
-    for (Polled& p : polled) {
-      if (!p.peer && p.socket != router.get()) continue;
-      bool& used = p.peer ? p.peer->used : routerUsed;
-      if (!used) continue;
-      used = false;
-      if (askReadable(p)) wakeLoop = true;
-    }
+  if (!wakeLoop) {
+    markUsed();
+    wakeLoop = askDirty();
+  }
   if (wakeLoop) wake();
+}
+
+bool ZRTransport::Impl::askDirty() {
+  bool ready = false;
+  for (Polled& p : polled)
+    if (p.dirty && askReadable(p)) ready = true;
+  return ready;
 }
 
 void ZRTransport::Impl::run() {
@@ -164,10 +167,7 @@ void ZRTransport::Impl::run() {
   ioThread.store(std::this_thread::get_id());
   for (;;) {
     if (itemsStale) rebuildItems();
-    bool ready = false;
-    for (Polled& p : polled)
-      if (p.dirty && askReadable(p)) ready = true;
-    const int timeout = ready ? 0 : static_cast<int>(pollTimeout().count());
+    const int timeout = askDirty() ? 0 : static_cast<int>(pollTimeout().count());
     wakeAt = Clock::now() + std::chrono::milliseconds(timeout);
     loopNeeded = false;
     own.unlock();

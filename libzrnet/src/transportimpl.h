@@ -259,6 +259,8 @@ struct ZRTransport::Impl : std::enable_shared_from_this<Impl> {
   void run();
   void rebuildItems();
   bool askReadable(Polled& p);
+  /// Asks every socket that may have taken news unsaid; true when one of them has something.
+  bool askDirty();
   void markUsed();
   std::chrono::milliseconds pollTimeout() const;
   void flush();
