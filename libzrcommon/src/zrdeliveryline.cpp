@@ -36,6 +36,9 @@ ZRDeliveryLine::ZRDeliveryLine(Options options) : options_(std::move(options)) {
   options_.resumeAt = std::min(options_.resumeAt, options_.capacity - 1);
   options_.batch = std::max(1, options_.batch);
   options_.messageBatch = std::max(1, options_.messageBatch);
+  options_.messageMinimum =
+      std::clamp(options_.messageMinimum, 1,
+                 std::min(options_.messageBatch, static_cast<int>(options_.capacity)));
   options_.localWindow = std::max(1, options_.localWindow);
 }
 
@@ -301,7 +304,7 @@ void ZRDeliveryLine::queueLocked(const SubscriberPtr& sub, Entry entry,
   sub->counts->mostQueued =
       std::max(sub->counts->mostQueued, static_cast<std::int64_t>(sub->queue.size()));
   if (sub->remote()) {
-    if (!sub->pumping && !sub->pumpPosted && sub->underWay < sub->window) {
+    if (!sub->pumping && !sub->pumpPosted && sub->mayPump(options_)) {
       if (sub->post)
         postPumpLocked(sub);
       else

@@ -32,6 +32,11 @@ struct ZRDeliveryLine::Subscriber {
   Gone gone;
   ZRDeliveryCounts* counts = nullptr;  // in counts_, which never erases
   bool remote() const { return static_cast<bool>(send); }
+  /// Remote: whether a message may go now (under the line's mutex).
+  bool mayPump(const Options& o) const {
+    return underWay < window &&
+           (underWay == 0 || queue.size() >= static_cast<std::size_t>(o.messageMinimum));
+  }
   // Guarded by the line's mutex.
   std::deque<Entry> queue;
   int underWay = 0;         // local: calls not over; remote: batches unanswered

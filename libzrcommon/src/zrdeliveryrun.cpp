@@ -108,7 +108,7 @@ void ZRDeliveryLine::pump(const SubscriberPtr& sub) {
     std::string method;
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      if (!sub->active || sub->queue.empty() || sub->underWay >= sub->window) {
+      if (!sub->active || sub->queue.empty() || !sub->mayPump(options_)) {
         sub->pumping = false;
         return;
       }

@@ -281,6 +281,28 @@ TEST(ZRDeliveryLine, ARemoteSubscriberGetsBatchesOfOneMethodWithinItsWindowAndWa
   EXPECT_EQ(remote.lossless, (std::vector<bool>(5, false)));
 }
 
+TEST(ZRDeliveryLine, WhileAMessageIsUnansweredTheNextWaitsForItsMinimumButNeverForever) {
+  Line::Options o;
+  o.messageBatch = 3;
+  o.messageMinimum = 3;
+  auto line = std::make_shared<Line>(std::move(o));
+  Remote remote;
+  ASSERT_TRUE(line->addRemote("r", remote.send(), 4));
+  for (int i = 1; i <= 3; ++i) line->publish(call(i));
+  EXPECT_EQ(remote.batches(), (std::vector<std::vector<int>>{{1}}));
+  line->publish(call(4));
+  line->publish(call(5));
+  EXPECT_EQ(remote.batches(), (std::vector<std::vector<int>>{{1}, {2, 3, 4}}));
+  // Once nothing is unanswered, what waits goes, however little.
+  remote.answer(0);
+  EXPECT_EQ(remote.batches().size(), 2u);
+  remote.answer(1);
+  EXPECT_EQ(remote.batches().back(), (std::vector<int>{5}));
+  remote.answer(2);
+  EXPECT_TRUE(line->waitUntilIdle(10s));
+  EXPECT_EQ(countsOf(*line, "r"), (Counts{5, 0, 0, 3}));
+}
+
 TEST(ZRDeliveryLine, ALosslessDeliveryIsHeldUntilWhatItQueuedIsDeliveredAndLosesNothing) {
   Manual run;
   auto events = makeLine(ZRDeliveryPolicy::DropOldest, 2);

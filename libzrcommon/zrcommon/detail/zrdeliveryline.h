@@ -125,6 +125,10 @@ class ZRDeliveryLine : public std::enable_shared_from_this<ZRDeliveryLine> {
     std::size_t resumeAt = 16;
     int batch = 1;  ///< local: calls one task runs before it lets other work onto the executor
     int messageBatch = 1;  ///< remote: calls one message may carry, when more wait
+    /// Remote: while a message is unanswered, the next waits until this many calls wait for it
+    /// (fewer messages, each carrying more, for a stream that is not waited for call by call).
+    /// With none unanswered a call goes at once, so nothing waits for a call that never comes.
+    int messageMinimum = 1;
     /// Local: calls one subscriber may have running or waiting for what they set off.
     int localWindow = 8;
     bool losslessDeliveries = false;

@@ -11,6 +11,12 @@
 
 namespace ZR {
 
+namespace {
+// A file's buffers go to another host at least this many to a message while one is on its way:
+// a message costs both hosts far more than the bytes of a buffer.
+const int kFileMessageMinimum = 4;
+}  // namespace
+
 std::shared_ptr<ZRAudioLine> makeAudioLine(const std::string& deviceName,
                                            const ZRAudioDeviceOptions& options,
                                            const std::weak_ptr<ZRAudioDevice::Core>& core) {
@@ -34,6 +40,7 @@ std::shared_ptr<ZRAudioLine> makeAudioLine(const std::string& deviceName,
   // dropped, and paces the file back. Buffers that waited go to another host several at a time.
   o.losslessDeliveries = !options.isLive();
   o.messageBatch = 32;
+  o.messageMinimum = options.isLive() ? 1 : kFileMessageMinimum;
   o.category = kAudioDeviceCategory;
   o.publishFunction = "publish";
   o.deliverFunction = "deliver";
