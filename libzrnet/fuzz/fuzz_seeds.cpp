@@ -1,5 +1,6 @@
 // Writes the fuzzer's seed corpus into the given folder: one file per golden message, and messages
-// at the decoder's bounds (declared sizes against the bytes left, fan-outs, other versions).
+// at the decoder's bounds (declared sizes against the bytes left, fan-outs, packed binaries,
+// other versions).
 
 #include <cstdio>
 #include <fstream>
@@ -32,6 +33,9 @@ int main(int argc, char** argv) {
   seeds.emplace_back("bound-fan-out", fanOut + "9592a141a142909090" + "90");
   seeds.emplace_back("bound-fan-out-over", fanOut + "dc0021dc0020" + ZR::net::repeat("a141", 32) +
                                                ZR::net::repeat("90", 32));
+  seeds.emplace_back("bound-packed",
+                     call + "92c70c01000000000000000000000003c70c01000000000000000800000001|" +
+                         "010203000000000009");
   seeds.emplace_back("bound-version",
                      "5a52010200|85a2696407a373657101a66d6f64756c65a14da66d65"
                      "74686f64a16da663616c6c6572a163|90");

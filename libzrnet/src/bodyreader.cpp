@@ -155,11 +155,15 @@ ZRValue BodyReader::value(std::size_t depth) {
         const std::size_t size = marker <= 0xc9 ? bigEndian(std::size_t(1) << (marker - 0xc7))
                                                 : std::size_t(1) << (marker - 0xd4);
         const auto type = static_cast<std::int8_t>(*take(1));
-        if (type != 1 || size != 8)
+        if (type != 1 || (size != 8 && size != 12))
           fail("unknown extension type " + std::to_string(type) + " of " + std::to_string(size) +
                " bytes");
-        const auto index = static_cast<std::uint32_t>(bigEndian(4));
-        return binary_(index, static_cast<std::uint32_t>(bigEndian(4)));
+        BinaryRef ref;
+        ref.index = static_cast<std::uint32_t>(bigEndian(4));
+        ref.slice = size == 12;
+        if (ref.slice) ref.offset = static_cast<std::uint32_t>(bigEndian(4));
+        ref.size = static_cast<std::uint32_t>(bigEndian(4));
+        return binary_(ref);
       }
       case 0xc4:
       case 0xc5:

@@ -23,10 +23,15 @@ constexpr std::size_t kMaxDepth = 32;
 
 class BodyReader {
  public:
-  /// `fail` throws with the description it is given; `binary` resolves a binary reference (frame
-  /// index, declared size) to its value, or fails.
+  /// A binary reference: a whole frame (index, declared size), or `size` bytes at `offset` in it.
+  struct BinaryRef {
+    std::uint32_t index = 0, offset = 0, size = 0;
+    bool slice = false;
+  };
+  /// `fail` throws with the description it is given; `binary` resolves a binary reference to its
+  /// value, or fails.
   using Fail = std::function<void(const std::string&)>;
-  using Binary = std::function<ZRValue(std::uint32_t index, std::uint32_t size)>;
+  using Binary = std::function<ZRValue(const BinaryRef&)>;
   BodyReader(const void* data, std::size_t size, Fail fail, Binary binary);
 
   ZRValue value();

@@ -102,6 +102,15 @@ def test_golden_values(label, value):
     assert plain(w.decode(frames).body) == value
 
 
+def test_blocks_packed_in_one_frame_are_views_into_it():
+    # What a C++ host sends for several small buffers: one frame, each block at a multiple of 8.
+    frame = bytes(range(1, 4)) + bytes(5) + b"\x09"
+    body = H("92" "c70c01000000000000000000000003" "c70c01000000000000000800000001")
+    m = w.decode(REPLY + [body, frame])
+    assert plain(m.body) == [b"\x01\x02\x03", b"\x09"]
+    assert m.body[1].obj is m.body[0].obj  # both read the received frame
+
+
 def test_values_no_value_can_hold_are_refused_before_sending():
     for bad, text in [(2**31, "does not fit in 32 bits"), (-(2**31) - 1, "does not fit"),
                       ({"a": 1}, "a dict cannot be sent"), (object(), "cannot be sent")]:
@@ -130,6 +139,8 @@ BAD = [
     (REPLY + [H("d7010000000100000001"), H("01")], "names frame 1"),
     (REPLY + [H("d7010000000000000002"), H("01")], "declares 2 bytes"),
     (REPLY + [H("c0"), H("01")], "not referenced"),
+    (REPLY + [H("c70c01000000000000000100000001"), H("0102")], "not a multiple of 8"),
+    (REPLY + [H("c70c01000000000000000000000003"), H("0102")], "declares 3 bytes at byte 0"),
     (REPLY + [H("ce80000000")], "outside 32 bits"),
     (REPLY + [H("91" * 40 + "c0")], "nested"),
     ([H("5a52020200"), H("85a2696407a373657101a66d6f64756c65a14da66d6574686f64a16da663616c6c6572a163"),

@@ -141,11 +141,12 @@ def _unpack_one(data, what):
 
 
 class _BinRef:
-    __slots__ = ("index", "size")
+    __slots__ = ("index", "offset", "size")
 
-    def __init__(self, index, size):
+    def __init__(self, index, size, offset=None):
         self.index = index
         self.size = size
+        self.offset = offset  # None: the whole frame
 
 
 class _BadExt:
@@ -159,6 +160,9 @@ class _BadExt:
 def _ext_hook(code, data):
     if code == BINARY_EXT and len(data) == 8:
         return _BinRef(*struct.unpack(">II", data))
+    if code == BINARY_EXT and len(data) == 12:  # a block packed with others in one frame
+        index, offset, size = struct.unpack(">III", data)
+        return _BinRef(index, size, offset)
     return _BadExt(code, len(data))
 
 
@@ -191,11 +195,18 @@ def _to_value(obj, blocks, used):
             raise WireError("a binary value names frame %d, the message has %d binary frame(s)"
                             % (obj.index, len(blocks)))
         view = blocks[obj.index]
-        if len(view) != obj.size:
-            raise WireError("a binary value declares %d bytes, its frame has %d"
-                            % (obj.size, len(view)))
         used.add(obj.index)
-        return view
+        if obj.offset is None:
+            if len(view) != obj.size:
+                raise WireError("a binary value declares %d bytes, its frame has %d"
+                                % (obj.size, len(view)))
+            return view
+        if obj.offset % 8:
+            raise WireError("a binary value starts at byte %d, not a multiple of 8" % obj.offset)
+        if obj.offset + obj.size > len(view):
+            raise WireError("a binary value declares %d bytes at byte %d, its frame has %d"
+                            % (obj.size, obj.offset, len(view)))
+        return view[obj.offset:obj.offset + obj.size]
     if isinstance(obj, list):
         return [_to_value(x, blocks, used) for x in obj]
     if isinstance(obj, dict):
