@@ -1,7 +1,7 @@
 #pragma once
 
-// The wire codec: one protocol message <-> the ZeroMQ frames that carry it. Internal to zrnet;
-// docs/protocol.md is the contract this file implements.
+// The wire codec: one protocol message <-> the ZeroMQ frames that carry it (wireencode.cpp,
+// wire.cpp). Internal to zrnet; docs/protocol.md is the contract it implements.
 
 #include <cstddef>
 #include <cstdint>
@@ -39,6 +39,10 @@ enum class MsgType : std::uint8_t {
 };
 /// "hello", "call", ...; "unknown" for anything else.
 const char* msgTypeName(MsgType type) noexcept;
+/// Whether a message of this type carries arguments in its body.
+inline bool hasArgs(MsgType t) {
+  return t == MsgType::Call || t == MsgType::Data;
+}
 
 /// One protocol message. Which fields travel depends on the type (see docs/protocol.md); the
 /// others stay at their defaults.
