@@ -209,25 +209,26 @@ Frames encode(const Message& m) {
   msgpack::sbuffer body;
   Packer bodyPacker(body);
   Frames binaries;
+  // What the body carries: a call's or data message's arguments, a reply's result.
+  auto forBodyValues = [&m](auto&& f) {
+    if (hasArgs(m.type))
+      for (const ZRValue& a : m.args) f(a);
+    else if (m.type == MsgType::Reply)
+      f(m.value);
+  };
   Pack pack;
-  if (hasArgs(m.type))
-    for (const ZRValue& a : m.args) pack.count(a);
-  else if (m.type == MsgType::Reply)
-    pack.count(m.value);
+  forBodyValues([&](const ZRValue& v) { pack.count(v); });
   zmq::message_t packed;
   if (pack.blocks >= 2 && pack.bytes >= kPackAtLeast) {
     packed.rebuild(pack.bytes);
     std::memset(packed.data(), 0, pack.bytes);  // the padding too: no stray bytes go out
     pack.frame = &packed;
   }
-  if (hasArgs(m.type)) {
+  if (hasArgs(m.type))
     bodyPacker.pack_array(static_cast<std::uint32_t>(m.args.size()));
-    for (const ZRValue& a : m.args) packValue(bodyPacker, body, a, binaries, pack);
-  } else if (m.type == MsgType::Reply) {
-    packValue(bodyPacker, body, m.value, binaries, pack);
-  } else {
+  else if (m.type != MsgType::Reply)
     bodyPacker.pack_nil();
-  }
+  forBodyValues([&](const ZRValue& v) { packValue(bodyPacker, body, v, binaries, pack); });
   frames.push_back(bufferFrame(body));
   if (pack.frame) frames.push_back(std::move(packed));
   for (auto& b : binaries) frames.push_back(std::move(b));
